@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs every Debian package Hollowmere needs to build, run and test.
+# Safe to run again: apt-get skips what is already there.
+set -euo pipefail
+
+packages=(
+  # build
+  build-essential cmake ninja-build pkg-config clang-format
+  qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev libgl-dev
+  libsecret-1-dev libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
+  libssl-dev libcpp-httplib-dev
+  # run
+  openvpn iproute2 dbus dbus-x11 systemd procps psmisc
+  # test-only: real Secret Service, notification daemon, certificates, display
+  gnome-keyring libsecret-tools dunst openssl xvfb xauth
+  # sanitizer runtime
+  libclang-rt-14-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$p")
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo_cmd=()
+  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+  export DEBIAN_FRONTEND=noninteractive
+  "${sudo_cmd[@]}" apt-get update -q
+  "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,50 @@
+// The error value every completion carries.
+//
+// Domain, integer code, an optional description and an optional failure reason, printed
+// everywhere as "description [domain](code)". The application's own domain is "hmwisp";
+// transport layers use their own ("sockets", the URL-loading domain). Completions take
+// `const HMMaybeError &`: no value means success.
+#pragma once
+
+#include <QString>
+#include <QVariantMap>
+#include <optional>
+
+class HMError
+{
+public:
+    static const QString kAppDomain; // "hmwisp"
+    static const QString kDescriptionKey;
+    static const QString kFailureReasonKey;
+
+    HMError(const QString &domain, long code, const QString &description = QString(),
+            const QString &reason = QString());
+
+    static HMError errorWithDescription(const QString &description);
+    static HMError errorWithCode(long code, const QString &description,
+                                 const QString &reason = QString());
+    static HMError errorWithDomain(const QString &domain, long code, const QString &description,
+                                   const QString &reason = QString());
+
+    const QString &domain() const { return m_domain; }
+    long code() const { return m_code; }
+    // The description as shown to users; empty when none was given.
+    QString localizedDescription() const { return m_description; }
+    QString failureReason() const { return m_reason; }
+    bool hasDescription() const { return !m_description.isNull(); }
+    bool hasFailureReason() const { return !m_reason.isNull(); }
+    // Holds the description and reason only where they were given.
+    QVariantMap userInfo() const;
+    // "%@ [%@](%ld)": what every log line that prints an error shows.
+    QString description() const;
+
+    bool operator==(const HMError &other) const;
+
+private:
+    QString m_domain;
+    long m_code = 0;
+    QString m_description;
+    QString m_reason;
+};
+
+using HMMaybeError = std::optional<HMError>;
