@@ -2,6 +2,7 @@
 #include "HMBundleInfo.h"
 #include "HMMenuBarItemController.h"
 #include "HMPreferenceStore.h"
+#include "HMScreenInfo.h"
 #include "HMTestEnvironment.h"
 
 #include <QAction>
@@ -9,6 +10,7 @@
 #include <QDir>
 #include <QMenu>
 #include <QProcess>
+#include <QScreen>
 #include <QSignalSpy>
 #include <QtTest>
 #include <csignal>
@@ -20,6 +22,7 @@ class HMAppDelegateTest : public QObject
 private Q_SLOTS:
     void initTestCase();
     void startUpMigratesAndShowsTrayItem();
+    void retinaFollowsDevicePixelRatio();
     void terminationSignalQuitsCleanly_data();
     void terminationSignalQuitsCleanly();
 
@@ -53,6 +56,13 @@ void HMAppDelegateTest::startUpMigratesAndShowsTrayItem()
     const QList<QAction *> actions = delegate.menuBarItemController()->menu()->actions();
     QVERIFY(!actions.isEmpty());
     QCOMPARE(actions.last()->text(), QStringLiteral("Quit Hollowmere"));
+}
+
+void HMAppDelegateTest::retinaFollowsDevicePixelRatio()
+{
+    // The offscreen platform reports a ratio of 1 unless told otherwise.
+    QCOMPARE(is_retina(), qApp->primaryScreen()->devicePixelRatio() >= 2.0);
+    QVERIFY(!is_retina());
 }
 
 void HMAppDelegateTest::terminationSignalQuitsCleanly_data()
