@@ -26,14 +26,29 @@ SimplePingHelper::~SimplePingHelper()
 
 void SimplePingHelper::go()
 {
-    if (m_simplePing) {
+    if (m_running || m_started) {
         return;
     }
-    m_simplePing = SimplePing::simplePingWithHostName(m_host);
-    m_simplePing->setParent(this);
-    m_simplePing->setDelegate(this);
-    m_simplePing->start();
+    m_started = true;
+    m_running = true;
     QPointer<SimplePingHelper> self(this);
+    if (m_host.isEmpty()) {
+        // Server records come from the network and may lack a host. Such a probe fails as
+        // an unresolvable name would, on the next pass of the event loop.
+        QMetaObject::invokeMethod(
+            this,
+            [self] {
+                if (self && self->m_running) {
+                    self->failPing(QStringLiteral("didFailWithError"));
+                }
+            },
+            Qt::QueuedConnection);
+    } else {
+        m_simplePing = SimplePing::simplePingWithHostName(m_host);
+        m_simplePing->setParent(this);
+        m_simplePing->setDelegate(this);
+        m_simplePing->start();
+    }
     m_clock.singleShot(kTimeoutMs, this, [self] {
         self->endTime();
         // The failure callback may have deleted the probe already.
@@ -45,6 +60,7 @@ void SimplePingHelper::go()
 
 void SimplePingHelper::killPing()
 {
+    m_running = false;
     if (!m_simplePing) {
         return;
     }
@@ -115,7 +131,7 @@ void SimplePingHelper::failPing(const QString &reason)
 
 void SimplePingHelper::endTime()
 {
-    if (m_simplePing) {
+    if (m_running) {
         failPing(QStringLiteral("timeout"));
     }
 }

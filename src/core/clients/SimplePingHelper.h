@@ -51,7 +51,7 @@ public:
 
     QString host() const { return m_host; }
     // True from go() until the one callback (or killPing).
-    bool isRunning() const { return m_simplePing != nullptr; }
+    bool isRunning() const { return m_running; }
     // Why the probe failed ("didFailWithError", "didFailToSendPacket", "timeout"), for
     // diagnostics by the code that holds the probe; never shown to users.
     QString failureReason() const { return m_failureReason; }
@@ -74,7 +74,9 @@ private:
     SuccessCallback m_success;
     FailureCallback m_failure;
     HMClock &m_clock;
-    SimplePing *m_simplePing = nullptr;
+    SimplePing *m_simplePing = nullptr; // absent for a probe of an empty host name
+    bool m_started = false;
+    bool m_running = false;
     qint64 m_pingStartNs = 0;
     qint64 m_pingEndNs = 0;
     QString m_failureReason;
