@@ -3,6 +3,8 @@
 #include "HMReachabilityManager.h"
 #include "HMTestEnvironment.h"
 
+#include <QDir>
+#include <QFileInfo>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QtTest>
@@ -83,6 +85,20 @@ private:
         }
     }
 
+    // A run that crashed could not delete its namespace; its pid names it.
+    static void removeNamespacesOfDeadRuns()
+    {
+        const QStringList names =
+            QDir(QStringLiteral("/run/netns")).entryList({"hmreach-*"}, QDir::Files);
+        for (const QString &name : names) {
+            const QString pid = name.mid(name.indexOf(QLatin1Char('-')) + 1);
+            if (!QFileInfo::exists(QStringLiteral("/proc/") + pid)) {
+                QProcess::execute(QStringLiteral("ip"),
+                                  {QStringLiteral("netns"), QStringLiteral("del"), name});
+            }
+        }
+    }
+
     // Returns once the source has looked at everything the kernel announced so far: an
     // unrelated change goes in last, and a report after it covers all that came before.
     bool settle()
@@ -105,6 +121,7 @@ private Q_SLOTS:
             QSKIP(
                 "needs root and network namespaces (ip netns); run as root to exercise the kernel");
         }
+        removeNamespacesOfDeadRuns();
         const QString name = QStringLiteral("hmreach-%1").arg(getpid());
         QCOMPARE(QProcess::execute(QStringLiteral("ip"),
                                    {QStringLiteral("netns"), QStringLiteral("add"), name}),
