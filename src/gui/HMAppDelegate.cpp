@@ -13,8 +13,7 @@
 
 HMAppDelegate::HMAppDelegate(HMPreferenceStore &store, QObject *parent)
     : QObject(parent), m_store(store)
-{
-}
+{}
 
 HMAppDelegate::~HMAppDelegate() = default;
 

@@ -26,8 +26,9 @@ protected:
     {
         spdlog::memory_buf_t formatted;
         formatter_->format(msg, formatted);
-        captured.append(QString::fromUtf8(formatted.data(), static_cast<qsizetype>(formatted.size()))
-                            .trimmed());
+        captured.append(
+            QString::fromUtf8(formatted.data(), static_cast<qsizetype>(formatted.size()))
+                .trimmed());
     }
     void flush_() override {}
 };

@@ -35,9 +35,10 @@ void HMManualClock::advance(qint64 ms)
 {
     const qint64 target = m_elapsedMs + ms;
     for (;;) {
-        auto due = std::min_element(m_timers.begin(), m_timers.end(), [](const Timer &a, const Timer &b) {
-            return a.dueMs != b.dueMs ? a.dueMs < b.dueMs : a.id < b.id;
-        });
+        auto due =
+            std::min_element(m_timers.begin(), m_timers.end(), [](const Timer &a, const Timer &b) {
+                return a.dueMs != b.dueMs ? a.dueMs < b.dueMs : a.id < b.id;
+            });
         if (due == m_timers.end() || due->dueMs > target) {
             break;
         }

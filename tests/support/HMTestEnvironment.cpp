@@ -33,7 +33,8 @@ bool canUseNetworkNamespaces()
         return false;
     }
     const QString name = QStringLiteral("hmprobe%1").arg(getpid());
-    const int added = QProcess::execute(QStringLiteral("ip"), {QStringLiteral("netns"), QStringLiteral("add"), name});
+    const int added = QProcess::execute(QStringLiteral("ip"),
+                                        {QStringLiteral("netns"), QStringLiteral("add"), name});
     if (added != 0) {
         return false;
     }
@@ -45,7 +46,8 @@ QString findProgram(const QString &name)
 {
     QString found = QStandardPaths::findExecutable(name);
     if (found.isEmpty()) {
-        found = QStandardPaths::findExecutable(name, {QStringLiteral("/usr/sbin"), QStringLiteral("/sbin")});
+        found = QStandardPaths::findExecutable(
+            name, {QStringLiteral("/usr/sbin"), QStringLiteral("/sbin")});
     }
     return found;
 }

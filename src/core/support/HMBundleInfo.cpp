@@ -31,7 +31,9 @@ QString app_bundle_identifier()
 
 QString platform_id()
 {
-    struct utsname name {};
+    struct utsname name
+    {
+    };
     if (uname(&name) != 0) {
         return QString();
     }

@@ -7,8 +7,7 @@ const QString HMError::kFailureReasonKey = QStringLiteral("NSLocalizedFailureRea
 HMError::HMError(const QString &domain, long code, const QString &description,
                  const QString &reason)
     : m_domain(domain), m_code(code), m_description(description), m_reason(reason)
-{
-}
+{}
 
 HMError HMError::errorWithDescription(const QString &description)
 {

@@ -102,9 +102,11 @@ int flagForLevel(spdlog::level::level_enum level)
 void HMSpdlogFormatter::format(const spdlog::details::log_msg &msg, spdlog::memory_buf_t &dest)
 {
     HMLogMessage message;
-    message.text = QString::fromUtf8(msg.payload.data(), static_cast<qsizetype>(msg.payload.size()));
+    message.text =
+        QString::fromUtf8(msg.payload.data(), static_cast<qsizetype>(msg.payload.size()));
     message.flag = flagForLevel(msg.level);
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(msg.time.time_since_epoch());
+    const auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(msg.time.time_since_epoch());
     message.timestamp = QDateTime::fromMSecsSinceEpoch(ms.count());
     message.file = QString::fromUtf8(msg.source.filename ? msg.source.filename : "");
     message.line = static_cast<unsigned>(msg.source.line);

@@ -83,8 +83,7 @@ std::shared_ptr<HMRollingFileSink> initializeLogging(const QString &directory, H
 {
     const QString folder = directory.isEmpty() ? logsDirectory() : directory;
     QDir().mkpath(folder);
-    auto sink = std::make_shared<HMRollingFileSink>(folder, kMaximumFileSize,
-                                                    kRollingFrequencySecs,
+    auto sink = std::make_shared<HMRollingFileSink>(folder, kMaximumFileSize, kRollingFrequencySecs,
                                                     kMaximumNumberOfLogFiles, clock);
     sink->set_formatter(std::make_unique<HMSpdlogFormatter>());
     QMutexLocker locker(&g_mutex);

@@ -100,7 +100,8 @@ void keepDamagedCopy(QIODevice &device, const QString &why)
         HMLogError(QStringLiteral("Preference store unreadable (%1); starting empty").arg(why));
         return;
     }
-    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss-zzz"));
+    const QString stamp =
+        QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss-zzz"));
     const QString copy = path + QStringLiteral(".damaged-") + stamp;
     // A copy, not a rename: QSettings still holds the original open and rewrites it later.
     if (QFile::copy(path, copy)) {
@@ -109,8 +110,9 @@ void keepDamagedCopy(QIODevice &device, const QString &why)
         QMutexLocker locker(&g_damagedMutex);
         g_damagedCopies.append(copy);
     } else {
-        HMLogError(QStringLiteral("Preference store %1 is damaged (%2) and could not be copied aside")
-                       .arg(path, why));
+        HMLogError(
+            QStringLiteral("Preference store %1 is damaged (%2) and could not be copied aside")
+                .arg(path, why));
     }
 }
 
@@ -151,9 +153,8 @@ bool writeJsonSettings(QIODevice &device, const QSettings::SettingsMap &map)
 
 QSettings::Format HMPreferenceStore::jsonFormat()
 {
-    static const QSettings::Format format =
-        QSettings::registerFormat(QStringLiteral("json"), readJsonSettings, writeJsonSettings,
-                                  Qt::CaseSensitive);
+    static const QSettings::Format format = QSettings::registerFormat(
+        QStringLiteral("json"), readJsonSettings, writeJsonSettings, Qt::CaseSensitive);
     return format;
 }
 

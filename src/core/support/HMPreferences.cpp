@@ -85,7 +85,8 @@ void migratePreferencesFromOlderVersions(HMPreferenceStore &store)
         // An absent legacy value removes "notificationsEnabled"; the default below then turns
         // a stray false into true. That override is intended: only "enabled" carries a
         // choice from the older generation.
-        store.setValue(QStringLiteral("notificationsEnabled"), store.value(QStringLiteral("enabled")));
+        store.setValue(QStringLiteral("notificationsEnabled"),
+                       store.value(QStringLiteral("enabled")));
         store.remove(QStringLiteral("enabled"));
         if (!store.value(QStringLiteral("notificationsEnabled")).isValid()) {
             store.setValue(QStringLiteral("notificationsEnabled"), true);

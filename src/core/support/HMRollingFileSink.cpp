@@ -50,8 +50,9 @@ void HMRollingFileSink::rollLogFile()
 
 QStringList HMRollingFileSink::sortedPathsLocked() const
 {
-    const QStringList names = QDir(m_directory).entryList(
-        {kPrefix + QLatin1Char('*') + kSuffix}, QDir::Files, QDir::Name);
+    const QStringList names =
+        QDir(m_directory)
+            .entryList({kPrefix + QLatin1Char('*') + kSuffix}, QDir::Files, QDir::Name);
     QStringList paths;
     // The time stamp in the name sorts lexically; the live file is the newest by construction.
     for (auto it = names.crbegin(); it != names.crend(); ++it) {
@@ -95,8 +96,9 @@ void HMRollingFileSink::openNewFileLocked()
     QString path = QDir(m_directory).filePath(kPrefix + now.toString(kStampFormat) + kSuffix);
     // Two rolls within one millisecond (only a virtual clock manages that) get a counter.
     for (int n = 1; QFileInfo::exists(path); ++n) {
-        path = QDir(m_directory).filePath(kPrefix + now.toString(kStampFormat) +
-                                          QStringLiteral("-%1").arg(n) + kSuffix);
+        path = QDir(m_directory)
+                   .filePath(kPrefix + now.toString(kStampFormat) + QStringLiteral("-%1").arg(n) +
+                             kSuffix);
     }
     m_file = std::fopen(QFile::encodeName(path).constData(), "ab");
     m_path = m_file ? path : QString();

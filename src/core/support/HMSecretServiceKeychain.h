@@ -1,0 +1,25 @@
+// HMKeychain over the desktop's Secret Service (GNOME Keyring, KWallet), through libsecret's
+// synchronous password calls.
+//
+// Calls block the calling thread for one D-Bus round trip; a locked collection may make the
+// Secret Service show its unlock prompt first. Errors keep libsecret's message and use the
+// domain "secret-service" with the GLib error code.
+#pragma once
+
+#include "HMKeychain.h"
+
+class HMSecretServiceKeychain : public HMKeychain
+{
+public:
+    static const QString kErrorDomain; // "secret-service"
+
+    // The process-wide keychain the application uses.
+    static HMSecretServiceKeychain &shared();
+
+    QString passwordForService(const QString &service, const QString &account,
+                               HMMaybeError *error = nullptr) override;
+    bool setPassword(const QString &password, const QString &service, const QString &account,
+                     HMMaybeError *error = nullptr) override;
+    bool deletePassword(const QString &service, const QString &account,
+                        HMMaybeError *error = nullptr) override;
+};

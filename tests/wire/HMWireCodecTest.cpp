@@ -1,0 +1,131 @@
+// The payload codec: faithful round trips and the structural checks the helper relies on.
+#include "HMWireCodec.h"
+
+#include <QCborArray>
+#include <QtTest>
+
+namespace {
+
+QByteArray nestedArrays(int depth)
+{
+    // {"a": [[[ ... ]]]} with `depth` arrays: the map itself is one more level.
+    QByteArray bytes = QByteArray::fromHex("a16161");
+    bytes.append(QByteArray(depth, '\x81'));
+    bytes.append('\x01');
+    return bytes;
+}
+
+} // namespace
+
+class HMWireCodecTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void requestRoundTripsWithItsTypes()
+    {
+        const QStringList vpnConfig{QStringLiteral("--cd"), QStringLiteral("/usr/share/hollowmere"),
+                                    QStringLiteral("--management"), QStringLiteral("127.0.0.1"),
+                                    QStringLiteral("5678")};
+        const QVariantMap daemonConfig{
+            {QStringLiteral("openVPNPath"), QStringLiteral("/usr/libexec/hollowmere/openvpn")},
+            {QStringLiteral("dnsProxyPath"), QStringLiteral("/usr/libexec/hollowmere/wisproute")}};
+        const QVariantMap request{
+            {QStringLiteral("action"), QStringLiteral("startVPN")},
+            {QStringLiteral("params"), QVariantMap{{QStringLiteral("daemonConfig"), daemonConfig},
+                                                   {QStringLiteral("vpnConfig"), vpnConfig}}},
+            {QStringLiteral("flag"), true},
+            {QStringLiteral("count"), 5678},
+            {QStringLiteral("text with ünïcode"), QStringLiteral("→")},
+        };
+
+        HMWireMaybeError error;
+        const std::optional<QVariantMap> decoded =
+            decode_variant_dictionary(encode_dictionary(request), &error);
+        QCOMPARE(error, HMWireMaybeError());
+        QVERIFY(decoded.has_value());
+        QCOMPARE(decoded->value(QStringLiteral("action")).toString(), QStringLiteral("startVPN"));
+        const QVariantMap params = decoded->value(QStringLiteral("params")).toMap();
+        QCOMPARE(params.value(QStringLiteral("vpnConfig")).toStringList(), vpnConfig);
+        QCOMPARE(params.value(QStringLiteral("daemonConfig")).toMap(), daemonConfig);
+        QCOMPARE(decoded->value(QStringLiteral("flag")).typeId(), QMetaType::Bool);
+        QCOMPARE(decoded->value(QStringLiteral("flag")).toBool(), true);
+        QCOMPARE(decoded->value(QStringLiteral("count")).toLongLong(), 5678);
+        QCOMPARE(decoded->value(QStringLiteral("text with ünïcode")).toString(),
+                 QStringLiteral("→"));
+    }
+
+    void acceptsNestingUpToTheLimit()
+    {
+        HMWireMaybeError error;
+        QVERIFY(decode_dictionary(nestedArrays(kHMWireMaxNesting - 1), &error).has_value());
+        QCOMPARE(error, HMWireMaybeError());
+    }
+
+    void acceptsIndefiniteLengthContainers()
+    {
+        // {_ "action": "stopVPN"} with a break byte instead of a count.
+        HMWireMaybeError error;
+        const auto map =
+            decode_dictionary(QByteArray::fromHex("bf66616374696f6e6773746f7056504eff"), &error);
+        QVERIFY(map.has_value());
+        QCOMPARE(map->value(QStringLiteral("action")).toString(), QStringLiteral("stopVPN"));
+    }
+
+    void rejectsBadPayloads_data()
+    {
+        QTest::addColumn<QByteArray>("payload");
+        QTest::addColumn<long>("code");
+        QTest::newRow("empty") << QByteArray() << long(HMWire::PayloadMalformed);
+        QTest::newRow("array") << QByteArray::fromHex("8101") << long(HMWire::PayloadNotMap);
+        QTest::newRow("text") << QByteArray::fromHex("6161") << long(HMWire::PayloadNotMap);
+        QTest::newRow("integer") << QByteArray::fromHex("01") << long(HMWire::PayloadNotMap);
+        QTest::newRow("null") << QByteArray::fromHex("f6") << long(HMWire::PayloadNotMap);
+        QTest::newRow("integer key")
+            << QByteArray::fromHex("a10101") << long(HMWire::PayloadNotMap);
+        QTest::newRow("nested integer key")
+            << QByteArray::fromHex("a16170a10101") << long(HMWire::PayloadNotMap);
+        QTest::newRow("tagged value")
+            << QByteArray::fromHex("a16161c11a5f5e1000") << long(HMWire::PayloadNotMap);
+        QTest::newRow("map cut short")
+            << QByteArray::fromHex("a2616101") << long(HMWire::PayloadMalformed);
+        QTest::newRow("text cut short")
+            << QByteArray::fromHex("a1616166616263") << long(HMWire::PayloadMalformed);
+        QTest::newRow("bytes after the map")
+            << QByteArray::fromHex("a1616101ff") << long(HMWire::PayloadMalformed);
+        QTest::newRow("second map")
+            << QByteArray::fromHex("a0a0") << long(HMWire::PayloadMalformed);
+        QTest::newRow("reserved byte")
+            << QByteArray::fromHex("a16161fc") << long(HMWire::PayloadMalformed);
+        QTest::newRow("invalid UTF-8 value")
+            << QByteArray::fromHex("a1616162c328") << long(HMWire::PayloadMalformed);
+        QTest::newRow("one level too deep")
+            << nestedArrays(kHMWireMaxNesting) << long(HMWire::PayloadTooDeep);
+        // Far beyond any stack: must be refused by counting, not by crashing.
+        QTest::newRow("a megabyte of nesting")
+            << nestedArrays(1024 * 1024) << long(HMWire::PayloadTooDeep);
+    }
+    void rejectsBadPayloads()
+    {
+        QFETCH(QByteArray, payload);
+        QFETCH(long, code);
+        HMWireMaybeError error;
+        QVERIFY(!decode_dictionary(payload, &error).has_value());
+        QVERIFY(error.has_value());
+        QCOMPARE(error->domain, QStringLiteral("wire"));
+        QCOMPARE(error->code, code);
+        QVERIFY(!error->description.isEmpty());
+    }
+
+    void limitIsTheCallersChoice()
+    {
+        const QByteArray payload = QByteArray::fromHex("a16161a1616281a0"); // {"a": {"b": [{}]}}
+        HMWireMaybeError error;
+        QVERIFY(decode_dictionary(payload, &error, 4).has_value());
+        QVERIFY(!decode_dictionary(payload, &error, 3).has_value());
+        QCOMPARE(error->code, long(HMWire::PayloadTooDeep));
+    }
+};
+
+QTEST_GUILESS_MAIN(HMWireCodecTest)
+#include "HMWireCodecTest.moc"
