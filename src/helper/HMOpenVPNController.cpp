@@ -97,8 +97,8 @@ QString HMOpenVPNController::lastLogLine() const
 
 QString HMOpenVPNController::start(const QStringList &arguments)
 {
-    QString why;
-    if (!m_process.terminate(m_config.stopTimeoutMs, &why)) {
+    QString why = stop();
+    if (!why.isEmpty()) {
         return QStringLiteral("the OpenVPN already running could not be stopped: %1").arg(why);
     }
 

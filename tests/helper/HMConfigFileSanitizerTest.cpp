@@ -98,38 +98,52 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QString>("reason");
 
-        QTest::newRow("up") << QByteArray("client\nup /tmp/x.sh\n") << "line 2: directive 'up' is not allowed";
+        QTest::newRow("up") << QByteArray("client\nup /tmp/x.sh\n")
+                            << "line 2: directive 'up' is not allowed";
         QTest::newRow("up with dashes") << QByteArray("--up /tmp/x.sh\n") << "directive 'up'";
-        QTest::newRow("up spelt with an escape") << QByteArray("u\\p /tmp/x.sh\n") << "directive 'up'";
+        QTest::newRow("up spelt with an escape")
+            << QByteArray("u\\p /tmp/x.sh\n") << "directive 'up'";
         QTest::newRow("up in quotes") << QByteArray("\"up\" /tmp/x.sh\n") << "directive 'up'";
         QTest::newRow("down") << QByteArray("down x\n") << "directive 'down'";
         QTest::newRow("route-up") << QByteArray("route-up x\n") << "directive 'route-up'";
         QTest::newRow("plugin") << QByteArray("plugin /tmp/evil.so\n") << "directive 'plugin'";
-        QTest::newRow("script-security") << QByteArray("script-security 2\n") << "directive 'script-security'";
+        QTest::newRow("script-security")
+            << QByteArray("script-security 2\n") << "directive 'script-security'";
         QTest::newRow("setenv") << QByteArray("setenv PATH /tmp\n") << "directive 'setenv'";
         QTest::newRow("config") << QByteArray("config /etc/other.conf\n") << "directive 'config'";
         QTest::newRow("cd") << QByteArray("cd /tmp\n") << "directive 'cd'";
         QTest::newRow("log") << QByteArray("log /etc/cron.d/x\n") << "directive 'log'";
         QTest::newRow("writepid") << QByteArray("writepid /etc/x\n") << "directive 'writepid'";
-        QTest::newRow("management") << QByteArray("management 0.0.0.0 7505\n") << "directive 'management'";
+        QTest::newRow("management")
+            << QByteArray("management 0.0.0.0 7505\n") << "directive 'management'";
         QTest::newRow("iproute") << QByteArray("iproute /tmp/ip\n") << "directive 'iproute'";
         QTest::newRow("daemon") << QByteArray("daemon\n") << "directive 'daemon'";
-        QTest::newRow("credentials file") << QByteArray("auth-user-pass /etc/shadow\n") << "takes 0 to 0 values";
+        QTest::newRow("credentials file")
+            << QByteArray("auth-user-pass /etc/shadow\n") << "takes 0 to 0 values";
         QTest::newRow("certificate by path") << QByteArray("ca /etc/shadow\n") << "plain file name";
-        QTest::newRow("certificate up a level") << QByteArray("ca ../ca.crt\n") << "plain file name";
+        QTest::newRow("certificate up a level")
+            << QByteArray("ca ../ca.crt\n") << "plain file name";
         QTest::newRow("hidden certificate") << QByteArray("ca .ca.crt\n") << "plain file name";
-        QTest::newRow("key direction as path") << QByteArray("tls-auth ta.key /x\n") << "may not be a path";
-        QTest::newRow("option-looking server") << QByteArray("remote --up 1194\n") << "'--up' is not a host";
-        QTest::newRow("server port") << QByteArray("remote vpn.example 99999\n") << "'99999' is not a port";
+        QTest::newRow("key direction as path")
+            << QByteArray("tls-auth ta.key /x\n") << "may not be a path";
+        QTest::newRow("option-looking server")
+            << QByteArray("remote --up 1194\n") << "'--up' is not a host";
+        QTest::newRow("server port")
+            << QByteArray("remote vpn.example 99999\n") << "'99999' is not a port";
         QTest::newRow("device path") << QByteArray("dev ../tun\n") << "'../tun' is not a device";
-        QTest::newRow("unknown inline block") << QByteArray("<script>\nx\n</script>\n") << "'<script>' is not allowed";
-        QTest::newRow("unterminated inline block") << QByteArray("<ca>\nxx\n") << "ends inside <ca>";
-        QTest::newRow("block inside a block") << QByteArray("<ca>\n<up>\n</ca>\n") << "unexpected '<up>' inside <ca>";
+        QTest::newRow("unknown inline block")
+            << QByteArray("<script>\nx\n</script>\n") << "'<script>' is not allowed";
+        QTest::newRow("unterminated inline block")
+            << QByteArray("<ca>\nxx\n") << "ends inside <ca>";
+        QTest::newRow("block inside a block")
+            << QByteArray("<ca>\n<up>\n</ca>\n") << "unexpected '<up>' inside <ca>";
         QTest::newRow("unterminated quote") << QByteArray("verb \"3\n") << "unterminated quote";
         QTest::newRow("control character") << QByteArray("verb \"3\x1b\"\n") << "control character";
         QTest::newRow("NUL byte") << QByteArray("client\n\0up x\n", 13) << "NUL byte";
-        QTest::newRow("overlong line") << QByteArray("verb " + QByteArray(1100, '3') + "\n") << "longer than";
-        QTest::newRow("too large") << QByteArray(HMConfigFileSanitizer::kMaxFileSize + 1, '\n') << "larger than";
+        QTest::newRow("overlong line")
+            << QByteArray("verb " + QByteArray(1100, '3') + "\n") << "longer than";
+        QTest::newRow("too large")
+            << QByteArray(HMConfigFileSanitizer::kMaxFileSize + 1, '\n') << "larger than";
     }
 
     void refusedContent()
@@ -146,7 +160,9 @@ private Q_SLOTS:
         QString error;
         const QString path = HMConfigFileSanitizer::writeCopy("client\n", m_dir.path(), &error);
         QVERIFY2(!path.isEmpty(), qPrintable(error));
-        struct stat st {};
+        struct stat st
+        {
+        };
         QCOMPARE(::stat(path.toLocal8Bit().constData(), &st), 0);
         QCOMPARE(st.st_mode & 0777, 0600u);
         QCOMPARE(st.st_uid, 0u);
@@ -161,11 +177,15 @@ private Q_SLOTS:
         QTest::newRow("own file") << "own.conf" << kNobody << QString();
         QTest::newRow("root's readable file") << "root-readable.conf" << kNobody << QString();
         QTest::newRow("root reads its own") << "root-readable.conf" << uid_t(0) << QString();
-        QTest::newRow("another user's file") << "foreign.conf" << kNobody << "is owned by another user";
-        QTest::newRow("root does not read a user's file") << "own.conf" << uid_t(0) << "is owned by another user";
-        QTest::newRow("root's private file") << "root-private.conf" << kNobody << "cannot be read by the requesting user";
+        QTest::newRow("another user's file")
+            << "foreign.conf" << kNobody << "is owned by another user";
+        QTest::newRow("root does not read a user's file")
+            << "own.conf" << uid_t(0) << "is owned by another user";
+        QTest::newRow("root's private file")
+            << "root-private.conf" << kNobody << "cannot be read by the requesting user";
         QTest::newRow("symbolic link") << "link.conf" << kNobody << "symbolic link";
-        QTest::newRow("through a linked directory") << "linked-dir/own.conf" << kNobody << "symbolic link";
+        QTest::newRow("through a linked directory")
+            << "linked-dir/own.conf" << kNobody << "symbolic link";
         QTest::newRow("FIFO") << "fifo.conf" << kNobody << "is not a regular file";
         QTest::newRow("directory") << "dir.conf" << kNobody << "is not a regular file";
         QTest::newRow("too large") << "large.conf" << kNobody << "is larger than";
@@ -190,15 +210,16 @@ private Q_SLOTS:
             QVERIFY(QFile::link(m_dir.filePath("own.conf"), m_dir.filePath("link.conf")));
             QVERIFY(QFile::link(m_dir.path(), m_dir.filePath("linked-dir")));
             QVERIFY(::mkfifo(m_dir.filePath("fifo.conf").toLocal8Bit().constData(), 0666) == 0);
-            QVERIFY(::chown(m_dir.filePath("fifo.conf").toLocal8Bit().constData(), kNobody, kNogroup) == 0);
+            QVERIFY(::chown(m_dir.filePath("fifo.conf").toLocal8Bit().constData(), kNobody,
+                            kNogroup) == 0);
             QVERIFY(QDir(m_dir.path()).mkdir("dir.conf"));
         }
 
         QString error;
         QElapsedTimer timer;
         timer.start();
-        const auto content = HMPeerFileReader::read(m_dir.filePath(name),
-                                                    peerWith(peer, peer == 0 ? 0 : kNogroup), 4096, &error);
+        const auto content = HMPeerFileReader::read(
+            m_dir.filePath(name), peerWith(peer, peer == 0 ? 0 : kNogroup), 4096, &error);
         // A FIFO with no writer must not hang the helper.
         QVERIFY(timer.elapsed() < 3000);
         if (reason.isEmpty()) {
