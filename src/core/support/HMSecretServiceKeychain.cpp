@@ -38,6 +38,36 @@ void report(GError *gerror, const QString &action, HMMaybeError *error)
     }
 }
 
+// The password calls treat a locked item whose unlock prompt was dismissed (or could not
+// be shown) like a missing one. Telling the two apart matters: a user with a locked
+// keyring is not signed out for good, and the log should say why.
+bool lockedItemExists(const QByteArray &service, const QByteArray &account)
+{
+    GError *gerror = nullptr;
+    SecretService *secretService = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, &gerror);
+    if (!secretService) {
+        if (gerror) {
+            g_error_free(gerror);
+        }
+        return false;
+    }
+    GHashTable *attributes = secret_attributes_build(
+        passwordSchema(), "service", service.constData(), "account", account.constData(), nullptr);
+    GList *items = secret_service_search_sync(secretService, passwordSchema(), attributes,
+                                              SECRET_SEARCH_ALL, nullptr, &gerror);
+    bool locked = false;
+    for (GList *it = items; it; it = it->next) {
+        locked = locked || secret_item_get_locked(static_cast<SecretItem *>(it->data));
+    }
+    g_list_free_full(items, g_object_unref);
+    g_hash_table_unref(attributes);
+    g_object_unref(secretService);
+    if (gerror) {
+        g_error_free(gerror);
+    }
+    return locked;
+}
+
 } // namespace
 
 HMSecretServiceKeychain &HMSecretServiceKeychain::shared()
@@ -61,6 +91,11 @@ QString HMSecretServiceKeychain::passwordForService(const QString &service, cons
         return QString();
     }
     if (!secret) {
+        if (error && lockedItemExists(serviceUtf8, accountUtf8)) {
+            *error = HMError::errorWithDomain(
+                kErrorDomain, kLockedCode,
+                QStringLiteral("Could not read the password: the keyring is locked"));
+        }
         return QString();
     }
     const QString password = QString::fromUtf8(secret);
@@ -97,12 +132,21 @@ bool HMSecretServiceKeychain::deletePassword(const QString &service, const QStri
     const QByteArray serviceUtf8 = service.toUtf8();
     const QByteArray accountUtf8 = account.toUtf8();
     GError *gerror = nullptr;
-    // FALSE without an error only means there was nothing to remove.
-    secret_password_clear_sync(passwordSchema(), nullptr, &gerror, "service",
-                               serviceUtf8.constData(), "account", accountUtf8.constData(),
-                               nullptr);
+    const gboolean removed = secret_password_clear_sync(
+        passwordSchema(), nullptr, &gerror, "service", serviceUtf8.constData(), "account",
+        accountUtf8.constData(), nullptr);
     if (gerror) {
         report(gerror, QStringLiteral("Could not delete the password"), error);
+        return false;
+    }
+    // FALSE without an error means nothing was removed: fine when there was nothing, not
+    // when the item sits in a collection that stayed locked.
+    if (!removed && lockedItemExists(serviceUtf8, accountUtf8)) {
+        if (error) {
+            *error = HMError::errorWithDomain(
+                kErrorDomain, kLockedCode,
+                QStringLiteral("Could not delete the password: the keyring is locked"));
+        }
         return false;
     }
     return true;

@@ -3,7 +3,8 @@
 //
 // Calls block the calling thread for one D-Bus round trip; a locked collection may make the
 // Secret Service show its unlock prompt first. Errors keep libsecret's message and use the
-// domain "secret-service" with the GLib error code.
+// domain "secret-service" with the GLib error code; a password that exists in a locked
+// collection is an error (kLockedCode), not a missing password.
 #pragma once
 
 #include "HMKeychain.h"
@@ -12,6 +13,8 @@ class HMSecretServiceKeychain : public HMKeychain
 {
 public:
     static const QString kErrorDomain; // "secret-service"
+    // The item exists but its collection is locked and was not unlocked.
+    static constexpr long kLockedCode = -1;
 
     // The process-wide keychain the application uses.
     static HMSecretServiceKeychain &shared();

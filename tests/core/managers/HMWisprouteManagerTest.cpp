@@ -293,29 +293,6 @@ private Q_SLOTS:
         QVERIFY(result.has_value());
         QVERIFY(result->localizedDescription().contains("helper"));
     }
-
-    void restartGoesThroughTheInstalledRestarter()
-    {
-        int seenMode = -1;
-        m_routing->setDnsProxyRestarter([&](int mode, HMWisprouteManager::Completion completion) {
-            seenMode = mode;
-            completion(std::nullopt);
-        });
-        m_routing->setWisprouteMode(2);
-        bool succeeded = false;
-        m_routing->restartDnsDaemonWithCompletion(
-            [&](const HMMaybeError &error) { succeeded = !error; });
-        QCOMPARE(seenMode, 2);
-        QVERIFY(succeeded);
-    }
-
-    void prefAccessorsRemoveOnAbsentValue()
-    {
-        m_routing->setValueForPref(5, "debugWisproute");
-        QCOMPARE(m_routing->getPref("debugWisproute"), QVariant(qint64(5)));
-        m_routing->setValueForPref(QVariant(), "debugWisproute");
-        QVERIFY(!m_store->contains("debugWisproute"));
-    }
 };
 
 QTEST_GUILESS_MAIN(HMWisprouteManagerTest)

@@ -1,0 +1,127 @@
+#include "HMVPNConnectionSequence.h"
+
+#include "HMClock.h"
+#include "HMLog.h"
+#include "HMVPNAccountSource.h"
+#include "HMVPNClosestSource.h"
+#include "HMVPNHelperTransport.h"
+#include "HMVPNManager.h"
+#include "HMVPNReachabilitySource.h"
+
+namespace {
+const QString kClosestCountryCode = QStringLiteral("-1");
+}
+
+HMVPNConnectionSequence::HMVPNConnectionSequence(HMVPNManager &manager) : m_manager(&manager) {}
+
+void HMVPNConnectionSequence::connectWithCompletion(Completion completion)
+{
+    if (m_cancelled || !m_manager) {
+        return;
+    }
+    m_completion = completion;
+    ++m_numConnectionAttempts;
+    m_manager->setState(VPNState::Connecting);
+    m_manager->postDidStartConnectingNotification();
+
+    auto self = shared_from_this();
+    m_manager->collaborators().account->loginGetToken(
+        true, [self, completion](const HMMaybeError &error) {
+            self->tokenDidRefresh(error, completion);
+        });
+}
+
+void HMVPNConnectionSequence::tokenDidRefresh(const HMMaybeError &error,
+                                              const Completion &completion)
+{
+    if (m_cancelled || !m_manager) {
+        return;
+    }
+    if (error) {
+        handleError(*error, completion);
+        return;
+    }
+    HMVPNAccountSource *account = m_manager->collaborators().account;
+    account->setCurrentClosestCountry(QString());
+
+    const QVariantMap groups = account->closestServers();
+    // An empty group list would start no probe and never answer, so it counts as none.
+    if (!groups.isEmpty() && account->currentCountryCode() == kClosestCountryCode) {
+        auto self = shared_from_this();
+        m_manager->collaborators().closest->initClosestTest(
+            groups, [self, completion](const QString &country, const QVariantList &servers,
+                                       const HMMaybeError &testError) {
+                // Deliberately not checking cancellation here, and on failure deliberately
+                // neither retrying nor completing: the attempt stays in Connecting, as the
+                // closest-server manager leaves it.
+                if (!self->m_manager) {
+                    return;
+                }
+                if (testError) {
+                    HMLogError(QStringLiteral("Closest server test failed: %1")
+                                   .arg(testError->description()));
+                    return;
+                }
+                HMVPNAccountSource *acc = self->m_manager->collaborators().account;
+                acc->setCurrentClosestCountry(country);
+                acc->setVpnServers(servers);
+                self->startOpenVPN(completion);
+            });
+        return;
+    }
+    startOpenVPN(completion);
+}
+
+void HMVPNConnectionSequence::startOpenVPN(const Completion &completion)
+{
+    // The state was set to Connecting at the start of the attempt; only an observer of the
+    // account (an allowance of 0 arriving with the token) can have moved it since.
+    if (!m_manager->canConnect()) {
+        m_manager->postErrorNotification();
+        if (completion) {
+            completion(HMError::errorWithDescription(QStringLiteral("Out of Data")));
+        }
+        return;
+    }
+    auto self = shared_from_this();
+    m_manager->collaborators().helper->startVPN(
+        [self, completion](const QVariantMap &, const HMMaybeError &error) {
+            if (self->m_cancelled || !self->m_manager) {
+                return;
+            }
+            if (error) {
+                self->handleError(*error, completion);
+                return;
+            }
+            if (const HMMaybeError connectError = self->m_manager->connectVPN()) {
+                self->handleError(*connectError, completion);
+            }
+        });
+}
+
+void HMVPNConnectionSequence::attemptDidFail(const HMError &error)
+{
+    handleError(error, m_completion);
+}
+
+void HMVPNConnectionSequence::handleError(const HMError &error, Completion completion)
+{
+    if (!m_manager) {
+        return;
+    }
+    if (!m_cancelled && m_manager->collaborators().reachability->isReachable() &&
+        m_numConnectionAttempts < kMaximumAttempts) {
+        const unsigned exponent = m_numConnectionAttempts == 0 ? 0 : m_numConnectionAttempts - 1;
+        const qint64 delayMs = qint64(1000) << exponent;
+        auto self = shared_from_this();
+        m_manager->clock().singleShot(
+            delayMs, m_manager, [self, completion] { self->connectWithCompletion(completion); });
+        return;
+    }
+    HMLogError(error.description());
+    m_manager->setState(VPNState::Error);
+    if (completion) {
+        completion(error);
+    }
+    m_manager->postErrorNotification();
+}

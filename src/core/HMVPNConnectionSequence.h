@@ -1,0 +1,51 @@
+// One user-level connect request, from switch-on until OpenVPN runs and the management
+// connection is open.
+//
+// Each attempt refreshes the VPN token, resolves "Closest" to a real country and server
+// list, has the helper start OpenVPN and opens the management connection; a failed attempt
+// is retried after 1, 2, 4 and 8 seconds while the network is reachable, five attempts in
+// all. Reaching Connected is not the sequence's business: OpenVPN reports that over the
+// management interface to the VPN manager. The manager creates a sequence for every connect
+// and marks it cancelled on every disconnect; pending steps keep the sequence alive (it is
+// shared), so a dropped but uncancelled sequence runs to its end.
+#pragma once
+
+#include "HMError.h"
+
+#include <QPointer>
+#include <functional>
+#include <memory>
+
+class HMVPNManager;
+
+class HMVPNConnectionSequence : public std::enable_shared_from_this<HMVPNConnectionSequence>
+{
+public:
+    using Completion = std::function<void(const HMMaybeError &)>;
+
+    static constexpr unsigned kMaximumAttempts = 5;
+
+    explicit HMVPNConnectionSequence(HMVPNManager &manager);
+
+    // Starts one attempt. The completion runs only on final failure or when the account is
+    // out of data: never on success, never after cancellation.
+    void connectWithCompletion(Completion completion);
+    // Retry with back-off, or final failure.
+    void handleError(const HMError &error, Completion completion);
+    // The management connection of this attempt closed before the tunnel came up.
+    void attemptDidFail(const HMError &error);
+
+    bool isCancelled() const { return m_cancelled; }
+    void setCancelled(bool cancelled) { m_cancelled = cancelled; }
+    unsigned numConnectionAttempts() const { return m_numConnectionAttempts; }
+    void setNumConnectionAttempts(unsigned count) { m_numConnectionAttempts = count; }
+
+private:
+    void tokenDidRefresh(const HMMaybeError &error, const Completion &completion);
+    void startOpenVPN(const Completion &completion);
+
+    QPointer<HMVPNManager> m_manager;
+    bool m_cancelled = false;
+    unsigned m_numConnectionAttempts = 0;
+    Completion m_completion;
+};

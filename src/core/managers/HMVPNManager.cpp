@@ -1,0 +1,241 @@
+#include "HMVPNManager.h"
+
+#include "HMClock.h"
+#include "HMLog.h"
+#include "HMNotificationCenter.h"
+#include "HMVPNAccountSource.h"
+#include "HMVPNConnectionSequence.h"
+#include "HMVPNHelperTransport.h"
+#include "HMVPNReachabilitySource.h"
+#include "HMVPNRoutingSource.h"
+
+#include <QPointer>
+#include <QTcpSocket>
+
+const QString HMVPNManager::kDidStartConnectingNotification =
+    QStringLiteral("HMVPNDidStartConnectingNotification");
+const QString HMVPNManager::kConnectionDidFailNotification =
+    QStringLiteral("HMVPNConnectionDidFailNotification");
+const QString HMVPNManager::kOutOfDataNotification = QStringLiteral("HMVPNOutOfDataNotification");
+
+HMVPNManager::HMVPNManager(const Collaborators &collaborators, QObject *parent)
+    : QObject(parent), m_collaborators(collaborators),
+      m_clock(collaborators.clock ? collaborators.clock : &HMClock::system()),
+      m_notifications(collaborators.notifications ? collaborators.notifications
+                                                  : &HMNotificationCenter::defaultCenter())
+{
+    Q_ASSERT(m_collaborators.account && m_collaborators.reachability && m_collaborators.helper &&
+             m_collaborators.routing && m_collaborators.closest);
+    qRegisterMetaType<VPNState>("VPNState");
+
+    // Through setState so that observers and its side effects see the first value too.
+    setState(VPNState::Disconnected);
+
+    QObject::connect(m_collaborators.account, &HMVPNAccountSource::currentCountryChanged, this,
+                     &HMVPNManager::accountCurrentCountryDidChange);
+    QObject::connect(m_collaborators.account, &HMVPNAccountSource::loggedInChanged, this,
+                     &HMVPNManager::accountLoggedInDidChange);
+    QObject::connect(m_collaborators.account, &HMVPNAccountSource::bandwidthAvailableChanged, this,
+                     &HMVPNManager::accountBandwidthAvailableDidChange);
+    QObject::connect(m_collaborators.reachability, &HMVPNReachabilitySource::reachableChanged, this,
+                     &HMVPNManager::reachabilityDidChange);
+    // The allowance is observed with an initial call: the metered value starts from the
+    // account's, and an account without allowance starts out as Out of Data.
+    accountBandwidthAvailableDidChange(m_collaborators.account->bandwidthAvailable());
+}
+
+HMVPNManager::~HMVPNManager()
+{
+    if (m_connectionSequence) {
+        m_connectionSequence->setCancelled(true);
+    }
+    if (m_socket) {
+        dropSocket();
+    }
+}
+
+void HMVPNManager::setState(VPNState state)
+{
+    const VPNState old = m_state;
+    Q_EMIT willChangeValueForKey(QStringLiteral("connected"));
+    m_state = state;
+    Q_EMIT didChangeValueForKey(QStringLiteral("connected"));
+    Q_EMIT stateChanged(old, state);
+    Q_EMIT connectedChanged(state == VPNState::Connected);
+
+    if (state == VPNState::Connected && m_collaborators.routing->isSupported()) {
+        // The answer is deliberately not looked at: without the proxy the tunnel still
+        // carries traffic, and the helper logs why the proxy did not start.
+        m_collaborators.helper->startDNSProxy(tapAdapter(),
+                                              m_collaborators.routing->wisprouteMode(),
+                                              [](const QVariantMap &, const HMMaybeError &) {});
+    }
+}
+
+bool HMVPNManager::canConnect() const
+{
+    return m_state != VPNState::OutOfData && m_state != VPNState::NoConnection;
+}
+
+void HMVPNManager::setBandwidthAvailable(qint64 value)
+{
+    if (value < 0) {
+        value = 0;
+    }
+    // Small increases are dropped on purpose: byte counts arrive every two seconds and are
+    // computed against the account's value, which the service refreshes only once a minute.
+    // Accepting every rise would let the meter bounce back up between refreshes; only a real
+    // top-up (40 MiB or more) may raise it.
+    if (value > m_bandwidthAvailable && value - m_bandwidthAvailable < kSmallIncreaseBytes) {
+        return;
+    }
+    if (m_bandwidthAvailable != 0 && value == 0) {
+        postOutOfDataNotification();
+    }
+    const bool changed = m_bandwidthAvailable != value;
+    m_bandwidthAvailable = value;
+    if (changed) {
+        Q_EMIT bandwidthAvailableChanged(value);
+    }
+}
+
+void HMVPNManager::connect()
+{
+    connectWithCompletion(nullptr);
+}
+
+void HMVPNManager::disconnect()
+{
+    disconnectWithCompletion(nullptr);
+}
+
+void HMVPNManager::connectWithCompletion(Completion completion)
+{
+    // An earlier sequence is dropped without being cancelled: it keeps running until its
+    // pending steps end, as the user's repeated switch-on has always done.
+    auto sequence = std::make_shared<HMVPNConnectionSequence>(*this);
+    m_connectionSequence = sequence;
+    sequence->connectWithCompletion(std::move(completion));
+}
+
+void HMVPNManager::disconnectWithCompletion(Completion completion)
+{
+    if (m_connectionSequence) {
+        m_connectionSequence->setCancelled(true);
+        m_connectionSequence.reset();
+    }
+    disconnectVPN();
+
+    QPointer<HMVPNManager> self(this);
+    m_collaborators.helper->stopVPN(
+        [self, completion](const QVariantMap &, const HMMaybeError &error) {
+            if (!self) {
+                return;
+            }
+            if (error) {
+                HMLogError(QStringLiteral("Could not stop daemon: %1").arg(error->description()));
+            }
+            self->setDisconnectedState();
+            self->m_collaborators.helper->stopDNSProxy(
+                [completion](const QVariantMap &, const HMMaybeError &proxyError) {
+                    if (proxyError) {
+                        HMLogError(proxyError->description());
+                    }
+                    if (completion) {
+                        completion(proxyError);
+                    }
+                });
+        });
+}
+
+void HMVPNManager::reconnect()
+{
+    QPointer<HMVPNManager> self(this);
+    disconnectWithCompletion([self](const HMMaybeError &error) {
+        if (self && !error) {
+            self->connect();
+        }
+    });
+}
+
+void HMVPNManager::disconnectVPN()
+{
+    setState(VPNState::Disconnecting);
+    if (m_socket) {
+        dropSocket();
+    }
+}
+
+void HMVPNManager::setDisconnectedState()
+{
+    if (!m_collaborators.reachability->isReachable()) {
+        setState(VPNState::NoConnection);
+    } else if (m_bandwidthAvailable == 0) {
+        setState(VPNState::OutOfData);
+    } else {
+        setState(VPNState::Disconnected);
+    }
+}
+
+void HMVPNManager::postDidStartConnectingNotification()
+{
+    m_notifications->postNotificationName(kDidStartConnectingNotification);
+}
+
+void HMVPNManager::postErrorNotification()
+{
+    m_notifications->postNotificationName(kConnectionDidFailNotification);
+}
+
+void HMVPNManager::postOutOfDataNotification()
+{
+    m_notifications->postNotificationName(kOutOfDataNotification);
+}
+
+void HMVPNManager::accountCurrentCountryDidChange(const QString &oldValue, const QString &newValue)
+{
+    if ((isConnected() || isConnecting()) && oldValue != newValue) {
+        reconnect();
+    }
+}
+
+void HMVPNManager::accountLoggedInDidChange(bool oldValue, bool newValue)
+{
+    if (isConnected() && oldValue && !newValue) {
+        disconnect();
+    }
+}
+
+void HMVPNManager::accountBandwidthAvailableDidChange(qint64 value)
+{
+    setBandwidthAvailable(value);
+    if (m_bandwidthAvailable != 0) {
+        if (m_state == VPNState::OutOfData) {
+            setState(VPNState::Disconnected);
+        }
+    } else if (isConnected()) {
+        disconnect();
+    } else {
+        // Also while Connecting: an attempt whose token refresh brings an empty allowance
+        // ends at the sequence's canConnect check instead of starting OpenVPN.
+        setState(VPNState::OutOfData);
+    }
+}
+
+void HMVPNManager::reachabilityDidChange(bool reachable)
+{
+    HMVPNAccountSource *account = m_collaborators.account;
+    if (reachable) {
+        if (account->shouldReconnect()) {
+            connect();
+            account->setShouldReconnect(false);
+        } else if (!isConnected()) {
+            setDisconnectedState();
+        }
+    } else if (isConnected()) {
+        disconnect();
+        account->setShouldReconnect(true);
+    } else if (!isConnecting()) {
+        setDisconnectedState();
+    }
+}

@@ -1,0 +1,212 @@
+#include "HMSecretServiceKeychain.h"
+#include "HMAccountManager.h"
+#include "HMBundleInfo.h"
+#include "HMLogCapture.h"
+#include "HMNotificationCenter.h"
+#include "HMPreferenceStore.h"
+#include "HMTestEnvironment.h"
+
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusInterface>
+#include <QDBusMetaType>
+#include <QDBusObjectPath>
+#include <QDBusReply>
+#include <QTemporaryDir>
+#include <QtTest>
+#include <memory>
+
+using StringMap = QMap<QString, QString>;
+
+namespace {
+
+const QString kService = QStringLiteral("com.hollowmere.mac.Hollowmere");
+
+// Talks to the Secret Service directly, to see what the keychain class really left there.
+class SecretServiceProbe
+{
+public:
+    SecretServiceProbe()
+        : m_service(QStringLiteral("org.freedesktop.secrets"),
+                    QStringLiteral("/org/freedesktop/secrets"),
+                    QStringLiteral("org.freedesktop.Secret.Service"), QDBusConnection::sessionBus())
+    {}
+
+    // Items with exactly these attributes, locked or not.
+    int itemCount(const QString &service, const QString &account)
+    {
+        const StringMap attributes{{QStringLiteral("service"), service},
+                                   {QStringLiteral("account"), account}};
+        const QDBusMessage reply =
+            m_service.call(QStringLiteral("SearchItems"), QVariant::fromValue(attributes));
+        if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() != 2) {
+            return -1;
+        }
+        const auto unlocked = qdbus_cast<QList<QDBusObjectPath>>(reply.arguments().at(0));
+        const auto locked = qdbus_cast<QList<QDBusObjectPath>>(reply.arguments().at(1));
+        return static_cast<int>(unlocked.size() + locked.size());
+    }
+
+    bool lockDefaultCollection()
+    {
+        const QDBusReply<QDBusObjectPath> alias =
+            m_service.call(QStringLiteral("ReadAlias"), QStringLiteral("default"));
+        if (!alias.isValid() || alias.value().path() == QLatin1String("/")) {
+            return false;
+        }
+        const QDBusMessage reply = m_service.call(
+            QStringLiteral("Lock"), QVariant::fromValue(QList<QDBusObjectPath>{alias.value()}));
+        return reply.type() == QDBusMessage::ReplyMessage;
+    }
+
+private:
+    QDBusInterface m_service;
+};
+
+} // namespace
+
+class HMSecretServiceKeychainTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<QTemporaryDir> m_home;
+    HMSecretServiceKeychain m_keychain;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (qEnvironmentVariable("HM_SECRET_SERVICE") != QLatin1String("keyring")) {
+            QSKIP(
+                "needs a private Secret Service: run through tests/support/with-secret-service.sh "
+                "(ctest does), never against your own keyring");
+        }
+        m_home = HMTestEnvironment::isolateUserDirectories();
+        qDBusRegisterMetaType<StringMap>();
+        qDBusRegisterMetaType<QList<QDBusObjectPath>>();
+    }
+
+    void storesAndFindsThePassword_data()
+    {
+        QTest::addColumn<QString>("password");
+        QTest::newRow("plain") << "hunter2";
+        QTest::newRow("non-ASCII") << QStringLiteral("p\u00e4ss \u00fc\U0001F511");
+        QTest::newRow("quotes and spaces") << "a \"b\" 'c' \\ d";
+        QTest::newRow("long") << QString(4096, QLatin1Char('x'));
+    }
+
+    void storesAndFindsThePassword()
+    {
+        QFETCH(QString, password);
+        HMMaybeError error;
+        QVERIFY(m_keychain.setPassword(password, kService, "ann@example.test", &error));
+        QVERIFY(!error);
+        QCOMPARE(m_keychain.passwordForService(kService, "ann@example.test", &error), password);
+        QVERIFY(!error);
+    }
+
+    void replacingKeepsOneItem()
+    {
+        SecretServiceProbe probe;
+        QVERIFY(m_keychain.setPassword("first", kService, "bob@example.test"));
+        QVERIFY(m_keychain.setPassword("second", kService, "bob@example.test"));
+        QCOMPARE(probe.itemCount(kService, "bob@example.test"), 1);
+        QCOMPARE(m_keychain.passwordForService(kService, "bob@example.test"),
+                 QStringLiteral("second"));
+    }
+
+    void itemsAreAddressedByServiceAndAccount()
+    {
+        QVERIFY(m_keychain.setPassword("one", kService, "a@example.test"));
+        QVERIFY(m_keychain.setPassword("two", kService, "b@example.test"));
+        QVERIFY(m_keychain.setPassword("three", "other.service", "a@example.test"));
+        QCOMPARE(m_keychain.passwordForService(kService, "a@example.test"), QStringLiteral("one"));
+        QCOMPARE(m_keychain.passwordForService(kService, "b@example.test"), QStringLiteral("two"));
+        QCOMPARE(m_keychain.passwordForService("other.service", "a@example.test"),
+                 QStringLiteral("three"));
+    }
+
+    void missingItemIsNotAnError()
+    {
+        HMMaybeError error;
+        QVERIFY(m_keychain.passwordForService(kService, "nobody@example.test", &error).isNull());
+        QVERIFY(!error);
+        QVERIFY(m_keychain.deletePassword(kService, "nobody@example.test", &error));
+        QVERIFY(!error);
+    }
+
+    void deletingRemovesOnlyThatItem()
+    {
+        SecretServiceProbe probe;
+        QVERIFY(m_keychain.setPassword("x", kService, "del@example.test"));
+        QVERIFY(m_keychain.setPassword("y", kService, "keep@example.test"));
+        QVERIFY(m_keychain.deletePassword(kService, "del@example.test"));
+        QCOMPARE(probe.itemCount(kService, "del@example.test"), 0);
+        QCOMPARE(m_keychain.passwordForService(kService, "keep@example.test"), QStringLiteral("y"));
+    }
+
+    // The account over the real store: what one run signs in, the next run finds.
+    void signInSurvivesARestartAndLogoutRemovesIt()
+    {
+        QTemporaryDir dir;
+        HMPreferenceStore store(dir.filePath("prefs.json"));
+        HMNotificationCenter center;
+        {
+            HMAccountManager account(store, m_keychain, nullptr, center);
+            account.setUsername("carol@example.test");
+            account.setPassword("s3cret");
+        }
+        {
+            HMAccountManager account(store, m_keychain, nullptr, center);
+            QVERIFY(account.isLoggedIn());
+            QCOMPARE(account.password(), QStringLiteral("s3cret"));
+            account.logout();
+        }
+        QVERIFY(
+            m_keychain.passwordForService(app_bundle_identifier(), "carol@example.test").isNull());
+        HMAccountManager account(store, m_keychain, nullptr, center);
+        QVERIFY(!account.isLoggedIn());
+    }
+
+    // Runs last: once locked, the collection stays locked (unlocking needs a person at a prompt).
+    void lockedKeyringIsAnErrorAndReadsAsSignedOut()
+    {
+        QVERIFY(m_keychain.setPassword("s3cret", app_bundle_identifier(), "dave@example.test"));
+        SecretServiceProbe probe;
+        QVERIFY(probe.lockDefaultCollection());
+
+        HMMaybeError error;
+        QVERIFY(m_keychain.passwordForService(app_bundle_identifier(), "dave@example.test", &error)
+                    .isNull());
+        QVERIFY2(error, "a locked keyring must not look like a missing password");
+        QCOMPARE(error->code(), HMSecretServiceKeychain::kLockedCode);
+
+        QTemporaryDir dir;
+        HMPreferenceStore store(dir.filePath("prefs.json"));
+        HMNotificationCenter center;
+        HMAccountManager account(store, m_keychain, nullptr, center);
+        account.setUsername("dave@example.test");
+        HMLogCapture capture;
+        QVERIFY(!account.isLoggedIn());
+        QVERIFY(capture.contains("Keychain read failed"));
+
+        error.reset();
+        QVERIFY(
+            !m_keychain.setPassword("new", app_bundle_identifier(), "dave@example.test", &error));
+        QVERIFY(error);
+
+        // Signing out cannot remove the item; it says so and the sign-out still completes.
+        error.reset();
+        QVERIFY(!m_keychain.deletePassword(app_bundle_identifier(), "dave@example.test", &error));
+        QVERIFY(error);
+        QCOMPARE(error->code(), HMSecretServiceKeychain::kLockedCode);
+        capture.clear();
+        account.logout();
+        QVERIFY(capture.contains("Keychain delete failed"));
+        QVERIFY(account.username().isNull());
+        QCOMPARE(probe.itemCount(app_bundle_identifier(), "dave@example.test"), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(HMSecretServiceKeychainTest)
+#include "HMSecretServiceKeychainTest.moc"
