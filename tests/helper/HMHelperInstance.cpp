@@ -13,6 +13,9 @@
 #include <QProcess>
 #include <QThread>
 
+#include <QRegularExpression>
+
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <sched.h>
@@ -54,17 +57,40 @@ HMHelperInstance::~HMHelperInstance()
     killTrackedOpenVPN();
     stop();
     if (m_ownNamespace) {
-        // Whatever still runs in the namespace (a stray OpenVPN, an up script) ends with it.
-        QProcess pids;
-        pids.start(HMTestEnvironment::findProgram(QStringLiteral("ip")),
-                   {QStringLiteral("netns"), QStringLiteral("pids"), m_namespace});
-        pids.waitForFinished(5000);
-        for (const QByteArray &pid : pids.readAllStandardOutput().split('\n')) {
-            if (pid.toInt() > 1) {
-                ::kill(pid.toInt(), SIGKILL);
-            }
+        removeNamespace(m_namespace);
+    }
+}
+
+void HMHelperInstance::removeNamespace(const QString &name)
+{
+    // Whatever still runs in the namespace (a stray OpenVPN, an up script) ends with it.
+    QProcess pids;
+    pids.start(HMTestEnvironment::findProgram(QStringLiteral("ip")),
+               {QStringLiteral("netns"), QStringLiteral("pids"), name});
+    pids.waitForFinished(5000);
+    for (const QByteArray &pid : pids.readAllStandardOutput().split('\n')) {
+        if (pid.toInt() > 1) {
+            ::kill(pid.toInt(), SIGKILL);
         }
-        run(QStringLiteral("ip"), {QStringLiteral("netns"), QStringLiteral("del"), m_namespace});
+    }
+    run(QStringLiteral("ip"), {QStringLiteral("netns"), QStringLiteral("del"), name});
+    QDir(QStringLiteral("/etc/netns/") + name).removeRecursively();
+}
+
+void HMHelperInstance::removeStaleNamespaces(const QString &prefix)
+{
+    QProcess list;
+    list.start(HMTestEnvironment::findProgram(QStringLiteral("ip")),
+               {QStringLiteral("netns"), QStringLiteral("list")});
+    list.waitForFinished(5000);
+    const QRegularExpression ours(
+        QStringLiteral("^%1(\\d+)(-\\S*)?$").arg(QRegularExpression::escape(prefix)));
+    for (const QByteArray &line : list.readAllStandardOutput().split('\n')) {
+        const QString name = QString::fromUtf8(line).section(QLatin1Char(' '), 0, 0);
+        const QRegularExpressionMatch match = ours.match(name);
+        if (match.hasMatch() && ::kill(match.captured(1).toInt(), 0) != 0 && errno == ESRCH) {
+            removeNamespace(name);
+        }
     }
 }
 
@@ -143,6 +169,7 @@ bool HMHelperInstance::prepare(const Options &options, QString *error)
 
     m_namespace = options.networkNamespace;
     if (m_namespace.isEmpty()) {
+        removeStaleNamespaces(QStringLiteral("hmwispd-"));
         m_namespace = QStringLiteral("hmwispd-%1-%2")
                           .arg(::getpid())
                           .arg(QFileInfo(m_root.path()).fileName().right(6));

@@ -71,6 +71,11 @@ public:
     static int socketInNamespace(const QString &name, int type);
     // Kills the OpenVPN recorded in the run directory, if it is still the one.
     void killTrackedOpenVPN() const;
+    // Ends and removes namespaces "<prefix><pid>..." of test processes that no longer run
+    // (a run killed by a time-out never cleans up after itself).
+    static void removeStaleNamespaces(const QString &prefix);
+    // Ends every process in the namespace and deletes it.
+    static void removeNamespace(const QString &name);
 
 private:
     QTemporaryDir m_root;

@@ -33,6 +33,7 @@ public:
             *error = QStringLiteral("no temporary directory");
             return false;
         }
+        HMHelperInstance::removeStaleNamespaces(QStringLiteral("hmcyc"));
         m_name = QStringLiteral("hmcyc%1").arg(::getpid());
         QProcess lab;
         lab.start(script(), {"up", "--name", m_name, "--dir", m_dir.filePath("lab")});

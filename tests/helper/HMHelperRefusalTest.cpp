@@ -2,9 +2,15 @@
 // more out of it than the application ever asks for. Every refusal must answer "error" with
 // the reason, be written to daemon.log, and run nothing: the helper's trusted "OpenVPN" here
 // is a recorder (hm-test-fake-openvpn) that notes each time it is started.
+#include "HMAccountManager.h"
+#include "HMDaemonManager.h"
 #include "HMHelperInstance.h"
+#include "HMMemoryKeychain.h"
+#include "HMNotificationCenter.h"
+#include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
 #include "HMWireConstants.h"
+#include "HMWisprouteManager.h"
 
 #include <QCborArray>
 #include <QCborValue>
@@ -92,6 +98,7 @@ class HMHelperRefusalTest : public QObject
     Q_OBJECT
 
 private:
+    std::unique_ptr<QTemporaryDir> m_home;
     HMHelperInstance m_helper;
     QString m_userDir;
     bool m_ready = false;
@@ -152,6 +159,7 @@ private Q_SLOTS:
             HMTestEnvironment::findProgram(QStringLiteral("setpriv")).isEmpty()) {
             QSKIP("needs root, network namespaces, systemd-socket-activate and setpriv");
         }
+        m_home = HMTestEnvironment::isolateUserDirectories();
         QVERIFY2(::getgrnam(qPrintable(kTestGroup)), "the group 'users' is missing");
         HMHelperInstance::Options options;
         options.openVPN = HMHelperInstance::testProgram(QStringLiteral("hm-test-fake-openvpn"));
@@ -354,6 +362,71 @@ private Q_SLOTS:
         QCOMPARE(ran.mid(ran.size() - own.size()), own);
         QCOMPARE(ran.mid(ran.size() - own.size() - 8, 8), requested.mid(requested.size() - 8));
         QVERIFY(!QFile::exists(m_helper.runDir() + "/openvpn.pid"));
+    }
+
+    // What the application really builds must pass, in every form it takes.
+    void applicationListsAreAccepted_data()
+    {
+        QTest::addColumn<bool>("selectiveRouting");
+        QTest::addColumn<bool>("forceTCP");
+        QTest::addColumn<bool>("configFile");
+        QTest::addColumn<QStringList>("protocols");
+        QTest::newRow("selective routing") << true << false << false << QStringList{"udp", "tcp"};
+        QTest::newRow("full tunnel") << false << false << false << QStringList{"udp", "tcp"};
+        QTest::newRow("forced TCP") << false << true << false << QStringList{"tcp", "tcp"};
+        QTest::newRow("operator's configuration file")
+            << true << false << true << QStringList{"udp", "tcp"};
+    }
+
+    void applicationListsAreAccepted()
+    {
+        QFETCH(bool, selectiveRouting);
+        QFETCH(bool, forceTCP);
+        QFETCH(bool, configFile);
+        QFETCH(QStringList, protocols);
+        setMode("exit");
+
+        QTemporaryDir prefsDir;
+        HMPreferenceStore store(prefsDir.filePath("prefs.json"));
+        HMMemoryKeychain keychain;
+        HMNotificationCenter center;
+        HMWisprouteManager routing(store);
+        HMAccountManager account(store, keychain, &routing, center);
+        HMDaemonManager::Paths paths;
+        paths.socketPath = m_helper.socketPath();
+        paths.executableDirectory = m_helper.path("app");
+        paths.resourceDirectory = m_helper.resourceDir();
+        HMDaemonManager daemon(store, &account, &routing, paths);
+        routing.setSupported(selectiveRouting);
+        account.setVpnServers(
+            {QVariantMap{{"host", "nl1.vpn.example"}, {"port", 1194}, {"isUdp", true}},
+             QVariantMap{{"host", "198.51.100.7"}, {"port", "443"}, {"isUdp", false}}});
+        store.setValue("vpnForceTCP", forceTCP);
+        if (configFile) {
+            store.setValue("vpnConfigFile", userFile("good.conf"));
+        }
+
+        QCborMap params;
+        params.insert(QStringLiteral("daemonConfig"),
+                      QCborMap::fromVariantMap(daemon.getDaemonConfig()));
+        params.insert(QStringLiteral("vpnConfig"),
+                      QCborArray::fromStringList(daemon.getVPNConfig()));
+        QCborMap request = action("startVPN");
+        request.insert(QStringLiteral("params"), params);
+        const int before = invocations(m_helper).size();
+        QString error;
+        const auto reply = m_helper.exchange(request, &error);
+        QVERIFY2(reply, qPrintable(error));
+        QVERIFY2(reply->value("error").toString().startsWith("OpenVPN exited with status 3"),
+                 qPrintable(reply->value("error").toString()));
+        QCOMPARE(invocations(m_helper).size(), before + 1);
+        const QStringList ran =
+            invocations(m_helper).last().value("arguments").toVariant().toStringList();
+        const int first = ran.indexOf("--remote");
+        QCOMPARE(ran.mid(first, 8),
+                 QStringList({"--remote", "nl1.vpn.example", "1194", protocols.at(0), "--remote",
+                              "198.51.100.7", "443", protocols.at(1)}));
+        QCOMPARE(ran.contains("--config"), configFile);
     }
 
     void configFileIsReplacedByACheckedCopy()
