@@ -189,9 +189,16 @@ bool HMHelperInstance::prepare(const Options &options, QString *error)
 bool HMHelperInstance::start(QString *error)
 {
     const QString ip = HMTestEnvironment::findProgram(QStringLiteral("ip"));
-    if (!m_process.start(ip, {QStringLiteral("netns"), QStringLiteral("exec"), m_namespace,
-                              helperProgram(), QStringLiteral("--config"),
-                              path(QStringLiteral("etc/hmwispd.conf"))})) {
+    // With no more privilege than the service unit grants (CapabilityBoundingSet,
+    // NoNewPrivileges), so that a need for more shows up here rather than in the field.
+    const QStringList unitLimits = {
+        HMTestEnvironment::findProgram(QStringLiteral("setpriv")), QStringLiteral("--no-new-privs"),
+        QStringLiteral("--bounding-set=-all,+net_admin,+net_bind_service,+setuid,+setgid")};
+    if (!m_process.start(ip,
+                         QStringList{QStringLiteral("netns"), QStringLiteral("exec"), m_namespace} +
+                             unitLimits +
+                             QStringList{helperProgram(), QStringLiteral("--config"),
+                                         path(QStringLiteral("etc/hmwispd.conf"))})) {
         *error = m_process.errorString();
         return false;
     }

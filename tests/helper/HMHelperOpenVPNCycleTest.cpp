@@ -257,6 +257,8 @@ private Q_SLOTS:
                      qPrintable(tunnelResolvConf));
         }
         QVERIFY(!tunnelResolvConf.contains("192.0.2.53"));
+        // The up script keeps what it replaced in the helper's run directory.
+        QVERIFY(QFile::exists(m_helper.runDir() + "/resolv.conf.tun0"));
 
         reply = m_helper.exchange(request("getLogs"), &error);
         QVERIFY2(reply, qPrintable(error));
