@@ -75,8 +75,7 @@ std::optional<QCborMap> runProbe(HMHelperInstance &helper, const QString &groups
                              QStringLiteral("--regid=%1").arg(kNobody)};
     arguments << (groups.isEmpty() ? QStringLiteral("--clear-groups")
                                    : QStringLiteral("--groups=") + groups);
-    arguments << HMHelperInstance::testProgram(QStringLiteral("hm-test-helper-probe"))
-              << helper.socketPath() << name;
+    arguments << helper.path(QStringLiteral("bin/probe")) << helper.socketPath() << name;
     probe.start(HMTestEnvironment::findProgram(QStringLiteral("setpriv")), arguments);
     if (!probe.waitForFinished(20000)) {
         *error = QStringLiteral("the probe did not finish");
@@ -180,6 +179,10 @@ private Q_SLOTS:
         QVERIFY(QFile::link(userFile("good.conf"), userFile("link.conf")));
         QCOMPARE(::mkfifo(QFile::encodeName(userFile("fifo.conf")).constData(), 0644), 0);
         QVERIFY(QFile::copy(m_helper.openVPNPath(), userFile("openvpn-copy")));
+        // The build tree may lie where other users cannot reach (under /root, say).
+        QVERIFY(QFile::copy(HMHelperInstance::testProgram("hm-test-helper-probe"),
+                            m_helper.path("bin/probe")));
+        QCOMPARE(::chmod(QFile::encodeName(m_helper.path("bin/probe")).constData(), 0755), 0);
         m_ready = true;
     }
 
