@@ -132,7 +132,7 @@ Summary timeClient(HMDaemonManager &daemon, const QVariantMap &request, const QS
 
 void print(const char *request, const char *client, const Summary &summary)
 {
-    std::printf("| %-34s | %-22s | %8.1f | %8.1f | %8.1f | %5d |\n", request, client, summary.p50,
+    std::printf("| %-36s | %-22s | %8.1f | %8.1f | %8.1f | %5d |\n", request, client, summary.p50,
                 summary.p99, summary.mean, summary.failures);
 }
 
@@ -193,7 +193,7 @@ int main(int argc, char **argv)
     timeBare(helper.socketPath(), check, QStringLiteral("ok"), 20);
 
     std::printf("%d sequential requests per row; microseconds from send to reply\n\n", count);
-    std::printf("| %-34s | %-22s | %8s | %8s | %8s | %5s |\n", "request", "client", "p50", "p99",
+    std::printf("| %-36s | %-22s | %8s | %8s | %8s | %5s |\n", "request", "client", "p50", "p99",
                 "mean", "fails");
     std::printf("|%s|%s|%s|%s|%s|%s|\n", "------------------------------------",
                 "------------------------", "----------", "----------", "----------", "-------");
