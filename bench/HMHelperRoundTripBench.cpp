@@ -195,7 +195,7 @@ int main(int argc, char **argv)
     std::printf("%d sequential requests per row; microseconds from send to reply\n\n", count);
     std::printf("| %-36s | %-22s | %8s | %8s | %8s | %5s |\n", "request", "client", "p50", "p99",
                 "mean", "fails");
-    std::printf("|%s|%s|%s|%s|%s|%s|\n", "------------------------------------",
+    std::printf("|%s|%s|%s|%s|%s|%s|\n", "--------------------------------------",
                 "------------------------", "----------", "----------", "----------", "-------");
     print("checkDNSPortOpen (ok)", "HMDaemonManager",
           timeClient(daemon, check, QStringLiteral("ok"), count));
