@@ -172,9 +172,23 @@ RefState::Auth RefState::authenticate(const QString &username, const QString &pa
 bool RefState::checkToken(const QString &username, const QString &token) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (token.isEmpty()) {
+        return false;
+    }
     const auto it = m_accounts.find(username);
-    return it != m_accounts.end() && !token.isEmpty() &&
-           it->second.value(QStringLiteral("vpnToken")).toString() == token;
+    if (it != m_accounts.end()) {
+        return it->second.value(QStringLiteral("vpnToken")).toString() == token;
+    }
+    // The client answers OpenVPN with the token as both user name and password: then any
+    // account's current token is accepted.
+    if (username == token) {
+        for (const auto &entry : m_accounts) {
+            if (entry.second.value(QStringLiteral("vpnToken")).toString() == token) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 std::optional<QJsonObject> RefState::takeFault(const QString &listener, const QString &method,

@@ -73,6 +73,8 @@ private Q_SLOTS:
         QTest::newRow("the password is no token") << QByteArray("ann@example.test\nsecret\n") << 1;
         QTest::newRow("unknown user") << QByteArray("bob@example.test\n%TOKEN%\n") << 1;
         QTest::newRow("empty file") << QByteArray() << 1;
+        QTest::newRow("token as user name and password") << QByteArray("%TOKEN%\n%TOKEN%\n") << 0;
+        QTest::newRow("a stranger's token as both") << QByteArray("feedface\nfeedface\n") << 1;
     }
 
     void checkTokenCommand()

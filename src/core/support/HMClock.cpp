@@ -19,14 +19,26 @@ QDateTime HMSystemClock::now() const
     return QDateTime::currentDateTime();
 }
 
-qint64 HMSystemClock::monotonicMs() const
+namespace {
+const QElapsedTimer &monotonicOrigin()
 {
-    static QElapsedTimer origin = [] {
+    static const QElapsedTimer origin = [] {
         QElapsedTimer t;
         t.start();
         return t;
     }();
-    return origin.elapsed();
+    return origin;
+}
+} // namespace
+
+qint64 HMSystemClock::monotonicMs() const
+{
+    return monotonicOrigin().elapsed();
+}
+
+qint64 HMSystemClock::monotonicNs() const
+{
+    return monotonicOrigin().nsecsElapsed();
 }
 
 namespace {

@@ -27,7 +27,7 @@ HMError HMError::errorWithDomain(const QString &domain, long code, const QString
 
 QVariantMap HMError::userInfo() const
 {
-    QVariantMap info;
+    QVariantMap info = m_extraInfo;
     if (hasDescription()) {
         info.insert(kDescriptionKey, m_description);
     }
@@ -42,8 +42,14 @@ QString HMError::description() const
     return QStringLiteral("%1 [%2](%3)").arg(m_description, m_domain, QString::number(m_code));
 }
 
+void HMError::setUserInfoValue(const QString &key, const QVariant &value)
+{
+    m_extraInfo.insert(key, value);
+}
+
 bool HMError::operator==(const HMError &other) const
 {
     return m_domain == other.m_domain && m_code == other.m_code &&
-           m_description == other.m_description && m_reason == other.m_reason;
+           m_description == other.m_description && m_reason == other.m_reason &&
+           m_extraInfo == other.m_extraInfo;
 }

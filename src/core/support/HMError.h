@@ -33,8 +33,12 @@ public:
     QString failureReason() const { return m_reason; }
     bool hasDescription() const { return !m_description.isNull(); }
     bool hasFailureReason() const { return !m_reason.isNull(); }
-    // Holds the description and reason only where they were given.
+    // Holds the description and reason only where they were given, plus any extra entries.
     QVariantMap userInfo() const;
+    // Extra entries for the code that reads the error, not for users (for example the
+    // resolver's failure code of a host look-up).
+    void setUserInfoValue(const QString &key, const QVariant &value);
+    QVariant userInfoValue(const QString &key) const { return userInfo().value(key); }
     // "%@ [%@](%ld)": what every log line that prints an error shows.
     QString description() const;
 
@@ -45,6 +49,7 @@ private:
     long m_code = 0;
     QString m_description;
     QString m_reason;
+    QVariantMap m_extraInfo;
 };
 
 using HMMaybeError = std::optional<HMError>;

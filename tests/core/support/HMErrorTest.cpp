@@ -11,6 +11,7 @@ private Q_SLOTS:
     void describesAsDescriptionDomainCode();
     void userInfoHoldsOnlyWhatWasGiven();
     void shortcutsUseAppDomainAndCodeZero();
+    void extraUserInfoEntriesKeptAndCompared();
 };
 
 void HMErrorTest::describesAsDescriptionDomainCode_data()
@@ -57,6 +58,19 @@ void HMErrorTest::shortcutsUseAppDomainAndCodeZero()
     QCOMPARE(error.code(), 0l);
     QCOMPARE(HMError::errorWithCode(7, QStringLiteral("x")).domain(), QStringLiteral("hmwisp"));
     QVERIFY(error == HMError::errorWithCode(0, QStringLiteral("Must be logged in")));
+}
+
+void HMErrorTest::extraUserInfoEntriesKeptAndCompared()
+{
+    HMError error(QStringLiteral("CFNetwork"), 2, QStringLiteral("Host not found"));
+    const HMError plain = error;
+    error.setUserInfoValue(QStringLiteral("kCFGetAddrInfoFailureKey"), -2);
+    QCOMPARE(error.userInfoValue(QStringLiteral("kCFGetAddrInfoFailureKey")).toInt(), -2);
+    QCOMPARE(error.userInfo().value(HMError::kDescriptionKey).toString(),
+             QStringLiteral("Host not found"));
+    QCOMPARE(error.userInfo().size(), 2);
+    QVERIFY(!(error == plain));
+    QCOMPARE(error.description(), plain.description());
 }
 
 QTEST_GUILESS_MAIN(HMErrorTest)
