@@ -22,16 +22,19 @@ void HMAppDelegate::applicationDidFinishLaunching()
     // The banner goes to the system journal, not the application's own file.
     syslog(LOG_NOTICE, "Starting Hollowmere %s", app_version().toUtf8().constData());
 
-    initializeLogging();
-    migratePreferencesFromOlderVersions(m_store);
-
+    // Watch for SIGTERM before anything is written, so a stop request during start-up
+    // still ends in a clean quit instead of the default kill.
     m_signalWatcher = new HMSignalWatcher(this);
     connect(m_signalWatcher, &HMSignalWatcher::quitRequested, this,
             [](int) { QCoreApplication::quit(); });
-    if (!m_signalWatcher->watchTerminationSignals()) {
+    const bool watching = m_signalWatcher->watchTerminationSignals();
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &HMAppDelegate::quitHandler);
+
+    initializeLogging();
+    if (!watching) {
         HMLogError(QStringLiteral("Could not watch for termination signals"));
     }
-    connect(qApp, &QCoreApplication::aboutToQuit, this, &HMAppDelegate::quitHandler);
+    migratePreferencesFromOlderVersions(m_store);
 
     initializeUI();
 }

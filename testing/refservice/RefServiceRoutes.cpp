@@ -497,11 +497,11 @@ void ref_install_service_routes(httplib::Server &server, RefState &state, const 
     installAccountRoutes(server, state, listener);
     installUploadRoute(server, state, listener);
     installDashboardRoutes(server, state, listener);
-    server.set_error_handler(
-        [&state, listener](const httplib::Request &request, httplib::Response &response) {
-            if (response.status == 404) {
-                state.logRequest(describe(request, listener));
-                response.set_content("<html><body>Not Found</body></html>", "text/html");
-            }
-        });
+    // Everything else is a 404 page, still logged and still open to scripted faults.
+    const auto notFound = route(state, listener, [](const auto &, auto &response) {
+        response.status = 404;
+        response.set_content("<html><body>Not Found</body></html>", "text/html");
+    });
+    server.Get(".*", notFound);
+    server.Post(".*", notFound);
 }

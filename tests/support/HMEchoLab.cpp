@@ -118,6 +118,27 @@ HMEchoLab::~HMEchoLab()
 
 QString HMEchoLab::addHost(int delayMs, bool decoy, QString *error)
 {
+    return addHosts({delayMs}, decoy, error).value(0);
+}
+
+QStringList HMEchoLab::addHosts(const QList<int> &delaysMs, bool decoy, QString *error)
+{
+    QStringList addresses;
+    for (const int delay : delaysMs) {
+        const QString address = startHost(delay, decoy, error);
+        if (address.isEmpty()) {
+            return {};
+        }
+        addresses << address;
+    }
+    if (!warmUp(addresses, error)) {
+        return {};
+    }
+    return addresses;
+}
+
+QString HMEchoLab::startHost(int delayMs, bool decoy, QString *error)
+{
     const int n = ++g_nextHost;
     const QString subnet = hostSubnet(n);
     const QString address = subnet + QStringLiteral(".2");
@@ -163,8 +184,7 @@ QString HMEchoLab::addHost(int delayMs, bool decoy, QString *error)
         !runTool(QStringLiteral("nsenter"),
                  {QStringLiteral("-t"), pid, QStringLiteral("-n"), QStringLiteral("ip"),
                   QStringLiteral("-batch"), QStringLiteral("-")},
-                 theirs, error) ||
-        !warmUp(address, error)) {
+                 theirs, error)) {
         return QString();
     }
     return address;
@@ -212,7 +232,7 @@ QString HMEchoLab::addUnroutable(QString *error)
     return QStringLiteral("10.62.0.1");
 }
 
-bool HMEchoLab::warmUp(const QString &address, QString *error)
+bool HMEchoLab::warmUp(const QStringList &addresses, QString *error)
 {
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_ICMP);
     if (fd < 0) {
@@ -222,31 +242,42 @@ bool HMEchoLab::warmUp(const QString &address, QString *error)
         }
         return false;
     }
-    sockaddr_in target{};
-    target.sin_family = AF_INET;
-    ::inet_pton(AF_INET, address.toLatin1().constData(), &target.sin_addr);
+    QList<in_addr_t> waiting;
+    for (const QString &address : addresses) {
+        in_addr parsed{};
+        ::inet_pton(AF_INET, address.toLatin1().constData(), &parsed);
+        waiting << parsed.s_addr;
+    }
     unsigned char request[8 + 13] = {8, 0, 0, 0, 0, 0, 0, 0};
     std::memcpy(request + 8, "hm-lab-warmup", 13);
 
-    bool answered = false;
-    const QDeadlineTimer deadline(5000);
-    while (!answered && !deadline.hasExpired()) {
+    const QDeadlineTimer deadline(10000);
+    while (!waiting.isEmpty() && !deadline.hasExpired()) {
         // The kernel fills in the identifier and the checksum of datagram-socket requests.
-        ::sendto(fd, request, sizeof request, 0, reinterpret_cast<const sockaddr *>(&target),
-                 sizeof target);
+        for (const in_addr_t address : std::as_const(waiting)) {
+            sockaddr_in target{};
+            target.sin_family = AF_INET;
+            target.sin_addr.s_addr = address;
+            ::sendto(fd, request, sizeof request, 0, reinterpret_cast<const sockaddr *>(&target),
+                     sizeof target);
+        }
         pollfd readable{fd, POLLIN, 0};
-        while (!answered && ::poll(&readable, 1, 50) > 0) {
+        while (!waiting.isEmpty() && ::poll(&readable, 1, 20) > 0) {
             unsigned char reply[128];
             sockaddr_in from{};
             socklen_t fromLength = sizeof from;
             const ssize_t n = ::recvfrom(fd, reply, sizeof reply, 0,
                                          reinterpret_cast<sockaddr *>(&from), &fromLength);
-            answered = n >= 8 && reply[0] == 0 && from.sin_addr.s_addr == target.sin_addr.s_addr;
+            if (n >= 8 && reply[0] == 0) {
+                waiting.removeAll(from.sin_addr.s_addr);
+            }
         }
     }
     ::close(fd);
-    if (!answered && error) {
-        *error = QStringLiteral("host %1 never answered the warm-up ping").arg(address);
+    if (!waiting.isEmpty() && error) {
+        *error = QStringLiteral("%1 of %2 lab hosts never answered the warm-up ping")
+                     .arg(waiting.size())
+                     .arg(addresses.size());
     }
-    return answered;
+    return waiting.isEmpty();
 }

@@ -58,13 +58,18 @@ public:
     // one when asked. Returns its IPv4 address once the link carries traffic, or an empty
     // string and `error`.
     QString addHost(int delayMs, bool decoy = false, QString *error = nullptr);
+    // Several hosts at once, one per delay, in that order; all or none.
+    QStringList addHosts(const QList<int> &delaysMs, bool decoy = false, QString *error = nullptr);
     // A fresh address on the black-holed route.
     QString addBlackHole(QString *error = nullptr);
     // An address on a "blackhole" route: the kernel refuses every send to it at once.
     QString addUnroutable(QString *error = nullptr);
 
 private:
-    bool warmUp(const QString &address, QString *error);
+    QString startHost(int delayMs, bool decoy, QString *error);
+    // A new link carries nothing until the kernel has activated it, which can take a good
+    // part of a second: ping every new host until it answers, all of them together.
+    bool warmUp(const QStringList &addresses, QString *error);
 
     std::vector<std::unique_ptr<QProcess>> m_responders;
 };

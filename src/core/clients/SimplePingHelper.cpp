@@ -26,7 +26,7 @@ SimplePingHelper::~SimplePingHelper()
 
 void SimplePingHelper::go()
 {
-    if (m_running || m_started) {
+    if (m_started) {
         return;
     }
     m_started = true;

@@ -4,8 +4,8 @@
 // alone lives in the keychain (service = the bundle identifier, account = the user name).
 // Reads never fail: an absent key reads as nothing, false or 0, and a value of the wrong
 // type (hand-edited or left by another version) reads the same way and is logged once,
-// never rewritten. The sign-in and usage operations that fill these properties from the
-// service build on this class.
+// never rewritten. The service operations (sign-in, token, account creation, the usage
+// loop; HMAccountManagerLogin.cpp) fill these properties through the API client.
 //
 // Observers follow changes through willChangeValueForKey/didChangeValueForKey (every
 // setter announces its own key; some also announce derived keys, in a fixed order) and
@@ -15,12 +15,17 @@
 // keychain, routing manager and notification centre injected. Main thread only.
 #pragma once
 
+#include "HMError.h"
+
 #include <QHash>
 #include <QObject>
 #include <QSet>
 #include <QVariant>
+#include <functional>
 #include <optional>
 
+class HMAPIClient;
+class HMClock;
 class HMKeychain;
 class HMNotificationCenter;
 class HMPreferenceStore;
@@ -129,6 +134,47 @@ public:
     // The usage loop checks the flag before every run, so clearing it stops the loop.
     void stopUpdatingUsage() { setShouldUpdateUsage(false); }
 
+    // ---- service operations ----
+    using Completion = std::function<void(const HMMaybeError &error)>;
+    using TokenCompletion = std::function<void(const QString &token)>;
+    static constexpr qint64 kUsageRefreshIntervalMs = 60 * 1000;
+
+    // Collaborators of the service operations: the process-wide API client, the system
+    // clock and the closest-server manager's isEnabled unless a test sets its own.
+    void setAPIClient(HMAPIClient *client) { m_api = client; }
+    void setClock(HMClock *clock) { m_clock = clock; }
+    void setClosestEnabledQuery(std::function<bool()> query)
+    {
+        m_closestEnabled = std::move(query);
+    }
+
+    // Signs in and stores the whole account from the reply; a refusal changes nothing.
+    // `completion` may be empty.
+    void loginWithUsername(const QString &username, const QString &password, bool getToken,
+                           Completion completion);
+    // Signs in again with the stored credentials. Throws "Must be logged in" when signed out.
+    void loginGetToken(bool getToken, Completion completion);
+    // A one-time token for the web site; the completion runs only on success.
+    void getTokenWithCompletion(TokenCompletion completion);
+    void addAccountWithUsername(const QString &username, const QString &password,
+                                const QString &firstName, const QString &lastName,
+                                Completion completion);
+    // Throws HMException "HMExceptionNotLoggedIn" when signed out.
+    void verifyAccountWithCompletion(Completion completion);
+    void resendVerificationEmailWithCompletion(Completion completion);
+    // The account is signed in again every 60 seconds while the loop runs; a service that
+    // no longer knows the account ("Unknown") signs the user out.
+    void startUpdatingUsage();
+    void updateUsage();
+    void startCheckingVPNConnection();
+    void stopCheckingVPNConnection();
+    void checkIfVPNConnected();
+    void openAccountDetailsPage();
+    void updateTwitterID(const QString &twitterID, Completion completion);
+
+    // [code, id] pairs as the service sends them, as {"id", "code"} records in order.
+    static QVariantList parseCountryList(const QVariant &countryList);
+
     void logout();
     void synchronize();
 
@@ -171,6 +217,12 @@ private:
     // will-change, store (an invalid value removes the key), did-change.
     void storeNotifying(const QString &key, const QVariant &value);
 
+    HMAPIClient &api();
+    HMClock &clock();
+    bool isClosestEnabled() const;
+    void storeSignInReply(const QVariantMap &reply, const QString &username,
+                          const QString &password, bool getToken);
+
     HMPreferenceStore &m_store;
     HMKeychain &m_keychain;
     HMWisprouteManager *m_routing;
@@ -184,4 +236,12 @@ private:
     bool m_shouldUpdateUsage = false;
     bool m_shouldCheckVPNConnection = false;
     mutable QSet<QString> m_reportedWrongTypes;
+
+    HMAPIClient *m_api = nullptr;
+    HMClock *m_clock = nullptr;
+    std::function<bool()> m_closestEnabled;
+    quint64 m_usageTimer = 0;
+    // Bumped by every start, so that a reply of a loop stopped and started again meanwhile
+    // does not keep a second loop going.
+    quint64 m_usageGeneration = 0;
 };

@@ -6,8 +6,6 @@
 
 #include <QFile>
 #include <QHostAddress>
-#include <QSet>
-#include <QSignalSpy>
 #include <QTest>
 #include <QtEndian>
 
@@ -219,13 +217,6 @@ private Q_SLOTS:
         QFETCH(QByteArray, wire);
         QCOMPARE(referenceChecksum(data), wire); // the vector itself is right
         QCOMPARE(checksumBytes(in_cksum(data.constData(), static_cast<size_t>(data.size()))), wire);
-    }
-
-    void oddPayloadPacketChecksums()
-    {
-        const QByteArray packet = SimplePing::echoRequestPacket(7, 9, QByteArray("abc"));
-        QCOMPARE(packet.size(), 11);
-        QCOMPARE(in_cksum(packet.constData(), static_cast<size_t>(packet.size())), quint16(0));
     }
 
     void replyParser_data()
@@ -490,33 +481,8 @@ private Q_SLOTS:
     void reusedIdentifierIsReplaced()
     {
         HM_REQUIRE_PING_SOCKET();
-        // Dozens of probers at once draw identifiers from 65535 values: a clash with another
-        // socket must cost a fresh draw, not a failed probe.
-        std::vector<std::unique_ptr<SimplePing>> pingers;
-        struct StopAll
-        {
-            std::vector<std::unique_ptr<SimplePing>> &pingers;
-            ~StopAll()
-            {
-                for (const auto &pinger : pingers) {
-                    pinger->stop();
-                }
-            }
-        } stopAll{pingers};
-        RecordingDelegate delegate;
-        for (int i = 0; i < 64; ++i) {
-            pingers.push_back(std::make_unique<SimplePing>(
-                QString(), SimplePing::socketAddress(QHostAddress::LocalHost)));
-            pingers.back()->setDelegate(&delegate);
-            pingers.back()->start();
-        }
-        QCOMPARE(delegate.events.count(QStringLiteral("start")), 64);
-        QSet<quint16> identifiers;
-        for (const auto &pinger : pingers) {
-            identifiers.insert(pinger->identifier());
-        }
-        QCOMPARE(identifiers.size(), 64);
-        // Take one identifier away from a prober that has not started yet.
+        // Probers draw identifiers at random; one that another ICMP socket already holds
+        // must cost a fresh draw, not a probe that never hears its replies.
         SimplePing late(QString(), SimplePing::socketAddress(QHostAddress::LocalHost));
         StopAtExit lateGuard{late};
         const int holder = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_ICMP);
@@ -535,9 +501,6 @@ private Q_SLOTS:
         late.sendPingWithData();
         QTRY_COMPARE(lateDelegate.events.last(), QStringLiteral("reply 0"));
         late.stop();
-        for (const auto &pinger : pingers) {
-            pinger->stop();
-        }
     }
 };
 

@@ -394,11 +394,15 @@ private Q_SLOTS:
         HM_REQUIRE_PRIVATE_NETWORK();
         QFETCH(QList<int>, delays);
         QFETCH(QString, expected);
+        QList<int> answering;
+        std::copy_if(delays.cbegin(), delays.cend(), std::back_inserter(answering),
+                     [](int delay) { return delay >= 0; });
+        QString error;
+        QStringList hosts = m_lab->addHosts(answering, false, &error);
+        QVERIFY2(hosts.size() == answering.size(), qPrintable(error));
         QVariantMap blocks;
         for (int i = 0; i < delays.size(); ++i) {
-            QString error;
-            const QString host = delays[i] < 0 ? m_lab->addBlackHole(&error)
-                                               : m_lab->addHost(delays[i], false, &error);
+            const QString host = delays[i] < 0 ? m_lab->addBlackHole(&error) : hosts.takeFirst();
             QVERIFY2(!host.isEmpty(), qPrintable(error));
             blocks.insert(QStringLiteral("g%1").arg(i), QVariantList{server(host)});
         }
@@ -432,9 +436,6 @@ private Q_SLOTS:
             QVERIFY2(decidedMs >= 990 && decidedMs < 1800, qPrintable(QString::number(decidedMs)));
         } else {
             // Decided by the fastest answer, before the next one (or the time-out) is due.
-            QList<int> answering;
-            std::copy_if(delays.cbegin(), delays.cend(), std::back_inserter(answering),
-                         [](int delay) { return delay >= 0; });
             std::sort(answering.begin(), answering.end());
             const int deadline = answering.size() > 1 ? answering.at(1) : 1000;
             QVERIFY2(decidedMs >= answering.first() && decidedMs < deadline,

@@ -1,0 +1,111 @@
+#include "HMAPITestBed.h"
+
+#include "HMTestEnvironment.h"
+
+#include <QJsonArray>
+
+const QString HMAPITestBed::kServiceDomain = QStringLiteral("hollowmere.test");
+const QString HMAPITestBed::kStaticHost = QStringLiteral("static.hollowmere-files.test");
+const QString HMAPITestBed::kTrustedHost = QStringLiteral("api.hollowmere.test");
+
+QString HMAPITestBed::unavailableReason()
+{
+    const QString reason = qEnvironmentVariable("HM_NETNS_UNAVAILABLE");
+    if (!reason.isEmpty()) {
+        return QStringLiteral("runs the reference service in a network namespace: ") + reason;
+    }
+    if (qEnvironmentVariable("HM_NETNS").isEmpty()) {
+        return QStringLiteral("must be started through testing/netns/hm-netns-run (ctest does)");
+    }
+    if (HMTestEnvironment::findProgram(QStringLiteral("openssl")).isEmpty()) {
+        return QStringLiteral("needs the openssl command");
+    }
+    return QString();
+}
+
+namespace {
+
+QJsonObject listener(const QString &name, const QString &address, int port,
+                     const HMTestCertificates::Leaf *leaf)
+{
+    QJsonObject object{{QStringLiteral("name"), name},
+                       {QStringLiteral("address"), address},
+                       {QStringLiteral("port"), port}};
+    if (leaf) {
+        object.insert(QStringLiteral("cert"), leaf->chain);
+        object.insert(QStringLiteral("key"), leaf->key);
+    }
+    return object;
+}
+
+} // namespace
+
+bool HMAPITestBed::setUp(QString *error)
+{
+    HMTestCertificates certificates(m_directory.path());
+    const auto rapid =
+        certificates.makeAuthority(QStringLiteral("rapid"), QStringLiteral("RapidSSL CA"));
+    const auto other =
+        certificates.makeAuthority(QStringLiteral("other"), QStringLiteral("Other CA"));
+    const auto lowerIssuer =
+        certificates.makeAuthority(QStringLiteral("lower"), QStringLiteral("rapidssl ca"));
+    m_trustedRoot =
+        certificates.makeAuthority(QStringLiteral("root"), QStringLiteral("Hollowmere Test Root"));
+    const QString wildcard = QStringLiteral("*.") + kServiceDomain;
+    const auto serviceLeaf = certificates.makeLeaf(QStringLiteral("service"), wildcard, &rapid);
+    const auto wrongIssuer =
+        certificates.makeLeaf(QStringLiteral("wrong-issuer"), wildcard, &other);
+    const auto oneCertificate =
+        certificates.makeLeaf(QStringLiteral("one-cert"), wildcard, &rapid, {}, false);
+    const auto specificHost =
+        certificates.makeLeaf(QStringLiteral("specific"), kTrustedHost, &rapid);
+    const auto trusted = certificates.makeLeaf(QStringLiteral("trusted"), kTrustedHost,
+                                               &m_trustedRoot, {kTrustedHost});
+    const auto upperCase =
+        certificates.makeLeaf(QStringLiteral("upper"), QStringLiteral("*.HOLLOWMERE.test"), &rapid);
+    const auto lowerCaseIssuer =
+        certificates.makeLeaf(QStringLiteral("lower-issuer"), wildcard, &lowerIssuer);
+    const auto unrelated = certificates.makeLeaf(QStringLiteral("unrelated"),
+                                                 QStringLiteral("unrelated.example"), nullptr);
+    if (!certificates.error().isEmpty()) {
+        *error = certificates.error();
+        return false;
+    }
+
+    const QJsonObject config{
+        {QStringLiteral("listeners"),
+         QJsonArray{
+             listener(QStringLiteral("api"), QStringLiteral("127.0.0.1"), 443, &serviceLeaf),
+             listener(QStringLiteral("api-http"), QStringLiteral("127.0.0.1"), 80, nullptr),
+             listener(QStringLiteral("fallback"), QStringLiteral("127.0.0.3"), 443, &serviceLeaf),
+             listener(QStringLiteral("static"), QStringLiteral("127.0.0.4"), 443, &unrelated),
+             listener(QStringLiteral("wrong-issuer"), QStringLiteral("127.0.0.11"), 443,
+                      &wrongIssuer),
+             listener(QStringLiteral("one-cert"), QStringLiteral("127.0.0.12"), 443,
+                      &oneCertificate),
+             listener(QStringLiteral("specific"), QStringLiteral("127.0.0.13"), 443, &specificHost),
+             listener(QStringLiteral("trusted"), QStringLiteral("127.0.0.14"), 443, &trusted),
+             listener(QStringLiteral("upper"), QStringLiteral("127.0.0.15"), 443, &upperCase),
+             listener(QStringLiteral("lower-issuer"), QStringLiteral("127.0.0.16"), 443,
+                      &lowerCaseIssuer)}},
+        {QStringLiteral("fallroot"), QJsonObject{{QStringLiteral("ips"), QJsonArray{}}}},
+    };
+    return service.start(config, error);
+}
+
+HMDeploymentValues HMAPITestBed::deployment() const
+{
+    HMDeploymentValues values = HMDeploymentValues::builtIn();
+    values.setServiceDomain(kServiceDomain);
+    values.setStreamingHost(QStringLiteral("stream.") + kServiceDomain);
+    values.setStaticHost(kStaticHost);
+    values.setWebSiteRoot(QStringLiteral("https://www.") + kServiceDomain);
+    values.setHelpHost(QStringLiteral("help.") + kServiceDomain);
+    return values;
+}
+
+std::unique_ptr<HMAPIClient> HMAPITestBed::makeClient(HMClock &clock, HMNotificationCenter &center)
+{
+    return std::make_unique<HMAPIClient>(
+        deployment(), [this] { return reachable; }, clock, center);
+}

@@ -1,0 +1,118 @@
+#include "IgnoreCert.h"
+#include "HMAPITestBed.h"
+#include "HMManualClock.h"
+#include "HMNotificationCenter.h"
+#include "HMTestEnvironment.h"
+
+#include <QSslConfiguration>
+#include <QtTest>
+
+// The certificate rule against real TLS servers: each listener of the test bed presents
+// one kind of chain, and the client asks each for the status probe.
+class IgnoreCertTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<QTemporaryDir> m_home;
+    HMAPITestBed m_bed;
+    HMManualClock m_clock;
+    HMNotificationCenter m_center;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_home = HMTestEnvironment::isolateUserDirectories();
+        const QString reason = HMAPITestBed::unavailableReason();
+        if (!reason.isEmpty()) {
+            QSKIP(qPrintable(reason));
+        }
+        QString error;
+        QVERIFY2(m_bed.setUp(&error), qPrintable(error));
+        // Stands in for a certificate from an authority the system trusts.
+        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+        configuration.addCaCertificates(m_bed.trustedRootPath());
+        QSslConfiguration::setDefaultConfiguration(configuration);
+    }
+
+    void serverTrust_data()
+    {
+        QTest::addColumn<QString>("root");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("wildcard leaf and RapidSSL CA, by address") << "https://127.0.0.3" << true;
+        QTest::newRow("wildcard leaf and RapidSSL CA, by service domain")
+            << "https://hollowmere.test" << true;
+        QTest::newRow("wildcard leaf from another issuer") << "https://127.0.0.11" << false;
+        QTest::newRow("wildcard leaf sent without its issuer") << "https://127.0.0.12" << false;
+        QTest::newRow("leaf naming one host of the service") << "https://127.0.0.13" << false;
+        QTest::newRow("leaf name in other letter case") << "https://127.0.0.15" << false;
+        QTest::newRow("issuer name in other letter case") << "https://127.0.0.16" << false;
+        QTest::newRow("static host by name, unrelated self-signed certificate")
+            << "https://static.hollowmere-files.test" << true;
+        QTest::newRow("static host's certificate by address") << "https://127.0.0.4" << false;
+        QTest::newRow("certificate valid for the host") << "https://api.hollowmere.test" << true;
+        QTest::newRow("valid certificate, reached by address") << "https://127.0.0.14" << false;
+    }
+
+    void serverTrust()
+    {
+        QFETCH(QString, root);
+        QFETCH(bool, accepted);
+        auto client = m_bed.makeClient(m_clock, m_center);
+        client->setStatus(HMAPIStatusHealthy);
+        client->setAPIRoot(0, root);
+        bool done = false;
+        QVariantMap reply;
+        HMMaybeError error;
+        client->getStatusWithCompletion([&](const QVariantMap &r, const HMMaybeError &e) {
+            done = true;
+            reply = r;
+            error = e;
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(done, 10000);
+        if (accepted) {
+            QVERIFY2(!error, qPrintable(error ? error->description() : QString()));
+            QCOMPARE(reply.value("response").toString(), QStringLiteral("ok"));
+        } else {
+            QVERIFY(error);
+            QCOMPARE(error->domain(), HMAPIClient::kURLLoadingDomain);
+            QCOMPARE(error->code(), -1200L);
+        }
+    }
+
+    void ruleOnPresentedChains_data()
+    {
+        QTest::addColumn<QString>("host");
+        QTest::addColumn<QStringList>("subjects");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("accepted host, no chain") << "files.test" << QStringList() << true;
+        QTest::newRow("wildcard entry is no host") << "*.svc.test" << QStringList() << true;
+        QTest::newRow("three certificates, first two decide")
+            << "10.0.0.1" << QStringList{"*.svc.test", "RapidSSL CA", "Root"} << true;
+        QTest::newRow("issuer first")
+            << "10.0.0.1" << QStringList{"RapidSSL CA", "*.svc.test"} << false;
+        QTest::newRow("static host as leaf name")
+            << "10.0.0.1" << QStringList{"files.test", "RapidSSL CA"} << true;
+    }
+
+    // The decision alone, for chains no TLS server in the bed presents.
+    void ruleOnPresentedChains()
+    {
+        QFETCH(QString, host);
+        QFETCH(QStringList, subjects);
+        QFETCH(bool, accepted);
+        QList<QSslCertificate> chain;
+        QTemporaryDir directory;
+        HMTestCertificates certificates(directory.path());
+        for (int i = 0; i < subjects.size(); ++i) {
+            const auto leaf = certificates.makeLeaf(QString::number(i), subjects.at(i), nullptr);
+            QVERIFY2(certificates.error().isEmpty(), qPrintable(certificates.error()));
+            chain += QSslCertificate::fromPath(leaf.certificate);
+        }
+        const QStringList names = IgnoreCert::acceptedNamesFor("svc.test", "files.test");
+        QCOMPARE(IgnoreCert::acceptsServerTrust(host, chain, names), accepted);
+    }
+};
+
+QTEST_GUILESS_MAIN(IgnoreCertTest)
+#include "IgnoreCertTest.moc"

@@ -1,0 +1,295 @@
+// One real cycle through the helper: an OpenVPN 2.6 server in one network namespace (the
+// lab of testing/lab/vpn-lab.sh), the helper and the client OpenVPN it starts in another.
+// The test plays the application's part on the management interface, so the tunnel really
+// comes up, the up script really sets the namespace's name servers, and stopVPN really ends
+// it all and puts them back.
+#include "HMHelperInstance.h"
+#include "HMPathTrust.h"
+#include "HMTestEnvironment.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QtTest>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// Brings the lab up on construction and always takes it down again.
+class Lab
+{
+public:
+    QMap<QString, QString> facts;
+
+    bool up(QString *error)
+    {
+        if (!m_dir.isValid()) {
+            *error = QStringLiteral("no temporary directory");
+            return false;
+        }
+        HMHelperInstance::removeStaleNamespaces(QStringLiteral("hmcyc"));
+        m_name = QStringLiteral("hmcyc%1").arg(::getpid());
+        QProcess lab;
+        lab.start(script(), {"up", "--name", m_name, "--dir", m_dir.filePath("lab")});
+        if (!lab.waitForFinished(60000) || lab.exitCode() != 0) {
+            *error = QString::fromUtf8(lab.readAllStandardError());
+            return false;
+        }
+        for (const QByteArray &line : lab.readAllStandardOutput().split('\n')) {
+            const int equals = line.indexOf('=');
+            if (equals > 0) {
+                facts.insert(QString::fromUtf8(line.left(equals)),
+                             QString::fromUtf8(line.mid(equals + 1)));
+            }
+        }
+        return true;
+    }
+
+    ~Lab()
+    {
+        if (!m_name.isEmpty()) {
+            QProcess::execute(script(), {"down", "--name", m_name, "--dir", m_dir.filePath("lab")});
+        }
+    }
+
+private:
+    static QString script() { return HMTestEnvironment::sourceDir() + "/testing/lab/vpn-lab.sh"; }
+
+    QTemporaryDir m_dir{QStringLiteral("/tmp/hmlab-XXXXXX")};
+    QString m_name;
+};
+
+// The application's side of OpenVPN's management interface, as blocking line I/O.
+class Management
+{
+public:
+    ~Management()
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+    }
+
+    bool connect(const QString &networkNamespace)
+    {
+        m_fd = HMHelperInstance::socketInNamespace(networkNamespace, SOCK_STREAM);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(5678);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return m_fd >= 0 &&
+               ::connect(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
+    }
+
+    bool send(const QByteArray &line)
+    {
+        const QByteArray data = line + '\n';
+        return ::send(m_fd, data.constData(), static_cast<size_t>(data.size()), MSG_NOSIGNAL) ==
+               data.size();
+    }
+
+    // Reads until a line contains `text`; every line read is kept in transcript.
+    bool waitFor(const QByteArray &text, int timeoutMs)
+    {
+        const QDeadlineTimer deadline(timeoutMs);
+        for (;;) {
+            const int newline = m_buffer.indexOf('\n');
+            if (newline >= 0) {
+                const QByteArray line = m_buffer.left(newline).trimmed();
+                m_buffer.remove(0, newline + 1);
+                transcript << QString::fromUtf8(line);
+                if (line.contains(text)) {
+                    return true;
+                }
+                continue;
+            }
+            pollfd watch{m_fd, POLLIN, 0};
+            if (deadline.hasExpired() ||
+                ::poll(&watch, 1, static_cast<int>(deadline.remainingTime())) <= 0) {
+                return false;
+            }
+            char chunk[4096];
+            const ssize_t n = ::read(m_fd, chunk, sizeof(chunk));
+            if (n <= 0) {
+                return false;
+            }
+            m_buffer.append(chunk, n);
+        }
+    }
+
+    QStringList transcript;
+
+private:
+    int m_fd = -1;
+    QByteArray m_buffer;
+};
+
+QString readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+bool linkExists(const QString &networkNamespace, const QString &device)
+{
+    QProcess ip;
+    ip.start(HMTestEnvironment::findProgram("ip"),
+             {"-n", networkNamespace, "link", "show", device});
+    ip.waitForFinished(5000);
+    return ip.exitCode() == 0;
+}
+
+// OpenVPN processes whose command line mentions this helper instance's run directory.
+QStringList openVPNProcessesOf(const HMHelperInstance &helper)
+{
+    QStringList found;
+    const QString openvpn = HMPathTrust::resolved(helper.openVPNPath());
+    for (const QString &pid : QDir("/proc").entryList(QDir::Dirs)) {
+        if (pid.toInt() <= 0 || QFileInfo("/proc/" + pid + "/exe").canonicalFilePath() != openvpn) {
+            continue;
+        }
+        if (readFile("/proc/" + pid + "/cmdline").contains(helper.runDir())) {
+            found << pid;
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+class HMHelperOpenVPNCycleTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    // Declared first so that it is torn down last, after the helper and its OpenVPN.
+    Lab m_lab;
+    HMHelperInstance m_helper;
+
+    QCborMap request(const QString &action)
+    {
+        QCborMap map;
+        map.insert(QStringLiteral("action"), action);
+        return map;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (!HMTestEnvironment::canUseNetworkNamespaces() ||
+            HMTestEnvironment::findProgram("openvpn").isEmpty() ||
+            HMTestEnvironment::findProgram("openssl").isEmpty() ||
+            HMTestEnvironment::findProgram("systemd-socket-activate").isEmpty() ||
+            !QFile::exists("/dev/net/tun")) {
+            QSKIP("needs root, network namespaces, /dev/net/tun, openvpn, openssl and "
+                  "systemd-socket-activate");
+        }
+        QString error;
+        QVERIFY2(m_lab.up(&error), qPrintable(error));
+        const QString client = m_lab.facts.value("LAB_CLIENT_FILES");
+        HMHelperInstance::Options options;
+        options.openVPN = HMPathTrust::resolved(HMTestEnvironment::findProgram("openvpn"));
+        options.useInPlace = true;
+        options.networkNamespace = m_lab.facts.value("LAB_CLIENT_NAMESPACE");
+        options.resourceFiles = {client + "/ca.crt", client + "/key.crt", client + "/key.key"};
+        options.startTimeoutMs = 20000;
+        options.stopTimeoutMs = 10000;
+        QVERIFY2(m_helper.prepare(options, &error), qPrintable(error));
+        QVERIFY2(m_helper.start(&error), qPrintable(error));
+    }
+
+    void tunnelComesUpAndGoesAway_data()
+    {
+        QTest::addColumn<bool>("selectiveRouting");
+        QTest::addColumn<QString>("protocol");
+        QTest::addColumn<QStringList>("nameServers");
+        QTest::newRow("selective routing over UDP") << true << "udp" << QStringList{"127.0.0.1"};
+        QTest::newRow("full tunnel over TCP")
+            << false << "tcp" << QStringList{"8.8.8.8", "8.8.4.4"};
+    }
+
+    void tunnelComesUpAndGoesAway()
+    {
+        QFETCH(bool, selectiveRouting);
+        QFETCH(QString, protocol);
+        QFETCH(QStringList, nameServers);
+        const QString ns = m_lab.facts.value("LAB_CLIENT_NAMESPACE");
+        const QString resolvConf = m_lab.facts.value("LAB_CLIENT_RESOLV_CONF");
+        const QString originalResolvConf = readFile(resolvConf);
+        const QString port = m_lab.facts.value(protocol == "udp" ? "LAB_UDP_PORT" : "LAB_TCP_PORT");
+        const QStringList remotes = {"--remote", m_lab.facts.value("LAB_HOST"), port, protocol};
+
+        QString error;
+        auto reply = m_helper.exchange(
+            m_helper.startVPNRequest(m_helper.applicationArguments(selectiveRouting, remotes)),
+            &error);
+        QVERIFY2(reply, qPrintable(error));
+        QVERIFY2(reply->value("status").toString() == "ok",
+                 qPrintable(reply->value("error").toString()));
+        const int pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
+        QVERIFY(pid > 1);
+
+        {
+            Management management;
+            QVERIFY(management.connect(ns));
+            QVERIFY2(management.waitFor(">HOLD:", 10000),
+                     qPrintable(management.transcript.join('\n')));
+            QVERIFY(management.send("state on"));
+            QVERIFY(management.send("hold release"));
+            QVERIFY2(management.waitFor(">PASSWORD:Need 'Auth' username/password", 30000),
+                     qPrintable(management.transcript.join('\n')));
+            QVERIFY(management.send("username \"Auth\" " + m_lab.facts.value("LAB_USER").toUtf8()));
+            QVERIFY(
+                management.send("password \"Auth\" " + m_lab.facts.value("LAB_PASSWORD").toUtf8()));
+            QVERIFY2(management.waitFor(",CONNECTED,SUCCESS,", 30000),
+                     qPrintable(management.transcript.join('\n')));
+        }
+        QVERIFY(linkExists(ns, "tun0"));
+        const QString tunnelResolvConf = readFile(resolvConf);
+        for (const QString &server : nameServers) {
+            QVERIFY2(tunnelResolvConf.contains("nameserver " + server + "\n"),
+                     qPrintable(tunnelResolvConf));
+        }
+        QVERIFY(!tunnelResolvConf.contains("192.0.2.53"));
+        // The up script keeps what it replaced in the helper's run directory.
+        QVERIFY(QFile::exists(m_helper.runDir() + "/resolv.conf.tun0"));
+
+        reply = m_helper.exchange(request("getLogs"), &error);
+        QVERIFY2(reply, qPrintable(error));
+        QCOMPARE(reply->value("status").toString(), QString("ok"));
+        const QString vpnLog = reply->value("vpnLog").toString();
+        QVERIFY2(vpnLog.contains("Initialization Sequence Completed"), qPrintable(vpnLog));
+        QVERIFY(vpnLog.contains("TUN/TAP device tun0 opened"));
+        QVERIFY(vpnLog.contains("hollowmere-dns:"));
+        QVERIFY(reply->value("daemonLog")
+                    .toString()
+                    .contains(QString("OpenVPN (pid %1) listens on its management port").arg(pid)));
+
+        reply = m_helper.exchange(request("stopVPN"), &error);
+        QVERIFY2(reply, qPrintable(error));
+        QVERIFY2(reply->value("status").toString() == "ok",
+                 qPrintable(reply->value("error").toString()));
+        QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
+        QCOMPARE(openVPNProcessesOf(m_helper), QStringList());
+        QVERIFY(!linkExists(ns, "tun0"));
+        QCOMPARE(readFile(resolvConf), originalResolvConf);
+        QVERIFY(readFile(m_helper.logDir() + "/vpn.log").contains("restored after tun0"));
+    }
+
+    void stopWithNothingRunningIsOk()
+    {
+        QString error;
+        const auto reply = m_helper.exchange(request("stopVPN"), &error);
+        QVERIFY2(reply, qPrintable(error));
+        QCOMPARE(reply->value("status").toString(), QString("ok"));
+    }
+};
+
+QTEST_GUILESS_MAIN(HMHelperOpenVPNCycleTest)
+#include "HMHelperOpenVPNCycleTest.moc"

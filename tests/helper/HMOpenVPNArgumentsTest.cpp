@@ -1,0 +1,306 @@
+// The argument lists the helper lets through to a root OpenVPN, and what it makes of them.
+#include "HMOpenVPNArguments.h"
+
+#include "HMTestEnvironment.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+#include <functional>
+
+using Mutation = std::function<void(QStringList &)>;
+Q_DECLARE_METATYPE(Mutation)
+
+namespace {
+
+const QString kUp = QStringLiteral("client.up.tunnelblick.sh -m -w -d -aradsgnwADSGNW");
+const QString kDown = QStringLiteral("client.down.tunnelblick.sh -m -w -d -aradsgnwADSGNW");
+
+// The list exactly as the application builds it, written out independently of the helper.
+QStringList applicationList(const QString &cd, bool selectiveRouting)
+{
+    QStringList list = {"--cd",
+                        cd,
+                        "--management",
+                        "127.0.0.1",
+                        "5678",
+                        "--management-hold",
+                        "--management-query-passwords",
+                        "--auth-user-pass",
+                        "--ca",
+                        "ca.crt",
+                        "--cert",
+                        "key.crt",
+                        "--key",
+                        "key.key",
+                        "--client",
+                        "--comp-lzo",
+                        "--daemon",
+                        "--dev",
+                        "tun0",
+                        "--log",
+                        "/var/log/hmwispd/vpn.log",
+                        "--nobind",
+                        "--ns-cert-type",
+                        "server",
+                        "--persist-key",
+                        "--persist-tun",
+                        "--ping",
+                        "10",
+                        "--ping-restart",
+                        "30"};
+    if (selectiveRouting) {
+        list << "--dhcp-option"
+             << "DNS"
+             << "127.0.0.1";
+    } else {
+        list << "--dhcp-option"
+             << "DNS"
+             << "8.8.8.8"
+             << "--dhcp-option"
+             << "DNS"
+             << "8.8.4.4"
+             << "--redirect-gateway"
+             << "def1";
+    }
+    list << "--up" << kUp << "--down" << kDown << "--up-restart"
+         << "--hand-window"
+         << "20"
+         << "--resolv-retry"
+         << "infinite"
+         << "--script-security"
+         << "3"
+         << "system"
+         << "--verb"
+         << "3";
+    list << "--remote"
+         << "nl1.vpn.example"
+         << "1194"
+         << "udp"
+         << "--remote"
+         << "10.0.0.7"
+         << "443"
+         << "tcp";
+    return list;
+}
+
+int indexOf(const QStringList &list, const QString &word)
+{
+    return static_cast<int>(list.indexOf(word));
+}
+
+} // namespace
+
+class HMOpenVPNArgumentsTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_resources;
+    HMHelperConfig m_config;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_resources.isValid());
+        m_config = HMHelperConfig::defaults();
+        m_config.resourceDir = m_resources.path();
+        m_config.logDir = QStringLiteral("/srv/logs");
+        m_config.runDir = QStringLiteral("/srv/run");
+    }
+
+    void acceptedShapes_data()
+    {
+        QTest::addColumn<bool>("selectiveRouting");
+        QTest::addColumn<Mutation>("mutate");
+        QTest::addColumn<int>("body");
+        QTest::addColumn<int>("remotes");
+
+        const int selective = static_cast<int>(HMOpenVPNArguments::Body::SelectiveRouting);
+        const int full = static_cast<int>(HMOpenVPNArguments::Body::FullTunnel);
+        const int config = static_cast<int>(HMOpenVPNArguments::Body::ConfigFile);
+        QTest::newRow("full tunnel, two servers")
+            << false << Mutation([](QStringList &) {}) << full << 2;
+        QTest::newRow("selective routing")
+            << true << Mutation([](QStringList &) {}) << selective << 2;
+        QTest::newRow("no servers")
+            << false << Mutation([](QStringList &l) { l = l.mid(0, l.size() - 8); }) << full << 0;
+        QTest::newRow("--cd through a trailing slash")
+            << false << Mutation([](QStringList &l) { l[1] += QLatin1Char('/'); }) << full << 2;
+        QTest::newRow("configuration file") << false << Mutation([](QStringList &l) {
+            l = l.mid(0, 7) + QStringList{"--config", "/home/u/my.ovpn"} + l.mid(l.size() - 4);
+        }) << config << 1;
+        QTest::newRow("IPv6 server")
+            << false << Mutation([](QStringList &l) { l[l.size() - 3] = "2001:db8::1"; }) << full
+            << 2;
+    }
+
+    void acceptedShapes()
+    {
+        QFETCH(bool, selectiveRouting);
+        QFETCH(Mutation, mutate);
+        QFETCH(int, body);
+        QFETCH(int, remotes);
+        QStringList list = applicationList(m_resources.path(), selectiveRouting);
+        mutate(list);
+        QString error;
+        const auto launch = HMOpenVPNArguments::parse(list, m_resources.path(), &error);
+        QVERIFY2(launch, qPrintable(error));
+        QCOMPARE(static_cast<int>(launch->body), body);
+        QCOMPARE(launch->remotes.size(), remotes);
+    }
+
+    void refusedLists_data()
+    {
+        QTest::addColumn<Mutation>("mutate");
+        QTest::addColumn<QString>("reason");
+
+        const auto at = [](const QString &word) {
+            return [word](QStringList &l) { return indexOf(l, word); };
+        };
+        QTest::newRow("--cd elsewhere") << Mutation([](QStringList &l) { l[1] = "/tmp"; })
+                                        << "--cd must name the helper's resource directory";
+        QTest::newRow("--cd relative")
+            << Mutation([](QStringList &l) { l[1] = "."; }) << "--cd must name";
+        QTest::newRow("management on another port")
+            << Mutation([](QStringList &l) { l[4] = "5679"; }) << "'5679'";
+        QTest::newRow("management hold missing")
+            << Mutation([](QStringList &l) { l.removeAt(5); })
+            << "'--management-query-passwords' is out of place";
+        QTest::newRow("--plugin in the body") << Mutation([](QStringList &l) {
+            l.insert(indexOf(l, "--verb"), "--plugin");
+            l.insert(indexOf(l, "--verb"), "/tmp/evil.so");
+        }) << "option '--plugin' is not allowed";
+        QTest::newRow("--plugin after the servers") << Mutation([](QStringList &l) {
+            l << "--plugin"
+              << "/tmp/evil.so"
+              << "x"
+              << "y";
+        }) << "option '--plugin' is not allowed";
+        QTest::newRow("unknown option")
+            << Mutation([](QStringList &l) { l.insert(9, "--frobnicate"); })
+            << "option '--frobnicate' is not allowed";
+        QTest::newRow("foreign up script")
+            << Mutation([at](QStringList &l) { l[at("--up")(l) + 1] = "/tmp/evil.sh"; })
+            << "only the shipped up/down scripts may run; refused --up '/tmp/evil.sh'";
+        QTest::newRow("shipped up script with a command appended")
+            << Mutation([at](QStringList &l) { l[at("--up")(l) + 1] = kUp + "; id"; })
+            << "only the shipped up/down scripts";
+        QTest::newRow("foreign down script")
+            << Mutation([at](QStringList &l) { l[at("--down")(l) + 1] = "evil.sh"; })
+            << "refused --down 'evil.sh'";
+        QTest::newRow("log elsewhere")
+            << Mutation([at](QStringList &l) { l[at("--log")(l) + 1] = "/etc/cron.d/x"; })
+            << "OpenVPN's log must be /var/log/hmwispd/vpn.log";
+        QTest::newRow("script security raised")
+            << Mutation([at](QStringList &l) { l[at("--script-security")(l) + 1] = "4"; }) << "'4'";
+        QTest::newRow("body cut short")
+            << Mutation([](QStringList &l) { l = l.mid(0, indexOf(l, "--verb")); })
+            << "argument list ends";
+        QTest::newRow("server port 0")
+            << Mutation([](QStringList &l) { l[l.size() - 2] = "0"; }) << "port '0' is not a port";
+        QTest::newRow("server port 65536")
+            << Mutation([](QStringList &l) { l[l.size() - 2] = "65536"; }) << "port '65536'";
+        QTest::newRow("server port with letters")
+            << Mutation([](QStringList &l) { l[l.size() - 2] = "443x"; }) << "port '443x'";
+        QTest::newRow("option-looking host")
+            << Mutation([](QStringList &l) { l[l.size() - 3] = "--up"; })
+            << "host '--up' is not a host";
+        QTest::newRow("host with a dash first")
+            << Mutation([](QStringList &l) { l[l.size() - 3] = "-x.example"; })
+            << "host '-x.example'";
+        QTest::newRow("host with a path")
+            << Mutation([](QStringList &l) { l[l.size() - 3] = "a/b"; }) << "host 'a/b'";
+        QTest::newRow("host with a blank")
+            << Mutation([](QStringList &l) { l[l.size() - 3] = "a b"; }) << "host 'a b'";
+        QTest::newRow("other protocol")
+            << Mutation([](QStringList &l) { l[l.size() - 1] = "udp6"; }) << "protocol 'udp6'";
+        QTest::newRow("incomplete server") << Mutation([](QStringList &l) { l.removeLast(); })
+                                           << "--remote needs a host, a port and a protocol";
+        QTest::newRow("relative configuration file") << Mutation([](QStringList &l) {
+            l = l.mid(0, 7) + QStringList{"--config", "my.ovpn"};
+        }) << "--config must be followed by an absolute file path";
+        QTest::newRow("configuration file plus options") << Mutation([](QStringList &l) {
+            l = l.mid(0, 7) + QStringList{"--config", "/home/u/my.ovpn", "--up", "x"};
+        }) << "option '--up' is not allowed";
+    }
+
+    void refusedLists()
+    {
+        QFETCH(Mutation, mutate);
+        QFETCH(QString, reason);
+        QStringList list = applicationList(m_resources.path(), false);
+        mutate(list);
+        QString error;
+        QVERIFY(!HMOpenVPNArguments::parse(list, m_resources.path(), &error));
+        QVERIFY2(error.contains(reason), qPrintable(error));
+    }
+
+    void tooManyServersRefused()
+    {
+        QStringList list = applicationList(m_resources.path(), true);
+        for (int i = 0; i < HMOpenVPNArguments::kMaxRemotes; ++i) {
+            list << "--remote"
+                 << "h.example"
+                 << "1194"
+                 << "udp";
+        }
+        QString error;
+        QVERIFY(!HMOpenVPNArguments::parse(list, m_resources.path(), &error));
+        QVERIFY2(error.contains("more than 64"), qPrintable(error));
+    }
+
+    void builtListForcesTheHelpersOwnSettings_data()
+    {
+        QTest::addColumn<bool>("selectiveRouting");
+        QTest::newRow("full tunnel") << false;
+        QTest::newRow("selective routing") << true;
+    }
+
+    void builtListForcesTheHelpersOwnSettings()
+    {
+        QFETCH(bool, selectiveRouting);
+        const QStringList requested = applicationList(m_resources.path() + "/", selectiveRouting);
+        QString error;
+        const auto launch = HMOpenVPNArguments::parse(requested, m_resources.path(), &error);
+        QVERIFY2(launch, qPrintable(error));
+        const QStringList built = HMOpenVPNArguments::build(*launch, m_config);
+
+        // OpenVPN 2.6 refuses the old method word; the helper detaches OpenVPN itself.
+        QVERIFY(!built.contains("system"));
+        QVERIFY(!built.contains("--daemon"));
+        QCOMPARE(built.at(indexOf(built, "--script-security") + 1), QString("3"));
+        QCOMPARE(built.at(indexOf(built, "--script-security") + 2), QString("--verb"));
+        QCOMPARE(built.mid(0, 2), QStringList({"--cd", m_resources.path()}));
+        QCOMPARE(built.at(indexOf(built, "--log") + 1), QString("/srv/logs/vpn.log"));
+        QCOMPARE(built.at(indexOf(built, "--up") + 1), kUp);
+        QCOMPARE(built.count("--dhcp-option"), selectiveRouting ? 1 : 2);
+
+        const QStringList ownOptions = {
+            "--cd",     m_resources.path(), "--log",   "/srv/logs/vpn.log",
+            "--setenv", "HM_STATE_DIR",     "/srv/run"};
+        QCOMPARE(built.mid(built.size() - ownOptions.size()), ownOptions);
+        const QStringList servers = built.mid(built.size() - ownOptions.size() - 8, 8);
+        QCOMPARE(servers, requested.mid(requested.size() - 8));
+        // Nothing else is lost or added: the request minus the three dropped words, plus own.
+        QCOMPARE(built.size(), requested.size() - 2 + ownOptions.size());
+    }
+
+    void builtListUsesTheSanitisedCopy()
+    {
+        QStringList requested = applicationList(m_resources.path(), false);
+        requested = requested.mid(0, 7) + QStringList{"--config", "/home/u/my.ovpn"} +
+                    requested.mid(requested.size() - 4);
+        QString error;
+        const auto launch = HMOpenVPNArguments::parse(requested, m_resources.path(), &error);
+        QVERIFY2(launch, qPrintable(error));
+        QCOMPARE(launch->configFile, QString("/home/u/my.ovpn"));
+        const QStringList built =
+            HMOpenVPNArguments::build(*launch, m_config, "/srv/run/copy.conf");
+        QVERIFY(!built.contains("/home/u/my.ovpn"));
+        QCOMPARE(built.mid(7, 6), QStringList({"--config", "/srv/run/copy.conf", "--remote",
+                                               "10.0.0.7", "443", "tcp"}));
+    }
+};
+
+QTEST_GUILESS_MAIN(HMOpenVPNArgumentsTest)
+#include "HMOpenVPNArgumentsTest.moc"
