@@ -89,8 +89,8 @@ int HMRefService::port(const QString &listener) const
     return m_ports.value(listener).toInt();
 }
 
-QJsonObject HMRefService::call(const QByteArray &method, const QString &path,
-                               const QJsonObject &body, int *status)
+QByteArray HMRefService::exchange(const QByteArray &method, const QString &path,
+                                  const QByteArray &payload, int *status)
 {
     if (status) {
         *status = 0;
@@ -98,12 +98,10 @@ QJsonObject HMRefService::call(const QByteArray &method, const QString &path,
     QTcpSocket socket;
     socket.connectToHost(m_controlHost, static_cast<quint16>(m_controlPort));
     if (!socket.waitForConnected(5000)) {
-        return QJsonObject();
+        return QByteArray();
     }
-    const QByteArray payload = body.isEmpty() && method != "POST"
-                                   ? QByteArray()
-                                   : QJsonDocument(body).toJson(QJsonDocument::Compact);
-    QByteArray request = method + ' ' + path.toUtf8() + " HTTP/1.0\r\nHost: " + m_controlHost.toUtf8() + "\r\n";
+    QByteArray request =
+        method + ' ' + path.toUtf8() + " HTTP/1.0\r\nHost: " + m_controlHost.toUtf8() + "\r\n";
     request +=
         "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(payload.size()) +
         "\r\n\r\n" + payload;
@@ -113,11 +111,20 @@ QJsonObject HMRefService::call(const QByteArray &method, const QString &path,
         response += socket.readAll();
     }
     response += socket.readAll();
-    const qsizetype split = response.indexOf("\r\n\r\n");
     if (status) {
         *status = response.mid(9, 3).toInt();
     }
-    return split < 0 ? QJsonObject() : QJsonDocument::fromJson(response.mid(split + 4)).object();
+    const qsizetype split = response.indexOf("\r\n\r\n");
+    return split < 0 ? QByteArray() : response.mid(split + 4);
+}
+
+QJsonObject HMRefService::call(const QByteArray &method, const QString &path,
+                               const QJsonObject &body, int *status)
+{
+    const QByteArray payload = body.isEmpty() && method != "POST"
+                                   ? QByteArray()
+                                   : QJsonDocument(body).toJson(QJsonDocument::Compact);
+    return QJsonDocument::fromJson(exchange(method, path, payload, status)).object();
 }
 
 QJsonObject HMRefService::putAccount(const QJsonObject &account)
@@ -189,20 +196,7 @@ QJsonArray HMRefService::uploads()
 
 QByteArray HMRefService::uploadData(int index)
 {
-    QTcpSocket socket;
-    socket.connectToHost(m_controlHost, static_cast<quint16>(m_controlPort));
-    if (!socket.waitForConnected(5000)) {
-        return QByteArray();
-    }
-    socket.write("GET /test/uploads/" + QByteArray::number(index) +
-                 "/data HTTP/1.0\r\nHost: " + m_controlHost.toUtf8() + "\r\n\r\n");
-    QByteArray response;
-    while (socket.state() == QAbstractSocket::ConnectedState && socket.waitForReadyRead(10000)) {
-        response += socket.readAll();
-    }
-    response += socket.readAll();
-    const qsizetype split = response.indexOf("\r\n\r\n");
-    return split < 0 ? QByteArray() : response.mid(split + 4);
+    return exchange("GET", QStringLiteral("/test/uploads/%1/data").arg(index), QByteArray());
 }
 
 QJsonObject HMRefService::account(const QString &username)

@@ -47,6 +47,10 @@ public:
     QJsonObject account(const QString &username);
 
 private:
+    // One HTTP/1.0 exchange with the control listener; the reply's body.
+    QByteArray exchange(const QByteArray &method, const QString &path, const QByteArray &payload,
+                        int *status = nullptr);
+
     QProcess m_process;
     QTemporaryDir m_directory;
     QJsonObject m_ports;

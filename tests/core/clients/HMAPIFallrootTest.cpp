@@ -275,7 +275,7 @@ private Q_SLOTS:
 
     void requestDuringTheCheckIsSentAtOnce()
     {
-        m_bed.service.addFault({{"path", "/core/status"}, {"delayMs", 1500}, {"times", 1}});
+        m_bed.service.addFault({{"path", "/core/status"}, {"delayMs", 3000}, {"times", 1}});
         HMNotificationCenter center;
         auto client = m_bed.makeClient(m_clock, center);
         Result first;

@@ -2,7 +2,12 @@
 
 #include "HMTestEnvironment.h"
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
+#include <QJsonDocument>
+#include <QStandardPaths>
 
 const QString HMAPITestBed::kServiceDomain = QStringLiteral("hollowmere.test");
 const QString HMAPITestBed::kStaticHost = QStringLiteral("static.hollowmere-files.test");
@@ -71,6 +76,9 @@ bool HMAPITestBed::setUp(QString *error)
         *error = certificates.error();
         return false;
     }
+    if (!writeDeploymentFile(error)) {
+        return false;
+    }
 
     const QJsonObject config{
         {QStringLiteral("listeners"),
@@ -95,13 +103,29 @@ bool HMAPITestBed::setUp(QString *error)
 
 HMDeploymentValues HMAPITestBed::deployment() const
 {
-    HMDeploymentValues values = HMDeploymentValues::builtIn();
-    values.setServiceDomain(kServiceDomain);
-    values.setStreamingHost(QStringLiteral("stream.") + kServiceDomain);
-    values.setStaticHost(kStaticHost);
-    values.setWebSiteRoot(QStringLiteral("https://www.") + kServiceDomain);
-    values.setHelpHost(QStringLiteral("help.") + kServiceDomain);
-    return values;
+    return HMDeploymentValues::loadFromSearchPath();
+}
+
+bool HMAPITestBed::writeDeploymentFile(QString *error)
+{
+    // The way the demo points the client at the reference service: a deployment file in
+    // the (test's own) user config folder.
+    const QString path = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+                         QLatin1Char('/') + HMDeploymentValues::kFileName;
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    const QJsonObject values{
+        {QStringLiteral("serviceDomain"), kServiceDomain},
+        {QStringLiteral("streamingHost"), QString(QStringLiteral("stream.") + kServiceDomain)},
+        {QStringLiteral("staticHost"), kStaticHost},
+        {QStringLiteral("webSiteRoot"), QString(QStringLiteral("https://www.") + kServiceDomain)},
+        {QStringLiteral("helpHost"), QString(QStringLiteral("help.") + kServiceDomain)},
+    };
+    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(values).toJson()) < 0) {
+        *error = path + QStringLiteral(": ") + file.errorString();
+        return false;
+    }
+    return true;
 }
 
 std::unique_ptr<HMAPIClient> HMAPITestBed::makeClient(HMClock &clock, HMNotificationCenter &center)

@@ -30,7 +30,10 @@ public:
     // Empty when the test can run here, else the reason to skip.
     static QString unavailableReason();
 
+    // Call after HMTestEnvironment::isolateUserDirectories(): writes the deployment file
+    // that names the hosts above into the private config folder.
     bool setUp(QString *error);
+    // Read back from that file, as the application reads it.
     HMDeploymentValues deployment() const;
     // A client whose network is reachable while `reachable` is true.
     std::unique_ptr<HMAPIClient> makeClient(HMClock &clock, HMNotificationCenter &center);
@@ -42,6 +45,8 @@ public:
     bool reachable = true;
 
 private:
+    bool writeDeploymentFile(QString *error);
+
     QTemporaryDir m_directory;
     HMTestCertificates::Authority m_trustedRoot;
 };
