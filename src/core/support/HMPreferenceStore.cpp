@@ -3,6 +3,7 @@
 #include "HMBundleInfo.h"
 #include "HMLog.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -11,6 +12,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStandardPaths>
+#include <QThread>
+#include <QTimer>
 
 namespace {
 
@@ -177,12 +180,30 @@ HMPreferenceStore::HMPreferenceStore(const QString &filePath) : m_filePath(fileP
     // Keep the whole domain in one flat object: no "General" group, no key escaping games.
     m_settings->setFallbacksEnabled(false);
     m_settings->setAtomicSyncRequired(true);
+    // QSettings would otherwise flush itself from its own event handler, outside m_mutex and
+    // racing writers on other threads. With no thread affinity its update requests are
+    // dropped, and every write goes through sync() under the lock.
+    m_settings->moveToThread(nullptr);
+    m_writeContext = std::make_unique<QObject>();
 }
 
 HMPreferenceStore::~HMPreferenceStore()
 {
+    m_writeContext.reset();
     QMutexLocker locker(&m_mutex);
     m_settings->sync();
+}
+
+void HMPreferenceStore::scheduleWriteLocked()
+{
+    if (!QCoreApplication::instance() || QThread::currentThread() != m_writeContext->thread()) {
+        m_settings->sync();
+        return;
+    }
+    if (m_writePending.exchange(true)) {
+        return;
+    }
+    QTimer::singleShot(kWriteDelayMs, m_writeContext.get(), [this] { sync(); });
 }
 
 QVariant HMPreferenceStore::value(const QString &key) const
@@ -199,7 +220,7 @@ void HMPreferenceStore::setValue(const QString &key, const QVariant &value)
     } else {
         m_settings->remove(key);
     }
-    m_settings->sync();
+    scheduleWriteLocked();
 }
 
 void HMPreferenceStore::remove(const QString &key)
@@ -233,6 +254,7 @@ QVariantMap HMPreferenceStore::allValues() const
 void HMPreferenceStore::sync()
 {
     QMutexLocker locker(&m_mutex);
+    m_writePending = false;
     m_settings->sync();
     if (m_settings->status() != QSettings::NoError) {
         HMLogError(QStringLiteral("Could not write preferences to %1").arg(m_filePath));

@@ -3,7 +3,11 @@
 // One JSON file per domain ("com.hollowmere.mac.Hollowmere.json" under the XDG config
 // directory), read and written through QSettings with a registered JSON format, so that
 // strings, numbers, booleans, lists and dictionaries keep their types across restarts.
-// Every change is synced to disk at once and QSettings replaces the file atomically. A file
+// Changes are written out together: a burst of changes (a sign-in stores a dozen keys, the
+// allowance ticks every two seconds) costs one atomic replacement of the file within
+// kWriteDelayMs, instead of one fsync'd rewrite per key. sync() writes at once; the store
+// also writes when it is destroyed. Changes made on a thread other than the store's own are
+// written before setValue returns, since that thread may have no event loop. A file
 // that cannot be parsed is copied aside as "<file>.damaged-<time>" and the store starts
 // empty: nothing a user or a crash left behind is ever silently overwritten.
 //
@@ -12,9 +16,12 @@
 #pragma once
 
 #include <QMutex>
+#include <QObject>
+#include <QPointer>
 #include <QSettings>
 #include <QString>
 #include <QVariant>
+#include <atomic>
 #include <memory>
 
 class HMPreferenceStore
@@ -48,8 +55,17 @@ public:
 
     static QSettings::Format jsonFormat();
 
+    static constexpr int kWriteDelayMs = 1000;
+    // True while changes wait for the delayed write.
+    bool hasPendingWrite() const { return m_writePending.load(); }
+
 private:
+    void scheduleWriteLocked();
+
     QString m_filePath;
     mutable QMutex m_mutex;
     std::unique_ptr<QSettings> m_settings;
+    // Lives in the store's thread; the delayed write runs there and dies with the store.
+    std::unique_ptr<QObject> m_writeContext;
+    std::atomic<bool> m_writePending{false};
 };

@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
@@ -31,6 +32,7 @@ private Q_SLOTS:
     void concurrentWritersLoseNothing();
     void damagedFileIsKeptAside_data();
     void damagedFileIsKeptAside();
+    void burstOfChangesIsWrittenOnce();
     void dumpIsReadableJson();
     void sharedAccessorsUseXdgConfigFile();
 
@@ -203,6 +205,7 @@ void HMPreferenceStoreTest::damagedFileIsKeptAside()
     HMPreferenceStore store(storePath());
     QVERIFY(store.allKeys().isEmpty());
     store.setValue(QStringLiteral("username"), QStringLiteral("new@example.com"));
+    store.sync();
 
     const QStringList copies =
         QDir(m_dir->path()).entryList({QStringLiteral("prefs.json.damaged-*")});
@@ -219,6 +222,31 @@ void HMPreferenceStoreTest::damagedFileIsKeptAside()
     QCOMPARE(document.object().value(QStringLiteral("username")).toString(),
              QStringLiteral("new@example.com"));
     QCOMPARE(document.object().size(), 1);
+}
+
+void HMPreferenceStoreTest::burstOfChangesIsWrittenOnce()
+{
+    HMPreferenceStore store(storePath());
+    store.setValue(QStringLiteral("seed"), 1);
+    store.sync();
+    const QDateTime seeded = QFileInfo(storePath()).lastModified();
+    for (int i = 0; i < 16; ++i) {
+        store.setValue(QStringLiteral("key%1").arg(i), i);
+    }
+    // Nothing reached the disk yet; readers of the store already see every value.
+    QVERIFY(store.hasPendingWrite());
+    QCOMPARE(store.value(QStringLiteral("key15")).toInt(), 15);
+    QFile before(storePath());
+    QVERIFY(before.open(QIODevice::ReadOnly));
+    QVERIFY(!before.readAll().contains("key0"));
+    QCOMPARE(QFileInfo(storePath()).lastModified(), seeded);
+
+    QTRY_VERIFY_WITH_TIMEOUT(!store.hasPendingWrite(), 5000);
+    QFile after(storePath());
+    QVERIFY(after.open(QIODevice::ReadOnly));
+    const QJsonObject written = QJsonDocument::fromJson(after.readAll()).object();
+    QCOMPARE(written.size(), 17);
+    QCOMPARE(written.value(QStringLiteral("key15")).toInt(), 15);
 }
 
 void HMPreferenceStoreTest::dumpIsReadableJson()
