@@ -1,42 +1,115 @@
 #!/usr/bin/env bash
 # A private OpenVPN lab made of two network namespaces joined by a veth pair:
 #
-#   <name>-srv   OpenVPN 2.6 servers (UDP 1194, TCP 443) with a fresh CA and certificates
-#   <name>-cli   the client side: the helper, its OpenVPN and the application run here
+#   <name>-srv   OpenVPN 2.6 servers (UDP 1194, TCP 443) with a fresh CA and certificates;
+#                with --service also the reference service (HTTPS and HTTP on 10.231.0.3,
+#                its control API on 10.231.0.1:8080), which then decides which credentials
+#                the OpenVPN servers accept: only an account's current VPN token
+#   <name>-cli   the client side: the helper, its OpenVPN and the application run here;
+#                with --helper the helper is started there by systemd-socket-activate
 #
 # The host's own interfaces, routes and resolver are never touched: the veth ends are
 # created inside the namespaces, and the client namespace gets its own hosts and resolv.conf
 # through /etc/netns/<name>-cli/ (bind-mounted by "ip netns exec").
 #
-#   vpn-lab.sh up   --name NAME --dir DIR [--host HOST] [--user USER] [--password PASSWORD]
+#   vpn-lab.sh up   --name NAME --dir DIR [OPTIONS]
 #   vpn-lab.sh down --name NAME --dir DIR
+#   vpn-lab.sh run  [OPTIONS] -- COMMAND [ARGS...]
+#
+#   OPTIONS: [--host HOST] [--user USER] [--password PASSWORD]
+#            [--service HM_REFSERVICE [--domain DOMAIN]] [--helper HMWISPD]
 #
 # NAME must be unique per running lab (tests use their pid); DIR is a root-owned working
 # directory. "up" prints the lab's facts as KEY=VALUE lines; "down" removes everything "up"
 # made (processes, namespaces, /etc/netns entries, tun devices) and is safe to run after a
 # partial or failed "up", or twice. Files for the client (ca.crt, key.crt, key.key) end up in
-# DIR/client. Accepted credentials are the lines "USER PASSWORD" in DIR/server/credentials;
-# add lines there to accept more.
+# DIR/client. Without --service, accepted credentials are the lines "USER PASSWORD" in
+# DIR/server/credentials (add lines there to accept more); with it, USER and PASSWORD sign
+# in to the service, whose account hands out the token the servers check.
+#
+# "run" makes a lab of its own (name and directory derived from its pid), runs COMMAND in
+# the client namespace with the facts in its environment, and removes the lab whatever
+# COMMAND did; its exit status is COMMAND's. Labs of "run"s that were killed outright are
+# removed by the next "run". Without root or network namespaces COMMAND runs as it is, with
+# HM_LAB_UNAVAILABLE saying why, so that a test can skip with a clear message.
 set -euo pipefail
 
 usage() {
-    sed -n '2,21p' "$0" >&2
+    sed -n '2,37p' "$0" >&2
     exit 2
 }
 
 command=${1:-}
 [ $# -gt 0 ] && shift
 name="" dir="" host="vpn.lab.test" user="lab-user" password="lab-password"
+service="" domain="hollowmere.lab.test" helper=""
+options=()
 while [ $# -gt 0 ]; do
     case "$1" in
     --name) name=$2; shift 2 ;;
     --dir) dir=$2; shift 2 ;;
-    --host) host=$2; shift 2 ;;
-    --user) user=$2; shift 2 ;;
-    --password) password=$2; shift 2 ;;
+    --host) host=$2; options+=("$1" "$2"); shift 2 ;;
+    --user) user=$2; options+=("$1" "$2"); shift 2 ;;
+    --password) password=$2; options+=("$1" "$2"); shift 2 ;;
+    --service) service=$(readlink -f "$2"); options+=("$1" "$2"); shift 2 ;;
+    --domain) domain=$2; options+=("$1" "$2"); shift 2 ;;
+    --helper) helper=$(readlink -f "$2"); options+=("$1" "$2"); shift 2 ;;
+    --) shift; break ;;
     *) usage ;;
     esac
 done
+
+# "run": a lab of its own around one command.
+if [ "$command" = run ]; then
+    [ $# -gt 0 ] || usage
+    if [ "$(id -u)" -ne 0 ] || ! command -v ip >/dev/null || ! command -v openvpn >/dev/null ||
+        [ ! -c /dev/net/tun ] || ! ip netns add "hmlab-probe-$$" 2>/dev/null; then
+        HM_LAB_UNAVAILABLE="the VPN lab needs root, iproute2, network namespaces, /dev/net/tun and openvpn" \
+            exec "$@"
+    fi
+    ip netns del "hmlab-probe-$$"
+    # Labs whose "run" is gone (killed by a time-out) never cleaned up after themselves.
+    for stale in $(ip netns list 2>/dev/null | sed -n 's/^hmlab\([0-9]\+\)-cli.*/\1/p'); do
+        if ! kill -0 "$stale" 2>/dev/null; then
+            "$0" down --name "hmlab$stale" --dir "/tmp/hmlab$stale" >/dev/null 2>&1 || true
+            rm -rf "/tmp/hmlab$stale"
+        fi
+    done
+    run_name="hmlab$$"
+    run_dir="/tmp/hmlab$$"
+    rm -rf "$run_dir"
+    finish_run() {
+        local status=$? left
+        "$0" down --name "$run_name" --dir "$run_dir" >/dev/null 2>&1
+        rm -rf "$run_dir"
+        # Nothing may outlive the run: no namespace, no process working in the lab's folder.
+        left=$(ip netns list 2>/dev/null | grep "^$run_name-" || true)
+        left+=$(pgrep -f "$run_dir/" 2>/dev/null | while read -r pid; do
+            [ "$(ps -o stat= -p "$pid" 2>/dev/null | cut -c1)" = Z ] || echo " pid $pid"
+        done)
+        if [ -n "$left" ]; then
+            echo "vpn-lab: left behind after the run: $left" >&2
+            exit 1
+        fi
+        exit "$status"
+    }
+    trap finish_run EXIT
+    trap 'exit 130' INT TERM
+    facts=$("$0" up --name "$run_name" --dir "$run_dir" "${options[@]}") || exit 1
+    set +e
+    (
+        while IFS= read -r fact; do
+            case "$fact" in
+            # shellcheck disable=SC2163 # the fact is NAME=VALUE
+            LAB_*=*) export "$fact" ;;
+            esac
+        done <<<"$facts"
+        exec ip netns exec "$run_name-cli" "$@"
+    )
+    status=$?
+    exit "$status"
+fi
+
 if [ -z "$name" ] || [ -z "$dir" ]; then
     usage
 fi
@@ -48,6 +121,8 @@ srv="$name-srv"
 cli="$name-cli"
 server_ip=10.231.0.1
 client_ip=10.231.0.2
+service_ip=10.231.0.3
+control_port=8080
 openvpn=$(command -v openvpn || echo /usr/sbin/openvpn)
 
 in_srv() { ip netns exec "$srv" "$@"; }
@@ -131,6 +206,10 @@ done <"$(dirname "$0")/credentials"
 exit 1
 SH
     chmod 755 "$dir/server/check-credentials.sh"
+    local verify="$dir/server/check-credentials.sh"
+    if [ -n "$service" ]; then
+        verify="$service check-token --control $server_ip:$control_port"
+    fi
     local proto port subnet
     for proto in udp tcp; do
         if [ "$proto" = udp ]; then port=1194 subnet=10.8.0.0; else port=443 subnet=10.9.0.0; fi
@@ -148,7 +227,7 @@ dh none
 comp-lzo
 keepalive 10 60
 script-security 2
-auth-user-pass-verify $dir/server/check-credentials.sh via-file
+auth-user-pass-verify "$verify" via-file
 username-as-common-name
 verb 3
 log $dir/server/$proto.log
@@ -156,6 +235,92 @@ writepid $dir/server/$proto.pid
 status $dir/server/$proto.status 1
 CONF
     done
+}
+
+# The reference service: a certificate chain the client's certificate rule accepts (a leaf
+# for "*.DOMAIN" issued by an authority named "RapidSSL CA"), one account whose servers are
+# this lab's, and the deployment file that points a client at it.
+start_service() {
+    local sdir="$dir/service"
+    mkdir -p "$sdir/uploads"
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 \
+        -subj "/CN=RapidSSL CA" -keyout "$sdir/ca.key" -out "$sdir/ca.crt" 2>/dev/null
+    printf 'subjectAltName = DNS:*.%s, DNS:%s\n' "$domain" "$domain" >"$sdir/leaf.cnf"
+    openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+        -subj "/CN=*.$domain" -keyout "$sdir/leaf.key" -out "$sdir/leaf.csr" 2>/dev/null
+    openssl x509 -req -in "$sdir/leaf.csr" -CA "$sdir/ca.crt" -CAkey "$sdir/ca.key" \
+        -CAcreateserial -days 2 -extfile "$sdir/leaf.cnf" -out "$sdir/leaf.crt" 2>/dev/null
+    cat "$sdir/leaf.crt" "$sdir/ca.crt" >"$sdir/chain.pem"
+    cat >"$sdir/service.json" <<JSON
+{
+  "listeners": [
+    {"name": "api", "address": "$service_ip", "port": 443, "cert": "$sdir/chain.pem", "key": "$sdir/leaf.key"},
+    {"name": "api-http", "address": "$service_ip", "port": 80}
+  ],
+  "control": {"address": "$server_ip", "port": $control_port},
+  "uploadsDir": "$sdir/uploads",
+  "accounts": [{"username": "$user", "password": "$password", "plan": "paid",
+                "dataAllowed": 1073741824, "dataCap": 1073741824,
+                "vpnServers": [{"host": "$host", "port": 1194, "isUdp": true}],
+                "fastestServers": {"US": [{"host": "$host", "port": 1194, "isUdp": true}]}}]
+}
+JSON
+    cat >"$sdir/deployment.json" <<JSON
+{"serviceDomain": "$domain", "streamingHost": "stream.$domain", "staticHost": "static.$domain",
+ "webSiteRoot": "https://www.$domain", "helpHost": "help.$domain"}
+JSON
+    ip -n "$srv" addr add "$service_ip/24" dev lab0
+    printf '%s %s www.%s stream.%s static.%s help.%s\n' "$service_ip" "$domain" "$domain" \
+        "$domain" "$domain" "$domain" >>"/etc/netns/$cli/hosts"
+    in_srv setsid "$service" serve --config "$sdir/service.json" </dev/null \
+        >"$sdir/ready" 2>"$sdir/service.log" &
+    local attempt
+    for attempt in $(seq 1 100); do
+        grep -q '"ready":true' "$sdir/ready" 2>/dev/null && return 0
+        sleep 0.1
+    done
+    echo "vpn-lab: the reference service did not start:" >&2
+    tail -n 5 "$sdir/service.log" >&2 || true
+    return 1
+}
+
+# The helper as the service manager would run it: its own root-owned configuration, resource
+# folder (the lab's client certificates and the shipped up/down scripts), logs and run
+# folder, listening on a socket of its own, with the service unit's privilege limits.
+start_helper() {
+    local hdir="$dir/helper" packaged script
+    packaged="$(cd "$(dirname "$0")/../.." && pwd)/packaging/openvpn"
+    mkdir -p "$hdir/etc" "$hdir/share" "$hdir/log" "$hdir/run" "$hdir/app"
+    chmod 755 "$hdir" "$hdir/etc" "$hdir/share" "$hdir/app"
+    chmod 700 "$hdir/log" "$hdir/run"
+    for script in client.up.tunnelblick.sh client.down.tunnelblick.sh; do
+        install -m 755 "$packaged/$script" "$hdir/share/$script"
+    done
+    install -m 644 "$packaged/hollowmere-dns.sh" "$hdir/share/hollowmere-dns.sh"
+    install -m 600 "$dir/client/ca.crt" "$dir/client/key.crt" "$dir/client/key.key" "$hdir/share/"
+    ln -sf "$(readlink -f "$openvpn")" "$hdir/app/openvpn"
+    cat >"$hdir/etc/hmwispd.conf" <<CONF
+# the lab's helper
+openvpn = $(readlink -f "$openvpn")
+# no DNS proxy program exists yet: the helper refuses to start one
+wisproute = $hdir/app/wisproute
+resources = $hdir/share
+logs = $hdir/log
+run = $hdir/run
+CONF
+    chmod 644 "$hdir/etc/hmwispd.conf"
+    ip netns exec "$cli" setsid setpriv --no-new-privs \
+        --bounding-set=-all,+net_admin,+net_bind_service,+setuid,+setgid \
+        systemd-socket-activate --listen="$hdir/hmwispd.socket" --fdname=MasterSocket \
+        "$helper" --config "$hdir/etc/hmwispd.conf" </dev/null >>"$hdir/activate.log" 2>&1 &
+    local attempt
+    for attempt in $(seq 1 100); do
+        [ -S "$hdir/hmwispd.socket" ] && return 0
+        sleep 0.05
+    done
+    echo "vpn-lab: the helper's socket did not appear" >&2
+    cat "$hdir/activate.log" >&2 || true
+    return 1
 }
 
 wait_for_servers() {
@@ -200,13 +365,19 @@ up() {
     printf 'nameserver 192.0.2.53\n' >"/etc/netns/$cli/resolv.conf"
 
     make_certificates
+    if [ -n "$service" ]; then
+        start_service
+    fi
     write_server_files
     local proto
     for proto in udp tcp; do
         in_srv "$openvpn" --config "$dir/server/$proto.conf" --daemon "vpn-lab-$proto" \
-            2>>"$dir/server/$proto.start.log"
+            >>"$dir/server/$proto.start.log" 2>&1
     done
     wait_for_servers
+    if [ -n "$helper" ]; then
+        start_helper
+    fi
     trap - ERR
 
     cat <<FACTS
@@ -222,6 +393,23 @@ LAB_PASSWORD=$password
 LAB_CLIENT_FILES=$dir/client
 LAB_CLIENT_RESOLV_CONF=/etc/netns/$cli/resolv.conf
 FACTS
+    if [ -n "$service" ]; then
+        cat <<FACTS
+LAB_SERVICE_DOMAIN=$domain
+LAB_SERVICE_IP=$service_ip
+LAB_SERVICE_CONTROL=$server_ip:$control_port
+LAB_SERVICE_DEPLOYMENT=$dir/service/deployment.json
+FACTS
+    fi
+    if [ -n "$helper" ]; then
+        cat <<FACTS
+LAB_HELPER_SOCKET=$dir/helper/hmwispd.socket
+LAB_HELPER_APP_DIR=$dir/helper/app
+LAB_HELPER_RESOURCES=$dir/helper/share
+LAB_HELPER_RUN=$dir/helper/run
+LAB_HELPER_LOGS=$dir/helper/log
+FACTS
+    fi
 }
 
 case "$command" in

@@ -78,6 +78,12 @@ void HMRefService::stop()
     }
 }
 
+void HMRefService::attach(const QString &controlHost, int controlPort)
+{
+    m_controlHost = controlHost;
+    m_controlPort = controlPort;
+}
+
 int HMRefService::port(const QString &listener) const
 {
     return m_ports.value(listener).toInt();
@@ -90,11 +96,12 @@ QByteArray HMRefService::exchange(const QByteArray &method, const QString &path,
         *status = 0;
     }
     QTcpSocket socket;
-    socket.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(m_controlPort));
+    socket.connectToHost(m_controlHost, static_cast<quint16>(m_controlPort));
     if (!socket.waitForConnected(5000)) {
         return QByteArray();
     }
-    QByteArray request = method + ' ' + path.toUtf8() + " HTTP/1.0\r\nHost: 127.0.0.1\r\n";
+    QByteArray request =
+        method + ' ' + path.toUtf8() + " HTTP/1.0\r\nHost: " + m_controlHost.toUtf8() + "\r\n";
     request +=
         "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(payload.size()) +
         "\r\n\r\n" + payload;

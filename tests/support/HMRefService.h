@@ -23,6 +23,8 @@ public:
     // control listener on 127.0.0.1 and an uploads folder are added when it has none.
     bool start(QJsonObject config, QString *error);
     void stop();
+    // Scripts a service that runs elsewhere (the VPN lab's) through its control API.
+    void attach(const QString &controlHost, int controlPort);
     int controlPort() const { return m_controlPort; }
     int port(const QString &listener) const;
 
@@ -53,4 +55,5 @@ private:
     QTemporaryDir m_directory;
     QJsonObject m_ports;
     int m_controlPort = 0;
+    QString m_controlHost = QStringLiteral("127.0.0.1");
 };

@@ -1,13 +1,22 @@
 #include "HMVPNManager.h"
 
+#include "HMAccountManager.h"
 #include "HMClock.h"
+#include "HMClosestServerManager.h"
+#include "HMDaemonManager.h"
 #include "HMLog.h"
 #include "HMNotificationCenter.h"
+#include "HMReachabilityManager.h"
+#include "HMVPNAccountAdapter.h"
 #include "HMVPNAccountSource.h"
 #include "HMVPNConnectionSequence.h"
+#include "HMVPNDaemonAdapter.h"
 #include "HMVPNHelperTransport.h"
+#include "HMVPNReachabilityAdapter.h"
 #include "HMVPNReachabilitySource.h"
+#include "HMVPNRoutingAdapter.h"
 #include "HMVPNRoutingSource.h"
+#include "HMWisprouteManager.h"
 
 #include <QPointer>
 #include <QTcpSocket>
@@ -42,6 +51,29 @@ HMVPNManager::HMVPNManager(const Collaborators &collaborators, QObject *parent)
     // The allowance is observed with an initial call: the metered value starts from the
     // account's, and an account without allowance starts out as Out of Data.
     accountBandwidthAvailableDidChange(m_collaborators.account->bandwidthAvailable());
+}
+
+HMVPNManager &HMVPNManager::instance()
+{
+    static HMVPNManager *manager = [] {
+        auto *account = new HMVPNAccountAdapter(HMAccountManager::instance());
+        auto *reachability = new HMVPNReachabilityAdapter(HMReachabilityManager::instance());
+        static HMVPNDaemonAdapter helper(HMDaemonManager::instance());
+        static HMVPNRoutingAdapter routing(HMWisprouteManager::instance());
+        Collaborators c;
+        c.account = account;
+        c.reachability = reachability;
+        c.helper = &helper;
+        c.routing = &routing;
+        c.closest = &HMClosestServerManager::instance();
+        auto *vpn = new HMVPNManager(c);
+        account->setParent(vpn);
+        reachability->setParent(vpn);
+        HMDaemonManager::instance().setTunnelInfo([vpn] { return vpn->connectedIp(); },
+                                                  [vpn] { return vpn->tapAdapter(); });
+        return vpn;
+    }();
+    return *manager;
 }
 
 HMVPNManager::~HMVPNManager()

@@ -143,6 +143,9 @@ HMMaybeError HMVPNManager::connectVPN()
 
 void HMVPNManager::managementDidConnect()
 {
+    // The dialogue is many short commands, each waiting for OpenVPN's answer; with Nagle's
+    // algorithm every second one would sit out the peer's delayed acknowledgement (40 ms).
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     readLine();
     sendCommand(QStringLiteral("state"));
     sendCommand(QStringLiteral("log on"));
