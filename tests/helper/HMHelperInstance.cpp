@@ -1,51 +1,29 @@
 #include "HMHelperInstance.h"
 
+#include "HMExpectedArguments.h"
 #include "HMTestEnvironment.h"
+#include "HMTestNamespace.h"
 #include "HMWireCodec.h"
 #include "HMWireServer.h"
 #include "HMWireSocket.h"
 
 #include <QCborArray>
-#include <QCborValue>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
-#include <QThread>
 
-#include <QRegularExpression>
-
-#include <cerrno>
 #include <csignal>
-#include <fcntl.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
 
-bool writeFile(const QString &path, const QByteArray &content, mode_t mode)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-        file.write(content) != content.size()) {
-        return false;
-    }
-    file.close();
-    return ::chmod(QFile::encodeName(path).constData(), mode) == 0;
-}
-
-bool copyFile(const QString &from, const QString &to, mode_t mode)
+bool install(const QString &from, const QString &to, mode_t mode)
 {
     QFile::remove(to);
     return QFile::copy(from, to) && ::chmod(QFile::encodeName(to).constData(), mode) == 0;
-}
-
-int run(const QString &program, const QStringList &arguments)
-{
-    return QProcess::execute(HMTestEnvironment::findProgram(program), arguments);
 }
 
 } // namespace
@@ -57,40 +35,7 @@ HMHelperInstance::~HMHelperInstance()
     killTrackedOpenVPN();
     stop();
     if (m_ownNamespace) {
-        removeNamespace(m_namespace);
-    }
-}
-
-void HMHelperInstance::removeNamespace(const QString &name)
-{
-    // Whatever still runs in the namespace (a stray OpenVPN, an up script) ends with it.
-    QProcess pids;
-    pids.start(HMTestEnvironment::findProgram(QStringLiteral("ip")),
-               {QStringLiteral("netns"), QStringLiteral("pids"), name});
-    pids.waitForFinished(5000);
-    for (const QByteArray &pid : pids.readAllStandardOutput().split('\n')) {
-        if (pid.toInt() > 1) {
-            ::kill(pid.toInt(), SIGKILL);
-        }
-    }
-    run(QStringLiteral("ip"), {QStringLiteral("netns"), QStringLiteral("del"), name});
-    QDir(QStringLiteral("/etc/netns/") + name).removeRecursively();
-}
-
-void HMHelperInstance::removeStaleNamespaces(const QString &prefix)
-{
-    QProcess list;
-    list.start(HMTestEnvironment::findProgram(QStringLiteral("ip")),
-               {QStringLiteral("netns"), QStringLiteral("list")});
-    list.waitForFinished(5000);
-    const QRegularExpression ours(
-        QStringLiteral("^%1(\\d+)(-\\S*)?$").arg(QRegularExpression::escape(prefix)));
-    for (const QByteArray &line : list.readAllStandardOutput().split('\n')) {
-        const QString name = QString::fromUtf8(line).section(QLatin1Char(' '), 0, 0);
-        const QRegularExpressionMatch match = ours.match(name);
-        if (match.hasMatch() && ::kill(match.captured(1).toInt(), 0) != 0 && errno == ESRCH) {
-            removeNamespace(name);
-        }
+        HMTestNamespace::remove(m_namespace);
     }
 }
 
@@ -114,12 +59,22 @@ bool HMHelperInstance::prepare(const Options &options, QString *error)
     for (const char *dir : {"etc", "bin", "share", "log", "run", "app"}) {
         QDir().mkpath(path(QLatin1String(dir)));
     }
-    if (options.useInPlace) {
-        m_openVPN = options.openVPN;
-    } else {
-        m_openVPN = path(QStringLiteral("bin/openvpn"));
-        if (!copyFile(options.openVPN, m_openVPN, 0755)) {
-            *error = QStringLiteral("cannot install %1").arg(options.openVPN);
+    m_openVPN = options.useInPlace ? options.openVPN : path(QStringLiteral("bin/openvpn"));
+    const QString scripts = HMTestEnvironment::sourceDir() + QStringLiteral("/packaging/openvpn/");
+    QList<std::tuple<QString, QString, mode_t>> files = {
+        {scripts + QStringLiteral("client.up.tunnelblick.sh"), resourceDir(), 0755},
+        {scripts + QStringLiteral("client.down.tunnelblick.sh"), resourceDir(), 0755},
+        {scripts + QStringLiteral("hollowmere-dns.sh"), resourceDir(), 0644}};
+    if (!options.useInPlace) {
+        files.append({options.openVPN, QString(), 0755});
+    }
+    for (const QString &file : options.resourceFiles) {
+        files.append({file, resourceDir(), 0600});
+    }
+    for (const auto &[from, dir, mode] : files) {
+        const QString to = dir.isEmpty() ? m_openVPN : dir + '/' + QFileInfo(from).fileName();
+        if (!install(from, to, mode)) {
+            *error = QStringLiteral("cannot install %1").arg(from);
             return false;
         }
     }
@@ -127,78 +82,45 @@ bool HMHelperInstance::prepare(const Options &options, QString *error)
         *error = QStringLiteral("cannot link %1").arg(applicationOpenVPNLink());
         return false;
     }
-    const QString scripts = HMTestEnvironment::sourceDir() + QStringLiteral("/packaging/openvpn/");
-    for (const char *script : {"client.up.tunnelblick.sh", "client.down.tunnelblick.sh"}) {
-        if (!copyFile(scripts + QLatin1String(script),
-                      resourceDir() + QLatin1Char('/') + QLatin1String(script), 0755)) {
-            *error = QStringLiteral("cannot install %1").arg(QLatin1String(script));
-            return false;
-        }
-    }
-    if (!copyFile(scripts + QStringLiteral("hollowmere-dns.sh"),
-                  resourceDir() + QStringLiteral("/hollowmere-dns.sh"), 0644)) {
-        *error = QStringLiteral("cannot install hollowmere-dns.sh");
-        return false;
-    }
-    for (const QString &file : options.resourceFiles) {
-        if (!copyFile(file, resourceDir() + QLatin1Char('/') + QFileInfo(file).fileName(), 0600)) {
-            *error = QStringLiteral("cannot install %1").arg(file);
-            return false;
-        }
-    }
-    const QByteArray config = QStringLiteral("# test instance\n"
-                                             "openvpn = %1\n"
-                                             "wisproute = %2\n"
-                                             "resources = %3\n"
-                                             "logs = %4\n"
-                                             "run = %5\n"
-                                             "group = %6\n"
-                                             "client-timeout-ms = %7\n"
-                                             "start-timeout-ms = %8\n"
-                                             "stop-timeout-ms = %9\n")
-                                  .arg(m_openVPN, path(QStringLiteral("bin/wisproute")),
-                                       resourceDir(), logDir(), runDir(), options.group)
-                                  .arg(options.clientTimeoutMs)
-                                  .arg(options.startTimeoutMs)
-                                  .arg(options.stopTimeoutMs)
-                                  .toUtf8();
-    if (!writeFile(path(QStringLiteral("etc/hmwispd.conf")), config, 0644)) {
+    const QByteArray config =
+        QStringLiteral("# test instance\nopenvpn = %1\nwisproute = %2\nresources = %3\n"
+                       "logs = %4\nrun = %5\ngroup = %6\nclient-timeout-ms = %7\n"
+                       "start-timeout-ms = %8\nstop-timeout-ms = %9\n")
+            .arg(m_openVPN, path(QStringLiteral("bin/wisproute")), resourceDir(), logDir(),
+                 runDir(), options.group)
+            .arg(options.clientTimeoutMs)
+            .arg(options.startTimeoutMs)
+            .arg(options.stopTimeoutMs)
+            .toUtf8();
+    if (!HMTestEnvironment::writeFile(path(QStringLiteral("etc/hmwispd.conf")), config)) {
         *error = QStringLiteral("cannot write the configuration");
         return false;
     }
-
     m_namespace = options.networkNamespace;
     if (m_namespace.isEmpty()) {
-        removeStaleNamespaces(QStringLiteral("hmwispd-"));
-        m_namespace = QStringLiteral("hmwispd-%1-%2")
-                          .arg(::getpid())
-                          .arg(QFileInfo(m_root.path()).fileName().right(6));
-        if (run(QStringLiteral("ip"),
-                {QStringLiteral("netns"), QStringLiteral("add"), m_namespace}) != 0) {
-            *error = QStringLiteral("cannot create the network namespace %1").arg(m_namespace);
-            return false;
-        }
-        m_ownNamespace = true;
-        run(QStringLiteral("ip"),
-            {QStringLiteral("-n"), m_namespace, QStringLiteral("link"), QStringLiteral("set"),
-             QStringLiteral("lo"), QStringLiteral("up")});
+        m_namespace = HMTestNamespace::create(
+            QStringLiteral("hmwispd-"), '-' + QFileInfo(m_root.path()).fileName().right(6), error);
+        m_ownNamespace = !m_namespace.isEmpty();
+        return m_ownNamespace;
     }
     return true;
 }
 
 bool HMHelperInstance::start(QString *error)
 {
-    const QString ip = HMTestEnvironment::findProgram(QStringLiteral("ip"));
     // With no more privilege than the service unit grants (CapabilityBoundingSet,
     // NoNewPrivileges), so that a need for more shows up here rather than in the field.
-    const QStringList unitLimits = {
-        HMTestEnvironment::findProgram(QStringLiteral("setpriv")), QStringLiteral("--no-new-privs"),
-        QStringLiteral("--bounding-set=-all,+net_admin,+net_bind_service,+setuid,+setgid")};
-    if (!m_process.start(ip,
-                         QStringList{QStringLiteral("netns"), QStringLiteral("exec"), m_namespace} +
-                             unitLimits +
-                             QStringList{helperProgram(), QStringLiteral("--config"),
-                                         path(QStringLiteral("etc/hmwispd.conf"))})) {
+    const QStringList command = {
+        QStringLiteral("netns"),
+        QStringLiteral("exec"),
+        m_namespace,
+        HMTestEnvironment::findProgram(QStringLiteral("setpriv")),
+        QStringLiteral("--no-new-privs"),
+        QStringLiteral("--bounding-set=-all,+net_admin,+net_bind_service,+setuid,+setgid"),
+        helperProgram(),
+        QStringLiteral("--config"),
+        path(QStringLiteral("etc/hmwispd.conf"))};
+    if (!m_process.start(HMTestEnvironment::findProgram(QStringLiteral("ip")), command)) {
         *error = m_process.errorString();
         return false;
     }
@@ -220,13 +142,11 @@ bool HMHelperInstance::isRunning() const
 
 void HMHelperInstance::killTrackedOpenVPN() const
 {
-    QFile pidFile(runDir() + QStringLiteral("/openvpn.pid"));
-    if (m_openVPN.isEmpty() || !pidFile.open(QIODevice::ReadOnly)) {
-        return;
-    }
-    const int pid = pidFile.readAll().trimmed().toInt();
-    if (pid > 1 && QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).canonicalFilePath() ==
-                       QFileInfo(m_openVPN).canonicalFilePath()) {
+    const int pid =
+        HMTestEnvironment::readFile(runDir() + QStringLiteral("/openvpn.pid")).trimmed().toInt();
+    if (!m_openVPN.isEmpty() && pid > 1 &&
+        QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).canonicalFilePath() ==
+            QFileInfo(m_openVPN).canonicalFilePath()) {
         ::kill(pid, SIGKILL);
     }
 }
@@ -234,145 +154,82 @@ void HMHelperInstance::killTrackedOpenVPN() const
 QStringList HMHelperInstance::applicationArguments(bool selectiveRouting,
                                                    const QStringList &remotes) const
 {
-    QStringList list = {"--cd",
-                        resourceDir(),
-                        "--management",
-                        "127.0.0.1",
-                        "5678",
-                        "--management-hold",
-                        "--management-query-passwords",
-                        "--auth-user-pass",
-                        "--ca",
-                        "ca.crt",
-                        "--cert",
-                        "key.crt",
-                        "--key",
-                        "key.key",
-                        "--client",
-                        "--comp-lzo",
-                        "--daemon",
-                        "--dev",
-                        "tun0",
-                        "--log",
-                        "/var/log/hmwispd/vpn.log",
-                        "--nobind",
-                        "--ns-cert-type",
-                        "server",
-                        "--persist-key",
-                        "--persist-tun",
-                        "--ping",
-                        "10",
-                        "--ping-restart",
-                        "30"};
-    if (selectiveRouting) {
-        list << "--dhcp-option"
-             << "DNS"
-             << "127.0.0.1";
-    } else {
-        list << "--dhcp-option"
-             << "DNS"
-             << "8.8.8.8"
-             << "--dhcp-option"
-             << "DNS"
-             << "8.8.4.4"
-             << "--redirect-gateway"
-             << "def1";
+    return HMExpectedArguments::vpnConfig(resourceDir(), selectiveRouting) + remotes;
+}
+
+QCborMap HMHelperInstance::request(const QString &action, const QCborMap &params)
+{
+    QCborMap request{{QStringLiteral("action"), action}};
+    if (!params.isEmpty()) {
+        request.insert(QStringLiteral("params"), params);
     }
-    list << "--up"
-         << "client.up.tunnelblick.sh -m -w -d -aradsgnwADSGNW"
-         << "--down"
-         << "client.down.tunnelblick.sh -m -w -d -aradsgnwADSGNW"
-         << "--up-restart"
-         << "--hand-window"
-         << "20"
-         << "--resolv-retry"
-         << "infinite"
-         << "--script-security"
-         << "3"
-         << "system"
-         << "--verb"
-         << "3";
-    return list + remotes;
+    return request;
 }
 
 QCborMap HMHelperInstance::startVPNRequest(const QStringList &arguments) const
 {
-    QCborMap daemonConfig;
-    daemonConfig.insert(QStringLiteral("openVPNPath"), applicationOpenVPNLink());
-    daemonConfig.insert(QStringLiteral("dnsProxyPath"), path(QStringLiteral("app/wisproute")));
-    QCborMap params;
-    params.insert(QStringLiteral("daemonConfig"), daemonConfig);
-    params.insert(QStringLiteral("vpnConfig"), QCborArray::fromStringList(arguments));
-    QCborMap request;
-    request.insert(QStringLiteral("action"), QStringLiteral("startVPN"));
-    request.insert(QStringLiteral("params"), params);
-    return request;
+    const QCborMap daemonConfig{
+        {QStringLiteral("openVPNPath"), applicationOpenVPNLink()},
+        {QStringLiteral("dnsProxyPath"), path(QStringLiteral("app/wisproute"))}};
+    return request(QStringLiteral("startVPN"),
+                   {{QStringLiteral("daemonConfig"), daemonConfig},
+                    {QStringLiteral("vpnConfig"), QCborArray::fromStringList(arguments)}});
 }
 
-std::optional<QCborMap> HMHelperInstance::exchange(const QCborMap &request, QString *error,
-                                                   int timeoutMs) const
+QCborMap HMHelperInstance::call(const QCborMap &request, int timeoutMs) const
 {
     const QByteArray payload = encode_dictionary(request);
     const quint64 length = static_cast<quint64>(payload.size());
-    QByteArray frame(reinterpret_cast<const char *>(&length), sizeof(length));
-    return exchangeRaw(frame + payload, false, error, timeoutMs);
+    return callRaw(QByteArray(reinterpret_cast<const char *>(&length), sizeof(length)) + payload,
+                   false, timeoutMs);
 }
 
-std::optional<QCborMap> HMHelperInstance::exchangeRaw(const QByteArray &bytes,
-                                                      bool closeAfterSending, QString *error,
-                                                      int timeoutMs) const
+QCborMap HMHelperInstance::callRaw(const QByteArray &bytes, bool closeAfterSending,
+                                   int timeoutMs) const
 {
-    HMWireMaybeError wireError;
-    const int fd = unix_socket(socketPath(), &wireError);
-    if (fd < 0) {
-        *error = wireError->description;
-        return std::nullopt;
-    }
-    qsizetype sent = 0;
-    while (sent < bytes.size()) {
-        const ssize_t n = ::send(fd, bytes.constData() + sent,
-                                 static_cast<size_t>(bytes.size() - sent), MSG_NOSIGNAL);
-        if (n <= 0) {
-            break; // a refusal may come before everything is sent
+    HMWireMaybeError error;
+    std::optional<QCborMap> reply;
+    const int fd = unix_socket(socketPath(), &error);
+    if (fd >= 0) {
+        qsizetype sent = 0;
+        ssize_t n = 0;
+        // A refusal may come before everything is sent.
+        while (sent < bytes.size() &&
+               (n = ::send(fd, bytes.constData() + sent, static_cast<size_t>(bytes.size() - sent),
+                           MSG_NOSIGNAL)) > 0) {
+            sent += n;
         }
-        sent += n;
+        if (closeAfterSending) {
+            ::shutdown(fd, SHUT_WR);
+        }
+        const std::optional<QByteArray> frame = read_frame(fd, 1 << 24, timeoutMs, &error);
+        ::close(fd);
+        if (frame) {
+            reply = decode_dictionary(*frame, &error);
+        }
     }
-    if (closeAfterSending) {
-        ::shutdown(fd, SHUT_WR);
-    }
-    const std::optional<QByteArray> reply = read_frame(fd, 1 << 24, timeoutMs, &wireError);
-    ::close(fd);
-    std::optional<QCborMap> map;
-    if (reply) {
-        map = decode_dictionary(*reply, &wireError);
-    }
-    if (!map) {
-        *error = wireError ? wireError->description : QStringLiteral("no reply");
-    }
-    return map;
+    const QString why = error ? error->description : QStringLiteral("?");
+    return reply.value_or(QCborMap{{QStringLiteral("status"), QString("no reply: " + why)}});
 }
 
 QString HMHelperInstance::daemonLog() const
 {
-    QFile file(logDir() + QStringLiteral("/daemon.log"));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(HMTestEnvironment::readFile(logDir() + QStringLiteral("/daemon.log")));
 }
 
-int HMHelperInstance::socketInNamespace(const QString &name, int type)
+void HMHelperInstance::setFakeOpenVPNMode(const QByteArray &mode) const
 {
-    int result = -1;
-    std::thread worker([&] {
-        const int ns =
-            ::open(QFile::encodeName(QStringLiteral("/var/run/netns/") + name).constData(),
-                   O_RDONLY | O_CLOEXEC);
-        if (ns < 0) {
-            return;
-        }
-        if (::setns(ns, CLONE_NEWNET) == 0) {
-            result = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
-        }
-        ::close(ns);
-    });
-    worker.join();
-    return result;
+    HMTestEnvironment::writeFile(path(QStringLiteral("bin/mode")), mode);
+}
+
+QList<QJsonObject> HMHelperInstance::invocations() const
+{
+    return HMTestEnvironment::readJsonLines(path(QStringLiteral("bin/invocations.jsonl")));
+}
+
+QStringList HMHelperInstance::lastInvocationArguments() const
+{
+    const QList<QJsonObject> all = invocations();
+    return all.isEmpty() ? QStringList()
+                         : all.last().value(QStringLiteral("arguments")).toVariant().toStringList();
 }

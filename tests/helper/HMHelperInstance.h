@@ -9,10 +9,10 @@
 
 #include <QByteArray>
 #include <QCborMap>
+#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
-#include <optional>
 
 class HMHelperInstance
 {
@@ -58,24 +58,24 @@ public:
     // The argument list as the application builds it, aimed at this instance.
     QStringList applicationArguments(bool selectiveRouting, const QStringList &remotes) const;
     QCborMap startVPNRequest(const QStringList &arguments) const;
+    static QCborMap request(const QString &action, const QCborMap &params = QCborMap());
 
-    // One exchange; the reply, or nullopt with what went wrong.
-    std::optional<QCborMap> exchange(const QCborMap &request, QString *error,
-                                     int timeoutMs = 30000) const;
-    // Sends exactly these bytes (then half-closes when asked) and reads the reply frame.
-    std::optional<QCborMap> exchangeRaw(const QByteArray &bytes, bool closeAfterSending,
-                                        QString *error, int timeoutMs = 30000) const;
+    // One exchange. The reply, or {"status": "no reply: <what went wrong>"}, so that a
+    // test's check of the status fails showing why.
+    QCborMap call(const QCborMap &request, int timeoutMs = 30000) const;
+    // Sends exactly these bytes (then half-closes when asked) and reads the reply likewise.
+    QCborMap callRaw(const QByteArray &bytes, bool closeAfterSending = false,
+                     int timeoutMs = 30000) const;
     QString daemonLog() const;
 
-    // A socket of the given type created inside the namespace (setns in a short-lived thread).
-    static int socketInNamespace(const QString &name, int type);
+    // The recorder standing in for OpenVPN (hm-test-fake-openvpn): what "mode" it runs in,
+    // and each start it noted, as {"arguments": [...], "environment": [...]}.
+    void setFakeOpenVPNMode(const QByteArray &mode) const;
+    QList<QJsonObject> invocations() const;
+    QStringList lastInvocationArguments() const;
+
     // Kills the OpenVPN recorded in the run directory, if it is still the one.
     void killTrackedOpenVPN() const;
-    // Ends and removes namespaces "<prefix><pid>..." of test processes that no longer run
-    // (a run killed by a time-out never cleans up after itself).
-    static void removeStaleNamespaces(const QString &prefix);
-    // Ends every process in the namespace and deletes it.
-    static void removeNamespace(const QString &name);
 
 private:
     QTemporaryDir m_root;

@@ -6,6 +6,7 @@
 #include "HMHelperInstance.h"
 #include "HMPathTrust.h"
 #include "HMTestEnvironment.h"
+#include "HMTestNamespace.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -33,7 +34,7 @@ public:
             *error = QStringLiteral("no temporary directory");
             return false;
         }
-        HMHelperInstance::removeStaleNamespaces(QStringLiteral("hmcyc"));
+        HMTestNamespace::removeStale(QStringLiteral("hmcyc"));
         m_name = QStringLiteral("hmcyc%1").arg(::getpid());
         QProcess lab;
         lab.start(script(), {"up", "--name", m_name, "--dir", m_dir.filePath("lab")});
@@ -78,7 +79,7 @@ public:
 
     bool connect(const QString &networkNamespace)
     {
-        m_fd = HMHelperInstance::socketInNamespace(networkNamespace, SOCK_STREAM);
+        m_fd = HMTestNamespace::socketIn(networkNamespace, SOCK_STREAM);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(5678);
@@ -132,17 +133,12 @@ private:
 
 QString readFile(const QString &path)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(HMTestEnvironment::readFile(path));
 }
 
 bool linkExists(const QString &networkNamespace, const QString &device)
 {
-    QProcess ip;
-    ip.start(HMTestEnvironment::findProgram("ip"),
-             {"-n", networkNamespace, "link", "show", device});
-    ip.waitForFinished(5000);
-    return ip.exitCode() == 0;
+    return HMTestNamespace::ip(networkNamespace, {"link", "show", device}, true);
 }
 
 // OpenVPN processes whose command line mentions this helper instance's run directory.
@@ -171,13 +167,6 @@ private:
     // Declared first so that it is torn down last, after the helper and its OpenVPN.
     Lab m_lab;
     HMHelperInstance m_helper;
-
-    QCborMap request(const QString &action)
-    {
-        QCborMap map;
-        map.insert(QStringLiteral("action"), action);
-        return map;
-    }
 
 private Q_SLOTS:
     void initTestCase()
@@ -225,13 +214,10 @@ private Q_SLOTS:
         const QString port = m_lab.facts.value(protocol == "udp" ? "LAB_UDP_PORT" : "LAB_TCP_PORT");
         const QStringList remotes = {"--remote", m_lab.facts.value("LAB_HOST"), port, protocol};
 
-        QString error;
-        auto reply = m_helper.exchange(
-            m_helper.startVPNRequest(m_helper.applicationArguments(selectiveRouting, remotes)),
-            &error);
-        QVERIFY2(reply, qPrintable(error));
-        QVERIFY2(reply->value("status").toString() == "ok",
-                 qPrintable(reply->value("error").toString()));
+        QCborMap reply = m_helper.call(
+            m_helper.startVPNRequest(m_helper.applicationArguments(selectiveRouting, remotes)));
+        QVERIFY2(reply.value("status").toString() == "ok",
+                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
         const int pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
         QVERIFY(pid > 1);
 
@@ -260,34 +246,24 @@ private Q_SLOTS:
         // The up script keeps what it replaced in the helper's run directory.
         QVERIFY(QFile::exists(m_helper.runDir() + "/resolv.conf.tun0"));
 
-        reply = m_helper.exchange(request("getLogs"), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
-        const QString vpnLog = reply->value("vpnLog").toString();
+        reply = m_helper.call(HMHelperInstance::request("getLogs"));
+        QCOMPARE(reply.value("status").toString(), QString("ok"));
+        const QString vpnLog = reply.value("vpnLog").toString();
         QVERIFY2(vpnLog.contains("Initialization Sequence Completed"), qPrintable(vpnLog));
         QVERIFY(vpnLog.contains("TUN/TAP device tun0 opened"));
         QVERIFY(vpnLog.contains("hollowmere-dns:"));
-        QVERIFY(reply->value("daemonLog")
+        QVERIFY(reply.value("daemonLog")
                     .toString()
                     .contains(QString("OpenVPN (pid %1) listens on its management port").arg(pid)));
 
-        reply = m_helper.exchange(request("stopVPN"), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QVERIFY2(reply->value("status").toString() == "ok",
-                 qPrintable(reply->value("error").toString()));
+        reply = m_helper.call(HMHelperInstance::request("stopVPN"));
+        QVERIFY2(reply.value("status").toString() == "ok",
+                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
         QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
         QCOMPARE(openVPNProcessesOf(m_helper), QStringList());
         QVERIFY(!linkExists(ns, "tun0"));
         QCOMPARE(readFile(resolvConf), originalResolvConf);
         QVERIFY(readFile(m_helper.logDir() + "/vpn.log").contains("restored after tun0"));
-    }
-
-    void stopWithNothingRunningIsOk()
-    {
-        QString error;
-        const auto reply = m_helper.exchange(request("stopVPN"), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
     }
 };
 

@@ -2,21 +2,16 @@
 // more out of it than the application ever asks for. Every refusal must answer "error" with
 // the reason, be written to daemon.log, and run nothing: the helper's trusted "OpenVPN" here
 // is a recorder (hm-test-fake-openvpn) that notes each time it is started.
-#include "HMAccountManager.h"
-#include "HMDaemonManager.h"
 #include "HMHelperInstance.h"
-#include "HMMemoryKeychain.h"
-#include "HMNotificationCenter.h"
-#include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
+#include "HMTestNamespace.h"
 #include "HMWireConstants.h"
-#include "HMWisprouteManager.h"
 
 #include <QCborArray>
 #include <QCborValue>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QtTest>
 
@@ -27,7 +22,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using Exchange = std::function<std::optional<QCborMap>(HMHelperInstance &, QString *)>;
+using Exchange = std::function<QCborMap(HMHelperInstance &)>;
 Q_DECLARE_METATYPE(Exchange)
 
 namespace {
@@ -45,49 +40,33 @@ QByteArray framed(const QByteArray &payload)
     return frame(static_cast<quint64>(payload.size()), payload);
 }
 
-QCborMap action(const QString &name)
+QString status(const QCborMap &reply)
 {
-    QCborMap request;
-    request.insert(QStringLiteral("action"), name);
-    return request;
+    return reply.value(QStringLiteral("status")).toString();
 }
 
-// The trusted-OpenVPN recorder's invocations so far.
-QList<QJsonObject> invocations(const HMHelperInstance &helper)
+QString errorText(const QCborMap &reply)
 {
-    QList<QJsonObject> all;
-    QFile file(helper.path(QStringLiteral("bin/invocations.jsonl")));
-    if (file.open(QIODevice::ReadOnly)) {
-        for (const QByteArray &line : file.readAll().split('\n')) {
-            if (!line.isEmpty()) {
-                all << QJsonDocument::fromJson(line).object();
-            }
-        }
-    }
-    return all;
+    return reply.value(QStringLiteral("error")).toString();
 }
 
-std::optional<QCborMap> runProbe(HMHelperInstance &helper, const QString &groups,
-                                 const QString &name, QString *error)
+// One request from a process running as nobody, in `groups` (none when empty).
+QCborMap callAsNobody(HMHelperInstance &helper, const QString &groups)
 {
     QProcess probe;
-    QStringList arguments = {QStringLiteral("--reuid=%1").arg(kNobody),
-                             QStringLiteral("--regid=%1").arg(kNobody)};
-    arguments << (groups.isEmpty() ? QStringLiteral("--clear-groups")
-                                   : QStringLiteral("--groups=") + groups);
-    arguments << helper.path(QStringLiteral("bin/probe")) << helper.socketPath() << name;
-    probe.start(HMTestEnvironment::findProgram(QStringLiteral("setpriv")), arguments);
-    if (!probe.waitForFinished(20000)) {
-        *error = QStringLiteral("the probe did not finish");
-        return std::nullopt;
-    }
+    probe.start(
+        HMTestEnvironment::findProgram(QStringLiteral("setpriv")),
+        {QStringLiteral("--reuid=%1").arg(kNobody), QStringLiteral("--regid=%1").arg(kNobody),
+         groups.isEmpty() ? QStringLiteral("--clear-groups") : QStringLiteral("--groups=") + groups,
+         helper.path(QStringLiteral("bin/probe")), helper.socketPath(),
+         QStringLiteral("checkDNSPortOpen")});
+    probe.waitForFinished(20000);
     const QByteArray output = probe.readAllStandardOutput().trimmed();
     const QJsonDocument reply = QJsonDocument::fromJson(output);
-    if (!reply.isObject()) {
-        *error = QString::fromUtf8(output + probe.readAllStandardError());
-        return std::nullopt;
-    }
-    return QCborMap::fromJsonObject(reply.object());
+    return reply.isObject()
+               ? QCborMap::fromJsonObject(reply.object())
+               : QCborMap{{QStringLiteral("status"),
+                           QString("no reply: " + output + probe.readAllStandardError())}};
 }
 
 } // namespace
@@ -102,13 +81,6 @@ private:
     QString m_userDir;
     bool m_ready = false;
 
-    void setMode(const QByteArray &mode)
-    {
-        QFile file(m_helper.path(QStringLiteral("bin/mode")));
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(mode);
-    }
-
     QString userFile(const QString &name) const { return m_userDir + QLatin1Char('/') + name; }
 
     QCborMap withArguments(const std::function<void(QStringList &)> &change) const
@@ -121,33 +93,51 @@ private:
 
     QCborMap withConfigFile(const QString &file) const
     {
-        QStringList arguments = m_helper.applicationArguments(false, {});
-        arguments = arguments.mid(0, 7) +
-                    QStringList{"--config", file, "--remote", "vpn.example", "1194", "udp"};
-        return m_helper.startVPNRequest(arguments);
+        return withArguments([&file](QStringList &l) {
+            l = l.mid(0, 7) + QStringList{"--config", file} + l.mid(l.size() - 4);
+        });
     }
 
-    Exchange send(const QCborMap &request) const
+    // The application's start request with one entry of its parameters changed.
+    QCborMap withParam(const QString &key, const std::function<QCborValue(QCborValue)> &change)
     {
-        return [request](HMHelperInstance &helper, QString *error) {
-            return helper.exchange(request, error);
-        };
+        QCborMap request = withArguments([](QStringList &) {});
+        QCborMap params = request.value(QStringLiteral("params")).toMap();
+        params.insert(key, change(params.value(key)));
+        request.insert(QStringLiteral("params"), params);
+        return request;
+    }
+
+    QCborMap withOpenVPNPath(const QString &path)
+    {
+        return withParam("daemonConfig", [&path](QCborValue config) {
+            QCborMap map = config.toMap();
+            map.insert(QStringLiteral("openVPNPath"), path);
+            return QCborValue(map);
+        });
+    }
+
+    static Exchange send(const QCborMap &request)
+    {
+        return [request](HMHelperInstance &helper) { return helper.call(request); };
     }
 
     static Exchange sendRaw(const QByteArray &bytes, bool closeAfterSending = false)
     {
-        return [bytes, closeAfterSending](HMHelperInstance &helper, QString *error) {
-            return helper.exchangeRaw(bytes, closeAfterSending, error);
+        return [bytes, closeAfterSending](HMHelperInstance &helper) {
+            return helper.callRaw(bytes, closeAfterSending);
         };
     }
 
     void writeUserFile(const QString &name, const QByteArray &content, uid_t owner)
     {
-        QFile file(userFile(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(content);
-        file.close();
-        QCOMPARE(::chown(QFile::encodeName(file.fileName()).constData(), owner, owner), 0);
+        QVERIFY(HMTestEnvironment::writeFile(userFile(name), content));
+        QCOMPARE(::chown(QFile::encodeName(userFile(name)).constData(), owner, owner), 0);
+    }
+
+    int openVPNPid() const
+    {
+        return HMTestEnvironment::readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
     }
 
 private Q_SLOTS:
@@ -166,7 +156,7 @@ private Q_SLOTS:
         options.startTimeoutMs = 5000;
         QString error;
         QVERIFY2(m_helper.prepare(options, &error), qPrintable(error));
-        setMode("exit");
+        m_helper.setFakeOpenVPNMode("exit");
 
         m_userDir = m_helper.path(QStringLiteral("user"));
         QVERIFY(QDir().mkpath(m_userDir));
@@ -202,28 +192,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("reason");
 
         QTest::newRow("peer neither root nor in the group")
-            << Exchange([](HMHelperInstance &h, QString *e) {
-                   return runProbe(h, QString(), "checkDNSPortOpen", e);
-               })
+            << Exchange([](HMHelperInstance &h) { return callAsNobody(h, QString()); })
             << "only root and members of the group 'users' may use the helper";
-        QTest::newRow("daemonConfig naming another executable") << send([this] {
-            QCborMap request = withArguments([](QStringList &) {});
-            QCborMap params = request.value("params").toMap();
-            QCborMap config = params.value("daemonConfig").toMap();
-            config.insert(QStringLiteral("openVPNPath"), QStringLiteral("/bin/sh"));
-            params.insert(QStringLiteral("daemonConfig"), config);
-            request.insert(QStringLiteral("params"), params);
-            return request;
-        }()) << "daemonConfig names '/bin/sh', which is not the helper's OpenVPN";
-        QTest::newRow("daemonConfig naming a copy of OpenVPN") << send([this] {
-            QCborMap request = withArguments([](QStringList &) {});
-            QCborMap params = request.value("params").toMap();
-            QCborMap config = params.value("daemonConfig").toMap();
-            config.insert(QStringLiteral("openVPNPath"), userFile("openvpn-copy"));
-            params.insert(QStringLiteral("daemonConfig"), config);
-            request.insert(QStringLiteral("params"), params);
-            return request;
-        }()) << "which is not the helper's OpenVPN";
+        QTest::newRow("daemonConfig naming another executable")
+            << send(withOpenVPNPath("/bin/sh"))
+            << "daemonConfig names '/bin/sh', which is not the helper's OpenVPN";
+        QTest::newRow("daemonConfig naming a copy of OpenVPN")
+            << send(withOpenVPNPath(userFile("openvpn-copy")))
+            << "which is not the helper's OpenVPN";
         QTest::newRow("--cd elsewhere")
             << send(withArguments([](QStringList &l) { l[1] = "/tmp"; }))
             << "--cd must name the helper's resource directory";
@@ -261,20 +237,18 @@ private Q_SLOTS:
         QTest::newRow("--config with script-security")
             << send(withConfigFile(userFile("script-security.conf")))
             << "directive 'script-security' is not allowed";
-        QTest::newRow("startVPN with an extra key") << send([this] {
-            QCborMap request = withArguments([](QStringList &) {});
-            request.insert(QStringLiteral("exec"), QStringLiteral("/bin/sh"));
-            return request;
-        }()) << "request has the unexpected key 'exec'";
-        QTest::newRow("vpnConfig holding a number") << send([this] {
-            QCborMap request = withArguments([](QStringList &) {});
-            QCborMap params = request.value("params").toMap();
-            QCborArray list = params.value("vpnConfig").toArray();
-            list.append(1194);
-            params.insert(QStringLiteral("vpnConfig"), list);
-            request.insert(QStringLiteral("params"), params);
-            return request;
-        }()) << "vpnConfig must be a list of texts";
+        QCborMap extraKey = withArguments([](QStringList &) {});
+        extraKey.insert(QStringLiteral("exec"), QStringLiteral("/bin/sh"));
+        QTest::newRow("startVPN with an extra key")
+            << send(extraKey) << "request has the unexpected key 'exec'";
+        QTest::newRow("vpnConfig holding a number")
+            << send(withParam("vpnConfig",
+                              [](QCborValue v) {
+                                  QCborArray list = v.toArray();
+                                  list.append(1194);
+                                  return QCborValue(list);
+                              }))
+            << "vpnConfig must be a list of texts";
         QTest::newRow("announced length 0")
             << sendRaw(frame(0)) << "frame announces an empty payload";
         QTest::newRow("announced length 2^63") << sendRaw(frame(quint64(1) << 63, "xx"))
@@ -285,41 +259,36 @@ private Q_SLOTS:
                                          << "closed the connection after 10 of 100 payload bytes";
         QTest::newRow("half a frame, then nothing")
             << sendRaw(QByteArray(4, '\x10')) << "sent 4 of 8 length bytes within 1000 ms";
-        QTest::newRow("malformed CBOR") << sendRaw(framed("\xa1\x66"
-                                                          "action\xff\xff"))
-                                        << "payload is not valid CBOR";
+        QTest::newRow("malformed CBOR")
+            << sendRaw(framed(QByteArray::fromHex("a166") + "action\xff\xff"))
+            << "payload is not valid CBOR";
         QTest::newRow("deeply nested CBOR")
-            << sendRaw(framed(QByteArray("\xa1\x66"
-                                         "action") +
-                              QByteArray(200, '\x81') + QByteArray("\x80")))
+            << sendRaw(framed(QByteArray::fromHex("a166") + "action" + QByteArray(200, '\x81') +
+                              QByteArray::fromHex("80")))
             << "payload nests deeper than 4 levels";
         QTest::newRow("payload not a dictionary")
             << sendRaw(framed(QCborValue(QCborArray{QStringLiteral("stopVPN")}).toCbor()))
             << "payload is not a dictionary";
-        QTest::newRow("unknown action")
-            << send(action("removeEverything")) << "unknown action 'removeEverything'";
-        QTest::newRow("stopDNSProxy for another daemon") << send([] {
-            QCborMap request = action("stopDNSProxy");
-            request.insert(QStringLiteral("daemon"), QStringLiteral("vpn"));
-            return request;
-        }()) << "'daemon' must be \"dns\"";
+        QTest::newRow("unknown action") << send(HMHelperInstance::request("removeEverything"))
+                                        << "unknown action 'removeEverything'";
+        QCborMap otherDaemon = HMHelperInstance::request("stopDNSProxy");
+        otherDaemon.insert(QStringLiteral("daemon"), QStringLiteral("vpn"));
+        QTest::newRow("stopDNSProxy for another daemon")
+            << send(otherDaemon) << "'daemon' must be \"dns\"";
     }
 
     void refused()
     {
         QFETCH(Exchange, exchange);
         QFETCH(QString, reason);
-        const int startedBefore = invocations(m_helper).size();
-        const int logBefore = m_helper.daemonLog().size();
+        const qsizetype startedBefore = m_helper.invocations().size();
+        const qsizetype logBefore = m_helper.daemonLog().size();
 
-        QString error;
-        const std::optional<QCborMap> reply = exchange(m_helper, &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("error"));
-        QVERIFY2(reply->value("error").toString().contains(reason),
-                 qPrintable(reply->value("error").toString()));
+        const QCborMap reply = exchange(m_helper);
+        QCOMPARE(status(reply), QString("error"));
+        QVERIFY2(errorText(reply).contains(reason), qPrintable(errorText(reply)));
 
-        QCOMPARE(invocations(m_helper).size(), startedBefore);
+        QCOMPARE(m_helper.invocations().size(), startedBefore);
         QVERIFY(!QFile::exists(m_helper.runDir() + "/openvpn.pid"));
         const QString logged = m_helper.daemonLog().mid(logBefore);
         QVERIFY2(logged.contains("refused") && logged.contains(reason), qPrintable(logged));
@@ -328,37 +297,31 @@ private Q_SLOTS:
 
     void groupMemberIsServed()
     {
-        QString error;
-        const auto reply =
-            runProbe(m_helper, QString::number(::getgrnam(qPrintable(kTestGroup))->gr_gid),
-                     "checkDNSPortOpen", &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
+        const QCborMap reply =
+            callAsNobody(m_helper, QString::number(::getgrnam(qPrintable(kTestGroup))->gr_gid));
+        QCOMPARE(status(reply), QString("ok"));
     }
 
     void acceptedRequestRunsOnlyTheTrustedOpenVPN()
     {
-        setMode("exit");
-        const int before = invocations(m_helper).size();
+        m_helper.setFakeOpenVPNMode("exit");
+        const qsizetype before = m_helper.invocations().size();
         const QStringList requested = m_helper.applicationArguments(
             true, {"--remote", "vpn.example", "1194", "udp", "--remote", "10.1.2.3", "443", "tcp"});
-        QString error;
-        const auto reply = m_helper.exchange(m_helper.startVPNRequest(requested), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("error"));
-        QVERIFY2(reply->value("error").toString().startsWith(
+        const QCborMap reply = m_helper.call(m_helper.startVPNRequest(requested));
+        QCOMPARE(status(reply), QString("error"));
+        QVERIFY2(errorText(reply).startsWith(
                      "OpenVPN exited with status 3 before its management port opened"),
-                 qPrintable(reply->value("error").toString()));
+                 qPrintable(errorText(reply)));
 
-        const QList<QJsonObject> all = invocations(m_helper);
+        const QList<QJsonObject> all = m_helper.invocations();
         QCOMPARE(all.size(), before + 1);
-        const QStringList ran = all.last().value("arguments").toVariant().toStringList();
+        const QStringList ran = m_helper.lastInvocationArguments();
         QCOMPARE(all.last().value("environment").toArray().size(), 0);
         QCOMPARE(ran.mid(0, 2), QStringList({"--cd", m_helper.resourceDir()}));
         QVERIFY(!ran.contains("system"));
         QVERIFY(!ran.contains("--daemon"));
-        QVERIFY(!ran.contains("/var/log/hmwispd/vpn.log") ||
-                m_helper.logDir() == "/var/log/hmwispd");
+        QVERIFY(!ran.contains("/var/log/hmwispd/vpn.log"));
         const QStringList own = {
             "--cd",     m_helper.resourceDir(), "--log",          m_helper.logDir() + "/vpn.log",
             "--setenv", "HM_STATE_DIR",         m_helper.runDir()};
@@ -367,85 +330,16 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(m_helper.runDir() + "/openvpn.pid"));
     }
 
-    // What the application really builds must pass, in every form it takes.
-    void applicationListsAreAccepted_data()
-    {
-        QTest::addColumn<bool>("selectiveRouting");
-        QTest::addColumn<bool>("forceTCP");
-        QTest::addColumn<bool>("configFile");
-        QTest::addColumn<QStringList>("protocols");
-        QTest::newRow("selective routing") << true << false << false << QStringList{"udp", "tcp"};
-        QTest::newRow("full tunnel") << false << false << false << QStringList{"udp", "tcp"};
-        QTest::newRow("forced TCP") << false << true << false << QStringList{"tcp", "tcp"};
-        QTest::newRow("operator's configuration file")
-            << true << false << true << QStringList{"udp", "tcp"};
-    }
-
-    void applicationListsAreAccepted()
-    {
-        QFETCH(bool, selectiveRouting);
-        QFETCH(bool, forceTCP);
-        QFETCH(bool, configFile);
-        QFETCH(QStringList, protocols);
-        setMode("exit");
-
-        QTemporaryDir prefsDir;
-        HMPreferenceStore store(prefsDir.filePath("prefs.json"));
-        HMMemoryKeychain keychain;
-        HMNotificationCenter center;
-        HMWisprouteManager routing(store);
-        HMAccountManager account(store, keychain, &routing, center);
-        HMDaemonManager::Paths paths;
-        paths.socketPath = m_helper.socketPath();
-        paths.executableDirectory = m_helper.path("app");
-        paths.resourceDirectory = m_helper.resourceDir();
-        HMDaemonManager daemon(store, &account, &routing, paths);
-        routing.setSupported(selectiveRouting);
-        account.setVpnServers(
-            {QVariantMap{{"host", "nl1.vpn.example"}, {"port", 1194}, {"isUdp", true}},
-             QVariantMap{{"host", "198.51.100.7"}, {"port", "443"}, {"isUdp", false}}});
-        store.setValue("vpnForceTCP", forceTCP);
-        if (configFile) {
-            store.setValue("vpnConfigFile", userFile("good.conf"));
-        }
-
-        QCborMap params;
-        params.insert(QStringLiteral("daemonConfig"),
-                      QCborMap::fromVariantMap(daemon.getDaemonConfig()));
-        params.insert(QStringLiteral("vpnConfig"),
-                      QCborArray::fromStringList(daemon.getVPNConfig()));
-        QCborMap request = action("startVPN");
-        request.insert(QStringLiteral("params"), params);
-        const int before = invocations(m_helper).size();
-        QString error;
-        const auto reply = m_helper.exchange(request, &error);
-        QVERIFY2(reply, qPrintable(error));
-        QVERIFY2(reply->value("error").toString().startsWith("OpenVPN exited with status 3"),
-                 qPrintable(reply->value("error").toString()));
-        QCOMPARE(invocations(m_helper).size(), before + 1);
-        const QStringList ran =
-            invocations(m_helper).last().value("arguments").toVariant().toStringList();
-        const int first = ran.indexOf("--remote");
-        QCOMPARE(ran.mid(first, 8),
-                 QStringList({"--remote", "nl1.vpn.example", "1194", protocols.at(0), "--remote",
-                              "198.51.100.7", "443", protocols.at(1)}));
-        QCOMPARE(ran.contains("--config"), configFile);
-    }
-
     void configFileIsReplacedByACheckedCopy()
     {
-        setMode("exit");
-        QString error;
-        const auto reply = m_helper.exchange(withConfigFile(userFile("good.conf")), &error);
-        QVERIFY2(reply, qPrintable(error));
-        const QStringList ran =
-            invocations(m_helper).last().value("arguments").toVariant().toStringList();
+        m_helper.setFakeOpenVPNMode("exit");
+        m_helper.call(withConfigFile(userFile("good.conf")));
+        const QStringList ran = m_helper.lastInvocationArguments();
         const QString copy = ran.value(ran.indexOf("--config") + 1);
         QCOMPARE(copy, m_helper.runDir() + "/openvpn-client.conf");
-        QFile file(copy);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QVERIFY(file.readAll().contains("\nclient\nverb \"3\"\n"));
-        QCOMPARE(file.permissions() & (QFile::ReadGroup | QFile::ReadOther), QFile::Permissions());
+        QVERIFY(HMTestEnvironment::readFile(copy).contains("\nclient\nverb \"3\"\n"));
+        QCOMPARE(QFile(copy).permissions() & (QFile::ReadGroup | QFile::ReadOther),
+                 QFile::Permissions());
     }
 
     void startAndStopTrackTheProcess_data()
@@ -458,34 +352,21 @@ private Q_SLOTS:
     void startAndStopTrackTheProcess()
     {
         QFETCH(QByteArray, mode);
-        setMode(mode);
-        QString error;
-        auto reply = m_helper.exchange(
-            m_helper.startVPNRequest(m_helper.applicationArguments(false, {})), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
-
-        QFile pidFile(m_helper.runDir() + "/openvpn.pid");
-        QVERIFY(pidFile.open(QIODevice::ReadOnly));
-        const int pid = pidFile.readAll().trimmed().toInt();
+        m_helper.setFakeOpenVPNMode(mode);
+        const QCborMap start = m_helper.startVPNRequest(m_helper.applicationArguments(false, {}));
+        QCOMPARE(status(m_helper.call(start)), QString("ok"));
+        const int pid = openVPNPid();
         QVERIFY(pid > 1);
         QCOMPARE(QFileInfo(QString("/proc/%1/exe").arg(pid)).canonicalFilePath(),
                  m_helper.openVPNPath());
 
         // Starting again first ends the one that runs.
-        reply = m_helper.exchange(
-            m_helper.startVPNRequest(m_helper.applicationArguments(false, {})), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
+        QCOMPARE(status(m_helper.call(start)), QString("ok"));
         QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
-        pidFile.close();
-        QVERIFY(pidFile.open(QIODevice::ReadOnly));
-        const int second = pidFile.readAll().trimmed().toInt();
+        const int second = openVPNPid();
         QVERIFY(second > 1 && second != pid);
 
-        reply = m_helper.exchange(action("stopVPN"), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
+        QCOMPARE(status(m_helper.call(HMHelperInstance::request("stopVPN"))), QString("ok"));
         QVERIFY(!QFile::exists(QString("/proc/%1").arg(second)));
         QVERIFY(!QFile::exists(m_helper.runDir() + "/openvpn.pid"));
     }
@@ -496,15 +377,9 @@ private Q_SLOTS:
         bystander.start(HMTestEnvironment::findProgram("sleep"), {"60"});
         QVERIFY(bystander.waitForStarted());
         // A stale pid file whose number now belongs to something else.
-        QFile pidFile(m_helper.runDir() + "/openvpn.pid");
-        QVERIFY(pidFile.open(QIODevice::WriteOnly));
-        pidFile.write(QByteArray::number(bystander.processId()) + "\n");
-        pidFile.close();
-
-        QString error;
-        const auto reply = m_helper.exchange(action("stopVPN"), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
+        QVERIFY(HMTestEnvironment::writeFile(m_helper.runDir() + "/openvpn.pid",
+                                             QByteArray::number(bystander.processId()) + "\n"));
+        QCOMPARE(status(m_helper.call(HMHelperInstance::request("stopVPN"))), QString("ok"));
         QVERIFY(!bystander.waitForFinished(300));
         QCOMPARE(bystander.state(), QProcess::Running);
         bystander.kill();
@@ -526,7 +401,7 @@ private Q_SLOTS:
         QFETCH(QString, reason);
         int fd = -1;
         if (occupied) {
-            fd = HMHelperInstance::socketInNamespace(m_helper.networkNamespace(), occupied);
+            fd = HMTestNamespace::socketIn(m_helper.networkNamespace(), occupied);
             QVERIFY(fd >= 0);
             sockaddr_in address{};
             address.sin_family = AF_INET;
@@ -537,78 +412,41 @@ private Q_SLOTS:
                 QCOMPARE(::listen(fd, 1), 0);
             }
         }
-        QString error;
-        const auto reply = m_helper.exchange(action("checkDNSPortOpen"), &error);
+        const QCborMap reply = m_helper.call(HMHelperInstance::request("checkDNSPortOpen"));
         if (fd >= 0) {
             ::close(fd);
         }
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(),
-                 reason.isEmpty() ? QString("ok") : QString("error"));
-        QVERIFY(reply->value("error").toString().contains(reason));
+        QCOMPARE(status(reply), reason.isEmpty() ? QString("ok") : QString("error"));
+        QVERIFY(errorText(reply).contains(reason));
     }
 
     void getLogsReturnsBoundedTails()
     {
-        QFile vpnLog(m_helper.logDir() + "/vpn.log");
-        QVERIFY(vpnLog.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        QByteArray lines;
         for (int i = 0; i < 20000; ++i) {
-            vpnLog.write(QByteArray("line ") + QByteArray::number(i) + '\n');
+            lines += "line " + QByteArray::number(i) + '\n';
         }
-        vpnLog.close();
+        QVERIFY(HMTestEnvironment::writeFile(m_helper.logDir() + "/vpn.log", lines));
         QFile::remove(m_helper.logDir() + "/dns.log");
 
-        QString error;
-        const auto reply = m_helper.exchange(action("getLogs"), &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
-        const QString tail = reply->value("vpnLog").toString();
+        const QCborMap reply = m_helper.call(HMHelperInstance::request("getLogs"));
+        QCOMPARE(status(reply), QString("ok"));
+        const QString tail = reply.value("vpnLog").toString();
         QVERIFY(tail.size() > 1000 && tail.size() <= 128 * 1024);
         QVERIFY(tail.startsWith("line "));
         QVERIFY(tail.endsWith("line 19999\n"));
-        QVERIFY(reply->value("dnsLog").isString());
-        QCOMPARE(reply->value("dnsLog").toString(), QString());
-        QVERIFY(reply->value("daemonLog").toString().contains("refused"));
-    }
-
-    void dnsProxyRequests()
-    {
-        const int before = invocations(m_helper).size();
-        QCborMap daemonConfig;
-        daemonConfig.insert(QStringLiteral("openVPNPath"), m_helper.applicationOpenVPNLink());
-        daemonConfig.insert(QStringLiteral("dnsProxyPath"), m_helper.path("app/wisproute"));
-        QCborMap params;
-        params.insert(QStringLiteral("daemonConfig"), daemonConfig);
-        params.insert(QStringLiteral("proxyConfig"), QCborArray::fromStringList({"-f", "nothing"}));
-        QCborMap start = action("startDNSProxy");
-        start.insert(QStringLiteral("params"), params);
-        start.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
-        QString error;
-        auto reply = m_helper.exchange(start, &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("error"));
-        QVERIFY(reply->value("error").toString().contains("DNS proxy is not available"));
-
-        QCborMap stop = action("stopDNSProxy");
-        stop.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
-        reply = m_helper.exchange(stop, &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
-        QCOMPARE(invocations(m_helper).size(), before);
+        QVERIFY(reply.value("dnsLog").isString());
+        QCOMPARE(reply.value("dnsLog").toString(), QString());
+        QVERIFY(reply.value("daemonLog").toString().contains("refused"));
     }
 
     void suicideExitsAndDeletesNothing()
     {
         const QString installed = m_helper.path("app/hmwispd");
         QVERIFY(QFile::copy(HMHelperInstance::helperProgram(), installed));
-        QCborMap request = action("suicide");
-        QCborMap params;
-        params.insert(QStringLiteral("path"), installed);
-        request.insert(QStringLiteral("params"), params);
-        QString error;
-        const auto reply = m_helper.exchange(request, &error);
-        QVERIFY2(reply, qPrintable(error));
-        QCOMPARE(reply->value("status").toString(), QString("ok"));
+        const QCborMap reply = m_helper.call(
+            HMHelperInstance::request("suicide", {{QStringLiteral("path"), installed}}));
+        QCOMPARE(status(reply), QString("ok"));
         QTRY_VERIFY_WITH_TIMEOUT(!m_helper.isRunning(), 5000);
         QVERIFY(QFile::exists(installed));
         QVERIFY(QFile::exists(m_helper.path("etc/hmwispd.conf")));

@@ -1,7 +1,7 @@
 // The argument lists the helper lets through to a root OpenVPN, and what it makes of them.
 #include "HMOpenVPNArguments.h"
 
-#include "HMTestEnvironment.h"
+#include "HMExpectedArguments.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -12,75 +12,13 @@ Q_DECLARE_METATYPE(Mutation)
 
 namespace {
 
-const QString kUp = QStringLiteral("client.up.tunnelblick.sh -m -w -d -aradsgnwADSGNW");
-const QString kDown = QStringLiteral("client.down.tunnelblick.sh -m -w -d -aradsgnwADSGNW");
+const QString kUp = HMExpectedArguments::upScript();
 
-// The list exactly as the application builds it, written out independently of the helper.
 QStringList applicationList(const QString &cd, bool selectiveRouting)
 {
-    QStringList list = {"--cd",
-                        cd,
-                        "--management",
-                        "127.0.0.1",
-                        "5678",
-                        "--management-hold",
-                        "--management-query-passwords",
-                        "--auth-user-pass",
-                        "--ca",
-                        "ca.crt",
-                        "--cert",
-                        "key.crt",
-                        "--key",
-                        "key.key",
-                        "--client",
-                        "--comp-lzo",
-                        "--daemon",
-                        "--dev",
-                        "tun0",
-                        "--log",
-                        "/var/log/hmwispd/vpn.log",
-                        "--nobind",
-                        "--ns-cert-type",
-                        "server",
-                        "--persist-key",
-                        "--persist-tun",
-                        "--ping",
-                        "10",
-                        "--ping-restart",
-                        "30"};
-    if (selectiveRouting) {
-        list << "--dhcp-option"
-             << "DNS"
-             << "127.0.0.1";
-    } else {
-        list << "--dhcp-option"
-             << "DNS"
-             << "8.8.8.8"
-             << "--dhcp-option"
-             << "DNS"
-             << "8.8.4.4"
-             << "--redirect-gateway"
-             << "def1";
-    }
-    list << "--up" << kUp << "--down" << kDown << "--up-restart"
-         << "--hand-window"
-         << "20"
-         << "--resolv-retry"
-         << "infinite"
-         << "--script-security"
-         << "3"
-         << "system"
-         << "--verb"
-         << "3";
-    list << "--remote"
-         << "nl1.vpn.example"
-         << "1194"
-         << "udp"
-         << "--remote"
-         << "10.0.0.7"
-         << "443"
-         << "tcp";
-    return list;
+    return HMExpectedArguments::vpnConfig(cd, selectiveRouting) +
+           QStringList{"--remote", "nl1.vpn.example", "1194", "udp",
+                       "--remote", "10.0.0.7",        "443",  "tcp"};
 }
 
 int indexOf(const QStringList &list, const QString &word)
@@ -214,6 +152,11 @@ private Q_SLOTS:
             << Mutation([](QStringList &l) { l[l.size() - 3] = "a b"; }) << "host 'a b'";
         QTest::newRow("other protocol")
             << Mutation([](QStringList &l) { l[l.size() - 1] = "udp6"; }) << "protocol 'udp6'";
+        QTest::newRow("too many servers") << Mutation([](QStringList &l) {
+            for (int i = 0; i < HMOpenVPNArguments::kMaxRemotes; ++i) {
+                l += QStringList{"--remote", "h.example", "1194", "udp"};
+            }
+        }) << "more than 64";
         QTest::newRow("incomplete server") << Mutation([](QStringList &l) { l.removeLast(); })
                                            << "--remote needs a host, a port and a protocol";
         QTest::newRow("relative configuration file") << Mutation([](QStringList &l) {
@@ -233,20 +176,6 @@ private Q_SLOTS:
         QString error;
         QVERIFY(!HMOpenVPNArguments::parse(list, m_resources.path(), &error));
         QVERIFY2(error.contains(reason), qPrintable(error));
-    }
-
-    void tooManyServersRefused()
-    {
-        QStringList list = applicationList(m_resources.path(), true);
-        for (int i = 0; i < HMOpenVPNArguments::kMaxRemotes; ++i) {
-            list << "--remote"
-                 << "h.example"
-                 << "1194"
-                 << "udp";
-        }
-        QString error;
-        QVERIFY(!HMOpenVPNArguments::parse(list, m_resources.path(), &error));
-        QVERIFY2(error.contains("more than 64"), qPrintable(error));
     }
 
     void builtListForcesTheHelpersOwnSettings_data()

@@ -108,18 +108,7 @@ void HMHelperPeerProcess::setReply(const QString &action, const QJsonObject &rep
 
 QList<QJsonObject> HMHelperPeerProcess::requests() const
 {
-    QList<QJsonObject> all;
-    QFile file(m_recordPath);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return all;
-    }
-    const QList<QByteArray> lines = file.readAll().split('\n');
-    for (const QByteArray &line : lines) {
-        if (!line.trimmed().isEmpty()) {
-            all.append(QJsonDocument::fromJson(line).object());
-        }
-    }
-    return all;
+    return HMTestEnvironment::readJsonLines(m_recordPath);
 }
 
 QStringList HMHelperPeerProcess::actions() const

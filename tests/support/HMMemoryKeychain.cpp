@@ -1,26 +1,24 @@
 #include "HMMemoryKeychain.h"
 
+bool HMMemoryKeychain::failed(HMMaybeError *error) const
+{
+    if (m_failure && error) {
+        *error = m_failure;
+    }
+    return m_failure.has_value();
+}
+
 QString HMMemoryKeychain::passwordForService(const QString &service, const QString &account,
                                              HMMaybeError *error)
 {
     ++m_reads;
-    if (m_failure) {
-        if (error) {
-            *error = m_failure;
-        }
-        return QString();
-    }
-    return m_items.value({service, account});
+    return failed(error) ? QString() : m_items.value({service, account});
 }
 
 bool HMMemoryKeychain::setPassword(const QString &password, const QString &service,
                                    const QString &account, HMMaybeError *error)
 {
-    ++m_writes;
-    if (m_failure) {
-        if (error) {
-            *error = m_failure;
-        }
+    if (failed(error)) {
         return false;
     }
     m_items.insert({service, account}, password);
@@ -30,11 +28,7 @@ bool HMMemoryKeychain::setPassword(const QString &password, const QString &servi
 bool HMMemoryKeychain::deletePassword(const QString &service, const QString &account,
                                       HMMaybeError *error)
 {
-    ++m_deletes;
-    if (m_failure) {
-        if (error) {
-            *error = m_failure;
-        }
+    if (failed(error)) {
         return false;
     }
     m_items.remove({service, account});

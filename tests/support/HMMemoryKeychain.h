@@ -24,13 +24,12 @@ public:
         return m_items.contains({service, account});
     }
     int readCount() const { return m_reads; }
-    int writeCount() const { return m_writes; }
-    int deleteCount() const { return m_deletes; }
 
 private:
+    // Whether the switched-on failure applies, passing it on.
+    bool failed(HMMaybeError *error) const;
+
     QHash<QPair<QString, QString>, QString> m_items;
     HMMaybeError m_failure;
     int m_reads = 0;
-    int m_writes = 0;
-    int m_deletes = 0;
 };

@@ -1,6 +1,9 @@
 #include "HMTestEnvironment.h"
 
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
 #include <QProcess>
 #include <QStandardPaths>
 #include <unistd.h>
@@ -60,6 +63,31 @@ QString sourceDir()
 QString buildDir()
 {
     return qEnvironmentVariable("HM_BUILD_DIR");
+}
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(content) == content.size();
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QList<QJsonObject> readJsonLines(const QString &path)
+{
+    QList<QJsonObject> all;
+    for (const QByteArray &line : readFile(path).split('\n')) {
+        if (!line.trimmed().isEmpty()) {
+            all.append(QJsonDocument::fromJson(line).object());
+        }
+    }
+    return all;
 }
 
 } // namespace HMTestEnvironment

@@ -1,6 +1,9 @@
-// What a test may rely on from the machine, and a private home for each test process.
+// What a test may rely on from the machine, a private home for each test process, and the
+// few file chores every test would otherwise write out again.
 #pragma once
 
+#include <QJsonObject>
+#include <QList>
 #include <QString>
 #include <QTemporaryDir>
 #include <memory>
@@ -18,5 +21,12 @@ bool canUseNetworkNamespaces();
 QString findProgram(const QString &name);
 QString sourceDir();
 QString buildDir();
+
+// Replaces the file's content, making its folder first. False when anything failed.
+bool writeFile(const QString &path, const QByteArray &content);
+// The file's content, or empty when it cannot be read.
+QByteArray readFile(const QString &path);
+// One JSON object per non-empty line, as the test programs record what they saw.
+QList<QJsonObject> readJsonLines(const QString &path);
 
 } // namespace HMTestEnvironment

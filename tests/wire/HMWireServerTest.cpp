@@ -5,101 +5,26 @@
 #include "HMWireConstants.h"
 #include "HMWireSocket.h"
 
+#include "HMWireTestSockets.h"
+
 #include <QElapsedTimer>
-#include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
-
-QByteArray lengthBytes(quint64 length)
-{
-    QByteArray bytes(8, '\0');
-    qToLittleEndian(length, bytes.data());
-    return bytes;
-}
 
 int connectNonBlocking(const QString &path)
 {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    const QByteArray encoded = path.toLocal8Bit();
-    std::memcpy(address.sun_path, encoded.constData(), encoded.size());
-    if (::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
+    const sockaddr_un address = hmUnixAddress(path.toLocal8Bit());
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
         ::close(fd);
         return -1;
     }
     return fd;
 }
-
-struct Listener
-{
-    QTemporaryDir dir;
-    QString path;
-    int fd = -1;
-    Listener()
-    {
-        path = dir.filePath(QStringLiteral("listener.socket"));
-        fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address;
-        std::memset(&address, 0, sizeof(address));
-        address.sun_family = AF_UNIX;
-        const QByteArray encoded = path.toLocal8Bit();
-        std::memcpy(address.sun_path, encoded.constData(), encoded.size());
-        if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
-            ::listen(fd, 5) != 0) {
-            ::close(fd);
-            fd = -1;
-        }
-    }
-    ~Listener()
-    {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
-
-struct SocketPair
-{
-    int client = -1;
-    int helper = -1;
-    SocketPair()
-    {
-        int fds[2];
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0) {
-            client = fds[0];
-            helper = fds[1];
-        }
-    }
-    ~SocketPair()
-    {
-        closeClient();
-        if (helper >= 0) {
-            ::close(helper);
-        }
-    }
-    void closeClient()
-    {
-        if (client >= 0) {
-            ::close(client);
-            client = -1;
-        }
-    }
-    void send(const QByteArray &bytes) const
-    {
-        (void)!::write(client, bytes.constData(), bytes.size());
-    }
-};
 
 } // namespace
 
@@ -145,17 +70,19 @@ private Q_SLOTS:
 
     void acceptOutcomes()
     {
-        Listener listener;
-        QVERIFY(listener.fd >= 0);
+        QTemporaryDir dir;
+        const QString path = dir.filePath("listener.socket");
+        const int listener = hmListenAt(path.toLocal8Bit());
+        QVERIFY(listener >= 0);
 
         QElapsedTimer timer;
         timer.start();
-        QCOMPARE(get_connection_fd(listener.fd, 200), -1);
+        QCOMPARE(get_connection_fd(listener, 200), -1);
         QVERIFY(timer.elapsed() >= 150);
 
-        const int client = unix_socket(listener.path, nullptr);
+        const int client = unix_socket(path, nullptr);
         QVERIFY(client >= 0);
-        const int accepted = get_connection_fd(listener.fd, 200);
+        const int accepted = get_connection_fd(listener, 200);
         QVERIFY(accepted >= 0);
         QVERIFY(::fcntl(accepted, F_GETFD) & FD_CLOEXEC);
         ::close(accepted);
@@ -165,11 +92,12 @@ private Q_SLOTS:
         const int notListening = ::socket(AF_UNIX, SOCK_STREAM, 0);
         QCOMPARE(get_connection_fd(notListening, 200), -2);
         ::close(notListening);
+        ::close(listener);
     }
 
     void peerCredentialsNameTheConnectingProcess()
     {
-        SocketPair pair;
+        HMSocketPair pair;
         HMWireMaybeError error;
         const std::optional<HMWirePeer> peer = peer_credentials(pair.helper, &error);
         QVERIFY(peer.has_value());
@@ -183,8 +111,8 @@ private Q_SLOTS:
 
     void frameWithinCapAndDeadlineIsRead()
     {
-        SocketPair pair;
-        pair.send(lengthBytes(5) + QByteArray("hello"));
+        HMSocketPair pair;
+        HMSocketPair::writeAll(pair.client, hmLengthBytes(5) + QByteArray("hello"));
         HMWireMaybeError error;
         const std::optional<QByteArray> frame =
             read_frame(pair.helper, HMWire::kMaxFrameLength, 1000, &error);
@@ -193,8 +121,8 @@ private Q_SLOTS:
 
         // Exactly the cap is still allowed.
         std::thread writer([&] {
-            pair.send(lengthBytes(HMWire::kMaxFrameLength) +
-                      QByteArray(int(HMWire::kMaxFrameLength), 'c'));
+            HMSocketPair::writeAll(pair.client, hmLengthBytes(HMWire::kMaxFrameLength) +
+                                                    QByteArray(int(HMWire::kMaxFrameLength), 'c'));
         });
         const std::optional<QByteArray> big =
             read_frame(pair.helper, HMWire::kMaxFrameLength, 5000, &error);
@@ -208,29 +136,22 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("sent");
         QTest::addColumn<bool>("closeAfter");
         QTest::addColumn<long>("code");
-        QTest::newRow("announced length 0") << lengthBytes(0) << false << long(HMWire::FrameEmpty);
-        QTest::newRow("announced length 2^63")
-            << lengthBytes(quint64(1) << 63) << false << long(HMWire::FrameTooLarge);
-        QTest::newRow("announced cap + 1")
-            << lengthBytes(HMWire::kMaxFrameLength + 1) << false << long(HMWire::FrameTooLarge);
+        // The announced-length, truncated-payload and stalled-length cases are refused by the
+        // real helper in its own test; these two shapes only show up here.
         QTest::newRow("closed inside the length")
             << QByteArray(3, '\x01') << true << long(HMWire::FrameTruncated);
-        QTest::newRow("closed inside the payload")
-            << (lengthBytes(10) + "abc") << true << long(HMWire::FrameTruncated);
-        QTest::newRow("stalls inside the length")
-            << QByteArray(3, '\x01') << false << long(HMWire::FrameDeadline);
         QTest::newRow("stalls inside the payload")
-            << (lengthBytes(10) + "abc") << false << long(HMWire::FrameDeadline);
+            << (hmLengthBytes(10) + "abc") << false << long(HMWire::FrameDeadline);
     }
     void frameRefusals()
     {
         QFETCH(QByteArray, sent);
         QFETCH(bool, closeAfter);
         QFETCH(long, code);
-        SocketPair pair;
-        pair.send(sent);
+        HMSocketPair pair;
+        HMSocketPair::writeAll(pair.client, sent);
         if (closeAfter) {
-            pair.closeClient();
+            HMSocketPair::closeEnd(pair.client);
         }
         HMWireMaybeError error;
         QElapsedTimer timer;

@@ -2,6 +2,7 @@
 // the routing manager and the preferences.
 #include "HMAccountManager.h"
 #include "HMDaemonManager.h"
+#include "HMExpectedArguments.h"
 #include "HMMemoryKeychain.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
@@ -16,117 +17,11 @@ namespace {
 
 const QString kResources = QStringLiteral("/usr/share/hollowmere");
 
-QStringList head()
-{
-    return {"--cd",
-            kResources,
-            "--management",
-            "127.0.0.1",
-            "5678",
-            "--management-hold",
-            "--management-query-passwords"};
-}
-
-// The built-in body with the local DNS proxy as the tunnel's name server.
-QStringList proxyBody()
-{
-    return {"--auth-user-pass",
-            "--ca",
-            "ca.crt",
-            "--cert",
-            "key.crt",
-            "--key",
-            "key.key",
-            "--client",
-            "--comp-lzo",
-            "--daemon",
-            "--dev",
-            "tun0",
-            "--log",
-            "/var/log/hmwispd/vpn.log",
-            "--nobind",
-            "--ns-cert-type",
-            "server",
-            "--persist-key",
-            "--persist-tun",
-            "--ping",
-            "10",
-            "--ping-restart",
-            "30",
-            "--dhcp-option",
-            "DNS",
-            "127.0.0.1",
-            "--up",
-            "client.up.tunnelblick.sh -m -w -d -aradsgnwADSGNW",
-            "--down",
-            "client.down.tunnelblick.sh -m -w -d -aradsgnwADSGNW",
-            "--up-restart",
-            "--hand-window",
-            "20",
-            "--resolv-retry",
-            "infinite",
-            "--script-security",
-            "3",
-            "system",
-            "--verb",
-            "3"};
-}
-
-// The built-in body that sends everything through the tunnel.
-QStringList fullTunnelBody()
-{
-    return {"--auth-user-pass",
-            "--ca",
-            "ca.crt",
-            "--cert",
-            "key.crt",
-            "--key",
-            "key.key",
-            "--client",
-            "--comp-lzo",
-            "--daemon",
-            "--dev",
-            "tun0",
-            "--log",
-            "/var/log/hmwispd/vpn.log",
-            "--nobind",
-            "--ns-cert-type",
-            "server",
-            "--persist-key",
-            "--persist-tun",
-            "--ping",
-            "10",
-            "--ping-restart",
-            "30",
-            "--dhcp-option",
-            "DNS",
-            "8.8.8.8",
-            "--dhcp-option",
-            "DNS",
-            "8.8.4.4",
-            "--redirect-gateway",
-            "def1",
-            "--up",
-            "client.up.tunnelblick.sh -m -w -d -aradsgnwADSGNW",
-            "--down",
-            "client.down.tunnelblick.sh -m -w -d -aradsgnwADSGNW",
-            "--up-restart",
-            "--hand-window",
-            "20",
-            "--resolv-retry",
-            "infinite",
-            "--script-security",
-            "3",
-            "system",
-            "--verb",
-            "3"};
-}
-
 QVariantMap server(const QString &host, const QVariant &port, const QVariant &isUdp)
 {
-    QVariantMap record{{QStringLiteral("host"), host}, {QStringLiteral("port"), port}};
+    QVariantMap record{{"host", host}, {"port", port}};
     if (isUdp.isValid()) {
-        record.insert(QStringLiteral("isUdp"), isUdp);
+        record.insert("isUdp", isUdp);
     }
     return record;
 }
@@ -147,28 +42,22 @@ private:
     std::unique_ptr<HMAccountManager> m_account;
     std::unique_ptr<HMDaemonManager> m_daemon;
 
-    static HMDaemonManager::Paths paths()
-    {
-        HMDaemonManager::Paths paths;
-        paths.socketPath = QStringLiteral("/nonexistent/helper.socket");
-        paths.executableDirectory = QStringLiteral("/opt/hollowmere/bin");
-        paths.resourceDirectory = kResources;
-        return paths;
-    }
-
 private Q_SLOTS:
     void initTestCase() { m_home = HMTestEnvironment::isolateUserDirectories(); }
 
     void init()
     {
         m_dir = std::make_unique<QTemporaryDir>();
-        m_store =
-            std::make_unique<HMPreferenceStore>(m_dir->filePath(QStringLiteral("prefs.json")));
+        m_store = std::make_unique<HMPreferenceStore>(m_dir->filePath("prefs.json"));
         m_routing = std::make_unique<HMWisprouteManager>(*m_store);
         m_account =
             std::make_unique<HMAccountManager>(*m_store, m_keychain, m_routing.get(), m_center);
+        HMDaemonManager::Paths paths;
+        paths.socketPath = "/nonexistent/helper.socket";
+        paths.executableDirectory = "/opt/hollowmere/bin";
+        paths.resourceDirectory = kResources;
         m_daemon =
-            std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths());
+            std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths);
     }
 
     void cleanup()
@@ -189,69 +78,67 @@ private Q_SLOTS:
     void vpnConfigBodies_data()
     {
         QTest::addColumn<bool>("supported");
-        QTest::addColumn<QStringList>("expected");
-        QTest::newRow("selective routing available: 47 strings") << true << (head() + proxyBody());
-        QTest::newRow("not available: 52 strings") << false << (head() + fullTunnelBody());
+        QTest::addColumn<int>("size");
+        QTest::newRow("selective routing available") << true << 47;
+        QTest::newRow("not available") << false << 52;
     }
     void vpnConfigBodies()
     {
         QFETCH(bool, supported);
-        QFETCH(QStringList, expected);
+        QFETCH(int, size);
         m_routing->setSupported(supported);
         const QStringList config = m_daemon->getVPNConfig();
-        QCOMPARE(config, expected);
-        QCOMPARE(config.size(), supported ? 47 : 52);
+        QCOMPARE(config, HMExpectedArguments::vpnConfig(kResources, supported));
+        QCOMPARE(config.size(), size);
     }
 
     void remotesFollowTheBody_data()
     {
         QTest::addColumn<QVariantList>("servers");
         QTest::addColumn<QVariant>("forceTCP");
-        QTest::addColumn<QStringList>("tail");
+        QTest::addColumn<QString>("tail");
         const QVariantList mixed{server("a.example.net", "1194", true),
                                  server("b.example.net", "443", false)};
         QTest::newRow("own protocol")
-            << mixed << QVariant() << QStringList{"--remote", "a.example.net", "1194", "udp",
-                                                  "--remote", "b.example.net", "443",  "tcp"};
+            << mixed << QVariant()
+            << "--remote a.example.net 1194 udp --remote b.example.net 443 tcp";
         QTest::newRow("forced TCP")
-            << mixed << QVariant(true) << QStringList{"--remote", "a.example.net", "1194", "tcp",
-                                                      "--remote", "b.example.net", "443",  "tcp"};
+            << mixed << QVariant(true)
+            << "--remote a.example.net 1194 tcp --remote b.example.net 443 tcp";
         QTest::newRow("forced TCP switched off")
-            << mixed << QVariant(false) << QStringList{"--remote", "a.example.net", "1194", "udp",
-                                                       "--remote", "b.example.net", "443",  "tcp"};
+            << mixed << QVariant(false)
+            << "--remote a.example.net 1194 udp --remote b.example.net 443 tcp";
         QTest::newRow("numeric port, missing flag")
             << QVariantList{server("198.51.100.7", 1194, QVariant())} << QVariant()
-            << QStringList{"--remote", "198.51.100.7", "1194", "tcp"};
+            << "--remote 198.51.100.7 1194 tcp";
     }
     void remotesFollowTheBody()
     {
         QFETCH(QVariantList, servers);
         QFETCH(QVariant, forceTCP);
-        QFETCH(QStringList, tail);
+        QFETCH(QString, tail);
         m_routing->setSupported(true);
         m_account->setVpnServers(servers);
-        m_store->setValue(QStringLiteral("vpnForceTCP"), forceTCP);
+        m_store->setValue("vpnForceTCP", forceTCP);
         const QStringList config = m_daemon->getVPNConfig();
-        QCOMPARE(config.mid(0, 47), head() + proxyBody());
-        QCOMPARE(config.mid(47), tail);
+        QCOMPARE(config.mid(0, 47), HMExpectedArguments::vpnConfig(kResources, true));
+        QCOMPARE(config.mid(47), tail.split(' '));
     }
 
     void operatorConfigFileReplacesTheBodyOnlyWhenItExists()
     {
+        m_routing->setSupported(true);
         m_account->setVpnServers({server("a.example.net", "1194", true)});
-        const QString file = m_dir->filePath(QStringLiteral("operator.ovpn"));
-        m_store->setValue(QStringLiteral("vpnConfigFile"), file);
+        const QString file = m_dir->filePath("operator.ovpn");
+        m_store->setValue("vpnConfigFile", file);
+        const QStringList remote{"--remote", "a.example.net", "1194", "udp"};
 
         // Missing: silently the built-in body.
-        QCOMPARE(m_daemon->getVPNConfig().mid(7, 3),
-                 (QStringList{"--auth-user-pass", "--ca", "ca.crt"}));
-
-        QFile create(file);
-        QVERIFY(create.open(QIODevice::WriteOnly));
-        create.close();
-        const QStringList expected =
-            head() + QStringList{"--config", file, "--remote", "a.example.net", "1194", "udp"};
-        QCOMPARE(m_daemon->getVPNConfig(), expected);
+        QCOMPARE(m_daemon->getVPNConfig(),
+                 HMExpectedArguments::vpnConfig(kResources, true) + remote);
+        QVERIFY(HMTestEnvironment::writeFile(file, QByteArray()));
+        QCOMPARE(m_daemon->getVPNConfig(),
+                 (HMExpectedArguments::head(kResources) + QStringList{"--config", file} + remote));
     }
 
     void dnsProxyConfigByMode_data()
@@ -259,30 +146,26 @@ private Q_SLOTS:
         QTest::addColumn<int>("mode");
         QTest::addColumn<QString>("domains");
         QTest::addColumn<QStringList>("routing");
+        const QString inclusion = HMWisprouteManager::getDomainsFilePathWithExlusion(false);
         QTest::newRow("off") << 0 << "nothing" << QStringList();
         QTest::newRow("exclusion") << 1 << HMWisprouteManager::getDomainsFilePathWithExlusion(true)
                                    << QStringList{"-wisproute", "wisprouteEx"};
-        QTest::newRow("inclusion") << 2 << HMWisprouteManager::getDomainsFilePathWithExlusion(false)
-                                   << QStringList{"-wisproute", "wisproute"};
+        QTest::newRow("inclusion") << 2 << inclusion << QStringList{"-wisproute", "wisproute"};
         QTest::newRow("unknown mode acts as inclusion")
-            << 3 << HMWisprouteManager::getDomainsFilePathWithExlusion(false)
-            << QStringList{"-wisproute", "wisproute"};
+            << 3 << inclusion << QStringList{"-wisproute", "wisproute"};
     }
     void dnsProxyConfigByMode()
     {
         QFETCH(int, mode);
         QFETCH(QString, domains);
         QFETCH(QStringList, routing);
-        QVERIFY(!HMWisprouteManager::getDomainsFilePathWithExlusion(true).isEmpty());
-        QVERIFY(HMWisprouteManager::getDomainsFilePathWithExlusion(true) !=
-                HMWisprouteManager::getDomainsFilePathWithExlusion(false));
         m_daemon->setTunnelInfo([] { return QStringLiteral("10.99.0.1"); }, nullptr);
         const QStringList expected =
             QStringList{
                 "-f",      domains,     "-s",   kResources, "-log", "/var/log/hmwispd/dns.log",
                 "-server", "10.99.0.1", "-tap", "tun0"} +
             routing;
-        QCOMPARE(m_daemon->getDNSProxyConfigWithWisproute(mode, QStringLiteral("tun0")), expected);
+        QCOMPARE(m_daemon->getDNSProxyConfigWithWisproute(mode, "tun0"), expected);
     }
 
     void dnsProxyDebugValueIsPassedOnAsStored_data()
@@ -298,9 +181,8 @@ private Q_SLOTS:
     {
         QFETCH(QVariant, stored);
         QFETCH(QStringList, debug);
-        m_store->setValue(QStringLiteral("debugWisproute"), stored);
-        const QStringList config =
-            m_daemon->getDNSProxyConfigWithWisproute(0, QStringLiteral("tun3"));
+        m_store->setValue("debugWisproute", stored);
+        const QStringList config = m_daemon->getDNSProxyConfigWithWisproute(0, "tun3");
         QCOMPARE(config.mid(10), debug);
         // Without a VPN manager attached the server address is empty, not made up.
         QCOMPARE(config.at(7), QString());

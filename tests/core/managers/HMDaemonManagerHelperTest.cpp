@@ -11,9 +11,6 @@
 #include "HMWisprouteManager.h"
 
 #include <QDir>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtTest>
 #include <memory>
@@ -25,21 +22,10 @@ struct Outcome
     bool called = false;
     QVariantMap reply;
     HMMaybeError error;
+
+    QString status() const { return reply.value("status").toString(); }
+    QByteArray describe() const { return error ? error->description().toUtf8() : "no error"; }
 };
-
-HMDaemonManager::ReplyCompletion recorder(const std::shared_ptr<Outcome> &outcome)
-{
-    return [outcome](const QVariantMap &reply, const HMMaybeError &error) {
-        outcome->called = true;
-        outcome->reply = reply;
-        outcome->error = error;
-    };
-}
-
-QString describe(const HMMaybeError &error)
-{
-    return error ? error->description() : QStringLiteral("no error");
-}
 
 } // namespace
 
@@ -58,25 +44,15 @@ private:
     std::unique_ptr<HMHelperInstance> m_helper;
     std::unique_ptr<HMDaemonManager> m_daemon;
 
-    QList<QJsonObject> invocations() const
-    {
-        QList<QJsonObject> all;
-        QFile file(m_helper->path(QStringLiteral("bin/invocations.jsonl")));
-        if (file.open(QIODevice::ReadOnly)) {
-            for (const QByteArray &line : file.readAll().split('\n')) {
-                if (!line.trimmed().isEmpty()) {
-                    all.append(QJsonDocument::fromJson(line).object());
-                }
-            }
-        }
-        return all;
-    }
-
     std::shared_ptr<Outcome>
-    send(const std::function<void(HMDaemonManager::ReplyCompletion)> &request)
+    send(const std::function<void(HMDaemonManager &, HMDaemonManager::ReplyCompletion)> &request)
     {
         auto outcome = std::make_shared<Outcome>();
-        request(recorder(outcome));
+        request(*m_daemon, [outcome](const QVariantMap &reply, const HMMaybeError &error) {
+            outcome->called = true;
+            outcome->reply = reply;
+            outcome->error = error;
+        });
         return outcome;
     }
 
@@ -94,13 +70,10 @@ private Q_SLOTS:
         options.startTimeoutMs = 5000;
         QString error;
         QVERIFY2(m_helper->prepare(options, &error), qPrintable(error));
-        QFile mode(m_helper->path(QStringLiteral("bin/mode")));
-        QVERIFY(mode.open(QIODevice::WriteOnly));
-        mode.write("serve"); // listens on the namespace's 127.0.0.1:5678 until SIGTERM
-        mode.close();
+        m_helper->setFakeOpenVPNMode("serve"); // listens on the namespace's :5678 until SIGTERM
         QVERIFY2(m_helper->start(&error), qPrintable(error));
 
-        m_store = std::make_unique<HMPreferenceStore>(m_dir.filePath(QStringLiteral("prefs.json")));
+        m_store = std::make_unique<HMPreferenceStore>(m_dir.filePath("prefs.json"));
         m_routing = std::make_unique<HMWisprouteManager>(*m_store);
         m_account =
             std::make_unique<HMAccountManager>(*m_store, m_keychain, m_routing.get(), m_center);
@@ -109,9 +82,9 @@ private Q_SLOTS:
              QVariantMap{{"host", "198.51.100.7"}, {"port", 443}, {"isUdp", false}}});
         HMDaemonManager::Paths paths;
         paths.socketPath = m_helper->socketPath();
-        paths.executableDirectory = m_helper->path(QStringLiteral("app"));
+        paths.executableDirectory = m_helper->path("app");
         paths.resourceDirectory = m_helper->resourceDir();
-        paths.unitDirectories = {m_dir.filePath(QStringLiteral("units"))};
+        paths.unitDirectories = {m_dir.filePath("units")};
         m_daemon =
             std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths);
         m_daemon->createCommandQueue();
@@ -125,90 +98,104 @@ private Q_SLOTS:
 
     void checkDNSPortOpenAndLogs()
     {
-        auto check = send([this](auto c) { m_daemon->checkDNSPortOpen(c); });
-        auto logs = send([this](auto c) { m_daemon->getLogs(c); });
+        auto check = send([](HMDaemonManager &d, auto c) { d.checkDNSPortOpen(c); });
+        auto logs = send([](HMDaemonManager &d, auto c) { d.getLogs(c); });
         QTRY_VERIFY(logs->called);
-        QVERIFY2(!check->error, qPrintable(describe(check->error)));
-        QVERIFY2(!logs->error, qPrintable(describe(logs->error)));
+        QVERIFY2(!check->error, check->describe());
+        QVERIFY2(!logs->error, logs->describe());
         for (const char *key : {"vpnLog", "daemonLog", "dnsLog"}) {
             QVERIFY2(logs->reply.value(QLatin1String(key)).typeId() == QMetaType::QString, key);
         }
     }
 
-    void startAndStopVPNWithTheApplicationsArguments()
+    // What the application really builds must pass, in every form it takes.
+    void startAndStopVPN_data()
     {
-        const int before = int(invocations().size());
-        auto started = send([this](auto c) { m_daemon->startVPN(c); });
+        QTest::addColumn<bool>("selectiveRouting");
+        QTest::addColumn<bool>("forceTCP");
+        QTest::addColumn<QByteArray>("configFile"); // empty: none
+        QTest::addColumn<QStringList>("protocols"); // empty: refused
+        QTest::newRow("selective routing")
+            << true << false << QByteArray() << QStringList{"udp", "tcp"};
+        QTest::newRow("full tunnel") << false << false << QByteArray() << QStringList{"udp", "tcp"};
+        QTest::newRow("forced TCP") << false << true << QByteArray() << QStringList{"tcp", "tcp"};
+        QTest::newRow("operator's configuration file")
+            << true << false << QByteArray("client\nverb 3\n") << QStringList{"udp", "tcp"};
+        QTest::newRow("operator's file with a script")
+            << true << false << QByteArray("client\nup /tmp/evil.sh\n") << QStringList();
+    }
+
+    void startAndStopVPN()
+    {
+        QFETCH(bool, selectiveRouting);
+        QFETCH(bool, forceTCP);
+        QFETCH(QByteArray, configFile);
+        QFETCH(QStringList, protocols);
+        m_routing->setSupported(selectiveRouting);
+        m_store->setValue("vpnForceTCP", forceTCP);
+        const QString file = m_dir.filePath("operator.ovpn");
+        QVERIFY(HMTestEnvironment::writeFile(file, configFile));
+        m_store->setValue("vpnConfigFile", configFile.isEmpty() ? QVariant() : QVariant(file));
+        const qsizetype before = m_helper->invocations().size();
+
+        auto started = send([](HMDaemonManager &d, auto c) { d.startVPN(c); });
         QTRY_VERIFY_WITH_TIMEOUT(started->called, 15000);
-        QVERIFY2(!started->error, qPrintable(describe(started->error)));
-        QCOMPARE(started->reply.value("status").toString(), QStringLiteral("ok"));
+        m_store->setValue("vpnConfigFile", QVariant());
+        if (protocols.isEmpty()) {
+            QVERIFY(started->error.has_value());
+            QCOMPARE(started->status(), QStringLiteral("error"));
+            QCOMPARE(started->error->localizedDescription(),
+                     started->reply.value("error").toString());
+            QVERIFY2(started->error->localizedDescription().contains("directive 'up'"),
+                     started->describe());
+            QCOMPARE(m_helper->invocations().size(), before);
+            return;
+        }
+        QVERIFY2(!started->error, started->describe());
+        QCOMPARE(started->status(), QStringLiteral("ok"));
+        QCOMPARE(m_helper->invocations().size(), before + 1);
+        const QStringList ran = m_helper->lastInvocationArguments();
+        QCOMPARE(ran.mid(ran.indexOf("--remote"), 8),
+                 QStringList({"--remote", "vpn-a.example.net", "1194", protocols.at(0), "--remote",
+                              "198.51.100.7", "443", protocols.at(1)}));
+        QCOMPARE(ran.contains("--config"), !configFile.isEmpty());
 
-        const QList<QJsonObject> all = invocations();
-        QCOMPARE(int(all.size()), before + 1);
-        const QStringList arguments = all.last().value("arguments").toVariant().toStringList();
-        const QString remotes = arguments.join(QLatin1Char(' '));
-        QVERIFY2(
-            remotes.contains("--remote vpn-a.example.net 1194 udp --remote 198.51.100.7 443 tcp"),
-            qPrintable(remotes));
-
-        auto stopped = send([this](auto c) { m_daemon->stopVPN(c); });
+        auto stopped = send([](HMDaemonManager &d, auto c) { d.stopVPN(c); });
         QTRY_VERIFY_WITH_TIMEOUT(stopped->called, 15000);
-        QVERIFY2(!stopped->error, qPrintable(describe(stopped->error)));
-        QCOMPARE(stopped->reply.value("status").toString(), QStringLiteral("ok"));
+        QVERIFY2(!stopped->error, stopped->describe());
+        QCOMPARE(stopped->status(), QStringLiteral("ok"));
 
         // Nothing runs any more: the synchronous stop is answered "ok" too.
         m_daemon->stopVPN();
-        auto again = send([this](auto c) { m_daemon->stopVPN(c); });
+        auto again = send([](HMDaemonManager &d, auto c) { d.stopVPN(c); });
         QTRY_VERIFY(again->called);
-        QCOMPARE(again->reply.value("status").toString(), QStringLiteral("ok"));
-    }
-
-    void operatorFileWithAScriptIsRefusedAndNothingStarts()
-    {
-        const QString file = m_dir.filePath(QStringLiteral("operator.ovpn"));
-        QFile config(file);
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write("client\nup /tmp/evil.sh\n");
-        config.close();
-        m_store->setValue(QStringLiteral("vpnConfigFile"), file);
-        const int before = int(invocations().size());
-
-        auto started = send([this](auto c) { m_daemon->startVPN(c); });
-        QTRY_VERIFY_WITH_TIMEOUT(started->called, 15000);
-        m_store->setValue(QStringLiteral("vpnConfigFile"), QVariant());
-        QVERIFY(started->error.has_value());
-        QCOMPARE(started->reply.value("status").toString(), QStringLiteral("error"));
-        QCOMPARE(started->error->localizedDescription(), started->reply.value("error").toString());
-        QVERIFY2(started->error->localizedDescription().contains(QLatin1String("up")),
-                 qPrintable(started->error->localizedDescription()));
-        QCOMPARE(int(invocations().size()), before);
+        QCOMPARE(again->status(), QStringLiteral("ok"));
     }
 
     void dnsProxyRequests()
     {
-        auto proxy = send(
-            [this](auto c) { m_daemon->startDNSProxyWithTap(QStringLiteral("tun0\r\n"), 1, c); });
-        auto stop = send([this](auto c) { m_daemon->stopDNSProxy(c); });
+        const qsizetype before = m_helper->invocations().size();
+        auto proxy =
+            send([](HMDaemonManager &d, auto c) { d.startDNSProxyWithTap("tun0\r\n", 1, c); });
+        auto stop = send([](HMDaemonManager &d, auto c) { d.stopDNSProxy(c); });
         QTRY_VERIFY(stop->called);
         // No DNS proxy ships yet: the helper says so instead of pretending.
         QVERIFY(proxy->error.has_value());
-        QVERIFY2(proxy->error->localizedDescription().contains(QLatin1String("DNS proxy")),
-                 qPrintable(proxy->error->localizedDescription()));
-        QVERIFY2(!stop->error, qPrintable(describe(stop->error)));
+        QVERIFY2(proxy->error->localizedDescription().contains("DNS proxy is not available"),
+                 proxy->describe());
+        QVERIFY2(!stop->error, stop->describe());
+        QCOMPARE(m_helper->invocations().size(), before);
     }
 
     // Last: the helper exits.
     void oldHelperIsAskedToExitAndKeepsItsProgram()
     {
-        const QString program = m_dir.filePath(QStringLiteral("hmwispd-old"));
+        const QString program = m_dir.filePath("hmwispd-old");
         QVERIFY(QFile::copy(HMHelperInstance::helperProgram(), program));
-        QVERIFY(QDir().mkpath(m_dir.filePath(QStringLiteral("units"))));
-        QFile unit(m_dir.filePath(QStringLiteral("units/com.hollowmere.mac.hmwispd.service")));
-        QVERIFY(unit.open(QIODevice::WriteOnly));
-        unit.write("[Service]\nExecStart=" + program.toLocal8Bit() + "\n");
-        unit.close();
-
-        m_daemon->removeOldDaemonIfPresent(QStringLiteral("com.hollowmere.mac.hmwispd"));
+        QVERIFY(
+            HMTestEnvironment::writeFile(m_dir.filePath("units/com.hollowmere.mac.hmwispd.service"),
+                                         "[Service]\nExecStart=" + program.toLocal8Bit() + "\n"));
+        m_daemon->removeOldDaemonIfPresent("com.hollowmere.mac.hmwispd");
         QTRY_VERIFY_WITH_TIMEOUT(!m_helper->isRunning(), 10000);
         QVERIFY(QFileInfo::exists(program));
         QVERIFY(QFileInfo::exists(HMHelperInstance::helperProgram()));

@@ -400,49 +400,45 @@ private Q_SLOTS:
         QCOMPARE(openDescriptorCount(), before);
     }
 
-    void removeOldDaemonAsksARunningHelperToExit()
+    void removeOldDaemon_data()
     {
-        HMLogCapture log;
-        const QString program = m_dir->filePath(QStringLiteral("old-hmwispd"));
-        QFile(program).open(QIODevice::WriteOnly);
-        QDir().mkpath(m_dir->filePath("units"));
-        QFile unit(m_dir->filePath("units/com.hollowmere.mac.hmwispd.service"));
-        QVERIFY(unit.open(QIODevice::WriteOnly));
-        unit.write("[Unit]\nDescription=old "
-                   "helper\nExecStart=/not/this\n\n[Service]\nType=simple\nExecStart=-" +
-                   program.toLocal8Bit() + " --serve\n");
-        unit.close();
-        m_peer->setReply("suicide",
-                         QJsonObject{{"status", "error"}, {"error", "refusing to exit now"}});
-
-        QCOMPARE(m_daemon->getInstalledDaemonPath("com.hollowmere.mac.hmwispd"), program);
-        m_daemon->removeOldDaemonIfPresent(QStringLiteral("com.hollowmere.mac.hmwispd"));
-        // Synchronous: the helper has the request when the call returns.
-        QCOMPARE(lastRequest(),
-                 (QJsonObject{{"action", "suicide"}, {"params", QJsonObject{{"path", program}}}}));
-        QTRY_VERIFY(log.contains(QStringLiteral("refusing to exit now")));
+        QTest::addColumn<QByteArray>("unitText"); // %1: an installed program
+        QTest::addColumn<bool>("asked");
+        QTest::newRow("installed program")
+            << QByteArray("[Unit]\nDescription=old helper\nExecStart=/not/this\n\n"
+                          "[Service]\nType=simple\nExecStart=-%1 --serve\n")
+            << true;
+        QTest::newRow("no unit") << QByteArray() << false;
+        QTest::newRow("program gone")
+            << QByteArray("[Service]\nExecStart=/nonexistent/hmwispd\n") << false;
+        QTest::newRow("no ExecStart") << QByteArray("[Service]\nType=simple\n") << false;
     }
-
-    void removeOldDaemonSendsNothingWithoutAnInstalledProgram_data()
-    {
-        QTest::addColumn<QByteArray>("unitText");
-        QTest::newRow("no unit") << QByteArray();
-        QTest::newRow("program gone") << QByteArray("[Service]\nExecStart=/nonexistent/hmwispd\n");
-        QTest::newRow("no ExecStart") << QByteArray("[Service]\nType=simple\n");
-    }
-    void removeOldDaemonSendsNothingWithoutAnInstalledProgram()
+    void removeOldDaemon()
     {
         QFETCH(QByteArray, unitText);
+        QFETCH(bool, asked);
+        HMLogCapture log;
+        const QString program = m_dir->filePath("old-hmwispd");
+        QVERIFY(HMTestEnvironment::writeFile(program, QByteArray()));
         if (!unitText.isEmpty()) {
-            QDir().mkpath(m_dir->filePath("units"));
-            QFile unit(m_dir->filePath("units/com.hollowmere.mac.hmwispd.service"));
-            QVERIFY(unit.open(QIODevice::WriteOnly));
-            unit.write(unitText);
+            QVERIFY(HMTestEnvironment::writeFile(
+                m_dir->filePath("units/com.hollowmere.mac.hmwispd.service"),
+                unitText.replace("%1", program.toUtf8())));
         }
-        m_daemon->removeOldDaemonIfPresent(QStringLiteral("com.hollowmere.mac.hmwispd"));
-        auto check = run(operations().value("checkDNSPortOpen"));
-        QTRY_VERIFY(check->called);
-        QCOMPARE(m_peer->actions(), QStringList{"checkDNSPortOpen"});
+        m_peer->setReply("suicide",
+                         QJsonObject{{"status", "error"}, {"error", "refusing to exit now"}});
+        m_daemon->removeOldDaemonIfPresent("com.hollowmere.mac.hmwispd");
+        if (asked) {
+            QCOMPARE(m_daemon->getInstalledDaemonPath("com.hollowmere.mac.hmwispd"), program);
+            // Synchronous: the helper has the request when the call returns.
+            QCOMPARE(lastRequest(), (QJsonObject{{"action", "suicide"},
+                                                 {"params", QJsonObject{{"path", program}}}}));
+            QTRY_VERIFY(log.contains("refusing to exit now"));
+        } else {
+            auto check = run(operations().value("checkDNSPortOpen"));
+            QTRY_VERIFY(check->called);
+            QCOMPARE(m_peer->actions(), QStringList{"checkDNSPortOpen"});
+        }
     }
 
     void modeChangeRestartsTheDnsProxyOnTheCurrentTunnel()

@@ -2,52 +2,11 @@
 #include "HMReachability.h"
 #include "HMReachabilityManager.h"
 #include "HMTestEnvironment.h"
+#include "HMTestNamespace.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QProcess>
 #include <QSignalSpy>
 #include <QtTest>
-#include <fcntl.h>
 #include <memory>
-#include <sched.h>
-#include <unistd.h>
-
-namespace {
-
-// Puts the calling thread into a named network namespace until destroyed. Sockets made
-// meanwhile stay in that namespace for good, which is how the source under test watches
-// the namespace while the rest of the test runs outside it.
-class NamespaceScope
-{
-public:
-    explicit NamespaceScope(const QString &name)
-    {
-        m_original = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-        const int target =
-            open(QByteArray("/run/netns/" + name.toUtf8()).constData(), O_RDONLY | O_CLOEXEC);
-        m_entered = m_original >= 0 && target >= 0 && setns(target, CLONE_NEWNET) == 0;
-        if (target >= 0) {
-            close(target);
-        }
-    }
-    ~NamespaceScope()
-    {
-        if (m_entered && setns(m_original, CLONE_NEWNET) != 0) {
-            qFatal("could not return to the test's own network namespace");
-        }
-        if (m_original >= 0) {
-            close(m_original);
-        }
-    }
-    bool entered() const { return m_entered; }
-
-private:
-    int m_original = -1;
-    bool m_entered = false;
-};
-
-} // namespace
 
 class HMNetlinkReachabilitySourceTest : public QObject
 {
@@ -62,40 +21,14 @@ private:
     HMReachabilitySource *m_source = nullptr;
     int m_sentinel = 0;
 
-    bool ip(const QStringList &arguments)
-    {
-        QProcess process;
-        process.start(QStringLiteral("ip"),
-                      QStringList{QStringLiteral("-n"), m_namespace} + arguments);
-        const bool ok = process.waitForFinished(10000) &&
-                        process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-        if (!ok) {
-            qWarning() << "ip" << arguments << "failed:" << process.readAllStandardError();
-        }
-        return ok;
-    }
+    bool ip(const QStringList &arguments) { return HMTestNamespace::ip(m_namespace, arguments); }
 
     void removeNamespace()
     {
         if (!m_namespace.isEmpty()) {
             m_manager.reset();
-            QProcess::execute(QStringLiteral("ip"),
-                              {QStringLiteral("netns"), QStringLiteral("del"), m_namespace});
+            HMTestNamespace::remove(m_namespace);
             m_namespace.clear();
-        }
-    }
-
-    // A run that crashed could not delete its namespace; its pid names it.
-    static void removeNamespacesOfDeadRuns()
-    {
-        const QStringList names =
-            QDir(QStringLiteral("/run/netns")).entryList({"hmreach-*"}, QDir::Files);
-        for (const QString &name : names) {
-            const QString pid = name.mid(name.indexOf(QLatin1Char('-')) + 1);
-            if (!QFileInfo::exists(QStringLiteral("/proc/") + pid)) {
-                QProcess::execute(QStringLiteral("ip"),
-                                  {QStringLiteral("netns"), QStringLiteral("del"), name});
-            }
         }
     }
 
@@ -121,14 +54,10 @@ private Q_SLOTS:
             QSKIP(
                 "needs root and network namespaces (ip netns); run as root to exercise the kernel");
         }
-        removeNamespacesOfDeadRuns();
-        const QString name = QStringLiteral("hmreach-%1").arg(getpid());
-        QCOMPARE(QProcess::execute(QStringLiteral("ip"),
-                                   {QStringLiteral("netns"), QStringLiteral("add"), name}),
-                 0);
-        m_namespace = name;
-
-        NamespaceScope scope(m_namespace);
+        QString error;
+        m_namespace = HMTestNamespace::create(QStringLiteral("hmreach-"), QString(), &error);
+        QVERIFY2(!m_namespace.isEmpty(), qPrintable(error));
+        HMTestNamespace::Scope scope(m_namespace);
         QVERIFY(scope.entered());
         auto source = std::make_unique<HMNetlinkReachabilitySource>();
         m_source = source.get();

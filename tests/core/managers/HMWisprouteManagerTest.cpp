@@ -13,18 +13,8 @@
 
 namespace {
 
-QByteArray readBytes(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
-}
-
-bool writeBytes(const QString &path, const QByteArray &bytes)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
+using HMTestEnvironment::readFile;
+using HMTestEnvironment::writeFile;
 
 } // namespace
 
@@ -136,12 +126,13 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, bytes);
         QFETCH(QStringList, expected);
-        QVERIFY(writeBytes(exclusionPath(), bytes));
+        QVERIFY(writeFile(exclusionPath(), bytes));
         m_routing->setArrayDomainsExclusion({"stale.test"});
         QVERIFY(m_routing->readDomainsFromFileWithExclusion(true));
         QCOMPARE(m_routing->arrayDomainsExclusion(), expected);
         QVERIFY(m_routing->arrayDomains().isEmpty());
-        QCOMPARE(readBytes(exclusionPath()), bytes);
+        QVERIFY(QFileInfo(exclusionPath()).isFile());
+        QCOMPARE(readFile(exclusionPath()), bytes);
     }
 
     void savedListReadsBackUnchanged()
@@ -149,7 +140,7 @@ private Q_SLOTS:
         const QStringList domains{"a.test", "", "a.test", "b\r", QStringLiteral("\u00fc.test")};
         m_routing->setArrayDomains(domains);
         QVERIFY(m_routing->saveDomainsInFileWithExclusion(false));
-        QCOMPARE(readBytes(inclusionPath()), QByteArray("a.test\n\na.test\nb\r\n\xc3\xbc.test\n"));
+        QCOMPARE(readFile(inclusionPath()), QByteArray("a.test\n\na.test\nb\r\n\xc3\xbc.test\n"));
         // The atomic write leaves no temporary file behind.
         QCOMPARE(QDir(folder()).entryList(QDir::Files), QStringList{"domains.txt"});
 
@@ -160,11 +151,11 @@ private Q_SLOTS:
 
     void anEmptyListIsNeverSaved()
     {
-        QVERIFY(writeBytes(inclusionPath(), "last.test\n"));
+        QVERIFY(writeFile(inclusionPath(), "last.test\n"));
         QVERIFY(m_routing->readDomainsFromFileWithExclusion(false));
         m_routing->setArrayDomains({});
         QVERIFY(m_routing->saveDomainsInFileWithExclusion(false));
-        QCOMPARE(readBytes(inclusionPath()), QByteArray("last.test\n"));
+        QCOMPARE(readFile(inclusionPath()), QByteArray("last.test\n"));
     }
 
     void missingFileIsCreatedEmpty()
@@ -181,19 +172,19 @@ private Q_SLOTS:
     void uncreatableFileLeavesTheListAlone()
     {
         // A plain file where the folder should be: nothing can be created inside it.
-        QVERIFY(writeBytes(folder(), "not a folder"));
+        QVERIFY(writeFile(folder(), "not a folder"));
         m_routing->setArrayDomains({"old.test"});
         HMLogCapture capture;
         QVERIFY(!m_routing->readDomainsFromFileWithExclusion(false));
         QCOMPARE(m_routing->arrayDomains(), QStringList{"old.test"});
         QVERIFY(capture.contains(inclusionPath()));
-        QCOMPARE(readBytes(folder()), QByteArray("not a folder"));
+        QCOMPARE(readFile(folder()), QByteArray("not a folder"));
     }
 
     void directoryInPlaceOfTheFile()
     {
         QVERIFY(QDir().mkpath(inclusionPath()));
-        QVERIFY(writeBytes(inclusionPath() + "/keep.me", "x"));
+        QVERIFY(writeFile(inclusionPath() + "/keep.me", "x"));
         m_routing->setArrayDomains({"old.test"});
         HMLogCapture capture;
         QVERIFY(m_routing->readDomainsFromFileWithExclusion(false));
@@ -206,13 +197,13 @@ private Q_SLOTS:
         QVERIFY(capture.contains("Could not write domain list"));
 
         m_routing->resetWisprouteConfig();
-        QCOMPARE(readBytes(inclusionPath() + "/keep.me"), QByteArray("x"));
+        QCOMPARE(readFile(inclusionPath() + "/keep.me"), QByteArray("x"));
     }
 
     void invalidUtf8IsSetAsideNotDecoded()
     {
         const QByteArray bytes("good.test\n\xff\xfe bad\n");
-        QVERIFY(writeBytes(exclusionPath(), bytes));
+        QVERIFY(writeFile(exclusionPath(), bytes));
         HMLogCapture capture;
         QVERIFY(m_routing->readDomainsFromFileWithExclusion(true));
         QVERIFY(m_routing->arrayDomainsExclusion().isEmpty());
@@ -221,13 +212,13 @@ private Q_SLOTS:
         const QStringList aside =
             QDir(folder()).entryList({"domains_ex.txt.damaged-*"}, QDir::Files);
         QCOMPARE(aside.size(), 1);
-        QCOMPARE(readBytes(folder() + "/" + aside.first()), bytes);
+        QCOMPARE(readFile(folder() + "/" + aside.first()), bytes);
         QCOMPARE(QFileInfo(exclusionPath()).size(), 0);
 
         // Saving a new list now cannot destroy the user's original bytes.
         m_routing->setArrayDomainsExclusion({"new.test"});
         QVERIFY(m_routing->saveDomainsInFileWithExclusion(true));
-        QCOMPARE(readBytes(folder() + "/" + aside.first()), bytes);
+        QCOMPARE(readFile(folder() + "/" + aside.first()), bytes);
     }
 
     void modeReadsAsAnInteger_data()

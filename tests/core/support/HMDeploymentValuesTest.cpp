@@ -26,10 +26,7 @@ private:
 
     static void write(const QString &path, const QByteArray &content)
     {
-        QDir().mkpath(QFileInfo(path).absolutePath());
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(content);
+        QVERIFY(HMTestEnvironment::writeFile(path, content));
     }
 
 private Q_SLOTS:

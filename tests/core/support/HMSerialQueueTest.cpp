@@ -38,23 +38,6 @@ private Q_SLOTS:
         QCOMPARE(names.first(), QStringLiteral("com.hollowmere.daemon.command"));
     }
 
-    void oneItemAtATime()
-    {
-        HMSerialQueue queue(QStringLiteral("serial"));
-        std::atomic<int> running{0};
-        std::atomic<int> most{0};
-        for (int i = 0; i < 20; ++i) {
-            queue.async([&] {
-                const int now = ++running;
-                most = std::max(most.load(), now);
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-                --running;
-            });
-        }
-        queue.sync([] {});
-        QCOMPARE(most.load(), 1);
-    }
-
     void syncReturnsOnlyAfterItsWorkAndEverythingBefore()
     {
         HMSerialQueue queue(QStringLiteral("serial"));

@@ -17,260 +17,208 @@ class HMUtilitiesTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void encodesLikeTheService_data();
-    void encodesLikeTheService();
-    void dictionaryKeepsCallerOrder();
+    void encodesLikeTheService_data()
+    {
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("plain") << "abcXYZ019"
+                               << "abcXYZ019";
+        QTest::newRow("unreserved kept") << "-._~!'()*"
+                                         << "-._~!'()*";
+        QTest::newRow("reserved escaped") << ";/?:@&=+$,"
+                                          << "%3B%2F%3F%3A%40%26%3D%2B%24%2C";
+        QTest::newRow("space and percent") << "a b%c"
+                                           << "a%20b%25c";
+        QTest::newRow("illegal characters") << "<>\"#{}|\\^`[]"
+                                            << "%3C%3E%22%23%7B%7D%7C%5C%5E%60%5B%5D";
+        QTest::newRow("utf8") << QString::fromUtf8("Zürich €") << "Z%C3%BCrich%20%E2%82%AC";
+        QTest::newRow("email") << "jo+vpn@example.com"
+                               << "jo%2Bvpn%40example.com";
+        QTest::newRow("empty") << ""
+                               << "";
+    }
+    void encodesLikeTheService()
+    {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        QCOMPARE(url_encode(input), expected);
+    }
+    void dictionaryKeepsCallerOrder()
+    {
+        const HMStringPairs pairs = {{QStringLiteral("z"), QStringLiteral("1")},
+                                     {QStringLiteral("user name"), QStringLiteral("a&b")},
+                                     {QStringLiteral("a"), QString()}};
+        QCOMPARE(url_encode_dict(pairs), QStringLiteral("z=1&user%20name=a%26b&a="));
+        QCOMPARE(url_encode_dict({}), QString());
+    }
 
-    void runCollectsTrimmedOutputs_data();
-    void runCollectsTrimmedOutputs();
-    void runGivesNoStringForInvalidUtf8();
-    void runReportsProgramThatCannotStart();
-    void runDoesNotHangOnLargeOutput();
+    void runCollectsTrimmedOutputs_data()
+    {
+        QTest::addColumn<QString>("script");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("out");
+        QTest::addColumn<QString>("err");
+        QTest::newRow("stdout only") << "printf '  hello\\n\\n'" << 0 << "hello"
+                                     << "";
+        QTest::newRow("stderr and status") << "echo oops >&2; exit 3" << 3 << ""
+                                           << "oops";
+        QTest::newRow("whitespace only is empty, not absent") << "printf ' \\t\\n '" << 0 << ""
+                                                              << "";
+        QTest::newRow("both streams") << "echo out; echo err >&2" << 0 << "out"
+                                      << "err";
+        QTest::newRow("invalid UTF-8 gives no string")
+            << "printf 'a\\377b'; echo fine >&2" << 0 << "<absent>"
+            << "fine";
+    }
+    void runCollectsTrimmedOutputs()
+    {
+        QFETCH(QString, script);
+        QFETCH(int, status);
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        std::optional<QString> output = QStringLiteral("stale");
+        std::optional<QString> errorOutput;
+        QCOMPARE(
+            run(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script}, &output, &errorOutput),
+            status);
+        QCOMPARE(output.value_or("<absent>"), out);
+        QCOMPARE(errorOutput.value_or("<absent>"), err);
+    }
+    void runReportsProgramThatCannotStart()
+    {
+        std::optional<QString> output;
+        QCOMPARE(run(QStringLiteral("/nonexistent/tool"), {}, &output), -1);
+        QVERIFY(!output.has_value());
+        // No arguments at all is a valid call.
+        QCOMPARE(run(QStringLiteral("/bin/true"), {}), 0);
+    }
+    void runDoesNotHangOnLargeOutput()
+    {
+        std::optional<QString> output;
+        QCOMPARE(
+            run(QStringLiteral("/bin/sh"),
+                {QStringLiteral("-c"), QStringLiteral("head -c 300000 /dev/zero | tr '\\0' x")},
+                &output),
+            0);
+        QCOMPARE(output.value_or(QString()).size(), 300000);
+    }
 
-    void makesFrameNames_data();
-    void makesFrameNames();
-    void prettyMegabytes_data();
-    void prettyMegabytes();
+    void makesFrameNames_data()
+    {
+        QTest::addColumn<unsigned long>("count");
+        QTest::addColumn<bool>("reversed");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("none") << 0ul << false << QStringList();
+        QTest::newRow("nine unpadded")
+            << 9ul << false << QStringList{"x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9"};
+        QTest::newRow("ten padded")
+            << 10ul << false
+            << QStringList{"x01", "x02", "x03", "x04", "x05", "x06", "x07", "x08", "x09", "x10"};
+        QTest::newRow("reversed") << 10ul << true << QStringList{"x10", "x09", "x08", "x07", "x06",
+                                                                 "x05", "x04", "x03", "x02", "x01"};
+        QTest::newRow("three reversed") << 3ul << true << QStringList{"x3", "x2", "x1"};
+    }
+    void makesFrameNames()
+    {
+        QFETCH(unsigned long, count);
+        QFETCH(bool, reversed);
+        QFETCH(QStringList, expected);
+        QCOMPARE(make_frames(QStringLiteral("x"), count, reversed), expected);
+    }
+    void prettyMegabytes_data()
+    {
+        QTest::addColumn<qint64>("bytes");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("below one MiB") << qint64(1048575) << "0 ";
+        QTest::newRow("five MiB") << qint64(5242880) << "5 ";
+        QTest::newRow("zero") << qint64(0) << "0 ";
+        QTest::newRow("truncates") << qint64(41943039) << "39 ";
+        QTest::newRow("negative prints unsigned") << qint64(-1048577) << "18446744073709551615 ";
+        QTest::newRow("small negative truncates to zero") << qint64(-5) << "0 ";
+    }
+    void prettyMegabytes()
+    {
+        QFETCH(qint64, bytes);
+        QFETCH(QString, expected);
+        QCOMPARE(pretty_mb(bytes), expected);
+    }
 
-    void regexMatchesWholeString_data();
-    void regexMatchesWholeString();
-    void substringSearchIsCaseSensitive();
-    void appendsTextAndBytes();
-    void appendIntoMissingDirectoryCreatesNothing();
+    void regexMatchesWholeString_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("pattern");
+        QTest::addColumn<bool>("matches");
+        QTest::newRow("partial is not enough") << "xabcx"
+                                               << "abc" << false;
+        QTest::newRow("whole match") << "xabcx"
+                                     << ".*abc.*" << true;
+        QTest::newRow("exact") << "abc"
+                               << "abc" << true;
+        QTest::newRow("prefix only") << "abcd"
+                                     << "abc" << false;
+        QTest::newRow("alternation anchored as a whole") << "ab"
+                                                         << "a|ab" << true;
+        QTest::newRow("invalid pattern") << "abc"
+                                         << "(" << false;
+    }
+    void regexMatchesWholeString()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, pattern);
+        QFETCH(bool, matches);
+        QCOMPARE(containsRegex(text, pattern), matches);
+    }
+    void substringSearchIsCaseSensitive()
+    {
+        QVERIFY(contains(QStringLiteral("Unknown user"), QStringLiteral("Unknown")));
+        QVERIFY(!contains(QStringLiteral("unknown user"), QStringLiteral("Unknown")));
+    }
+    void appendsTextAndBytesButMakesNoDirectory()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("out.txt"));
+        QVERIFY(appendToFile(QString::fromUtf8("grüß\n"), path));
+        QVERIFY(appendToFile(QByteArray("\x00\x01", 2), path));
+        QCOMPARE(HMTestEnvironment::readFile(path), QByteArray("gr\xc3\xbc\xc3\x9f\n\x00\x01", 9));
 
-    void uuidIsUpperCaseCanonical();
-    void bundleMetadataByKey();
-    void dispatchToMainRunsOnMainThread();
+        const QString missing = dir.filePath(QStringLiteral("no/such"));
+        QVERIFY(!appendToFile(QStringLiteral("x"), missing + QStringLiteral("/file.txt")));
+        QVERIFY(!QFile::exists(missing));
+    }
+
+    void uuidIsUpperCaseCanonical()
+    {
+        const QString first = generate_UUID();
+        const QRegularExpression form(
+            QStringLiteral("^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"));
+        QVERIFY2(form.match(first).hasMatch(), qPrintable(first));
+        QVERIFY(first != generate_UUID());
+    }
+    void bundleMetadataByKey()
+    {
+        QVERIFY(!app_version().isEmpty());
+        QCOMPARE(info_plist_var(QStringLiteral("CFBundleShortVersionString")).toString(),
+                 app_version());
+        QCOMPARE(info_plist_var(QStringLiteral("CFBundleIdentifier")).toString(),
+                 QStringLiteral("com.hollowmere.mac.Hollowmere"));
+        QVERIFY(!info_plist_var(QStringLiteral("NoSuchKey")).isValid());
+        QVERIFY(!platform_id().isEmpty());
+    }
+    void dispatchToMainRunsOnMainThread()
+    {
+        QThread *mainThread = QThread::currentThread();
+        QAtomicPointer<QThread> ranOn;
+        QAtomicPointer<QThread> bgRanOn;
+        dispatch_to_bg([&] {
+            bgRanOn.storeRelease(QThread::currentThread());
+            dispatch_to_main([&] { ranOn.storeRelease(QThread::currentThread()); });
+        });
+        QTRY_VERIFY(ranOn.loadAcquire() != nullptr);
+        QCOMPARE(ranOn.loadAcquire(), mainThread);
+        QVERIFY(bgRanOn.loadAcquire() != mainThread);
+        QVERIFY(is_main_thread());
+    }
 };
-
-void HMUtilitiesTest::encodesLikeTheService_data()
-{
-    QTest::addColumn<QString>("input");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("plain") << "abcXYZ019"
-                           << "abcXYZ019";
-    QTest::newRow("unreserved kept") << "-._~!'()*"
-                                     << "-._~!'()*";
-    QTest::newRow("reserved escaped") << ";/?:@&=+$,"
-                                      << "%3B%2F%3F%3A%40%26%3D%2B%24%2C";
-    QTest::newRow("space and percent") << "a b%c"
-                                       << "a%20b%25c";
-    QTest::newRow("illegal characters") << "<>\"#{}|\\^`[]"
-                                        << "%3C%3E%22%23%7B%7D%7C%5C%5E%60%5B%5D";
-    QTest::newRow("utf8") << QString::fromUtf8("Zürich €") << "Z%C3%BCrich%20%E2%82%AC";
-    QTest::newRow("email") << "jo+vpn@example.com"
-                           << "jo%2Bvpn%40example.com";
-    QTest::newRow("empty") << ""
-                           << "";
-}
-
-void HMUtilitiesTest::encodesLikeTheService()
-{
-    QFETCH(QString, input);
-    QFETCH(QString, expected);
-    QCOMPARE(url_encode(input), expected);
-}
-
-void HMUtilitiesTest::dictionaryKeepsCallerOrder()
-{
-    const HMStringPairs pairs = {{QStringLiteral("z"), QStringLiteral("1")},
-                                 {QStringLiteral("user name"), QStringLiteral("a&b")},
-                                 {QStringLiteral("a"), QString()}};
-    QCOMPARE(url_encode_dict(pairs), QStringLiteral("z=1&user%20name=a%26b&a="));
-    QCOMPARE(url_encode_dict({}), QString());
-}
-
-void HMUtilitiesTest::runCollectsTrimmedOutputs_data()
-{
-    QTest::addColumn<QString>("script");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QString>("out");
-    QTest::addColumn<QString>("err");
-    QTest::newRow("stdout only") << "printf '  hello\\n\\n'" << 0 << "hello"
-                                 << "";
-    QTest::newRow("stderr and status") << "echo oops >&2; exit 3" << 3 << ""
-                                       << "oops";
-    QTest::newRow("whitespace only is empty, not absent") << "printf ' \\t\\n '" << 0 << ""
-                                                          << "";
-    QTest::newRow("both streams") << "echo out; echo err >&2" << 0 << "out"
-                                  << "err";
-}
-
-void HMUtilitiesTest::runCollectsTrimmedOutputs()
-{
-    QFETCH(QString, script);
-    QFETCH(int, status);
-    QFETCH(QString, out);
-    QFETCH(QString, err);
-    std::optional<QString> output;
-    std::optional<QString> errorOutput;
-    QCOMPARE(run(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script}, &output, &errorOutput),
-             status);
-    QVERIFY(output.has_value());
-    QVERIFY(errorOutput.has_value());
-    QCOMPARE(*output, out);
-    QCOMPARE(*errorOutput, err);
-}
-
-void HMUtilitiesTest::runGivesNoStringForInvalidUtf8()
-{
-    std::optional<QString> output = QStringLiteral("stale");
-    std::optional<QString> errorOutput;
-    QCOMPARE(run(QStringLiteral("/bin/sh"),
-                 {QStringLiteral("-c"), QStringLiteral("printf 'a\\377b'; echo fine >&2")}, &output,
-                 &errorOutput),
-             0);
-    QVERIFY(!output.has_value());
-    QCOMPARE(errorOutput.value_or(QString()), QStringLiteral("fine"));
-}
-
-void HMUtilitiesTest::runReportsProgramThatCannotStart()
-{
-    std::optional<QString> output;
-    QCOMPARE(run(QStringLiteral("/nonexistent/tool"), {}, &output), -1);
-    QVERIFY(!output.has_value());
-    // No arguments at all is a valid call.
-    QCOMPARE(run(QStringLiteral("/bin/true"), {}), 0);
-}
-
-void HMUtilitiesTest::runDoesNotHangOnLargeOutput()
-{
-    std::optional<QString> output;
-    QCOMPARE(run(QStringLiteral("/bin/sh"),
-                 {QStringLiteral("-c"), QStringLiteral("head -c 300000 /dev/zero | tr '\\0' x")},
-                 &output),
-             0);
-    QCOMPARE(output.value_or(QString()).size(), 300000);
-}
-
-void HMUtilitiesTest::makesFrameNames_data()
-{
-    QTest::addColumn<unsigned long>("count");
-    QTest::addColumn<bool>("reversed");
-    QTest::addColumn<QStringList>("expected");
-    QTest::newRow("none") << 0ul << false << QStringList();
-    QTest::newRow("nine unpadded")
-        << 9ul << false << QStringList{"x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9"};
-    QTest::newRow("ten padded") << 10ul << false << QStringList{"x01", "x02", "x03", "x04", "x05",
-                                                                "x06", "x07", "x08", "x09", "x10"};
-    QTest::newRow("reversed") << 10ul << true << QStringList{"x10", "x09", "x08", "x07", "x06",
-                                                             "x05", "x04", "x03", "x02", "x01"};
-    QTest::newRow("three reversed") << 3ul << true << QStringList{"x3", "x2", "x1"};
-}
-
-void HMUtilitiesTest::makesFrameNames()
-{
-    QFETCH(unsigned long, count);
-    QFETCH(bool, reversed);
-    QFETCH(QStringList, expected);
-    QCOMPARE(make_frames(QStringLiteral("x"), count, reversed), expected);
-}
-
-void HMUtilitiesTest::prettyMegabytes_data()
-{
-    QTest::addColumn<qint64>("bytes");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("below one MiB") << qint64(1048575) << "0 ";
-    QTest::newRow("five MiB") << qint64(5242880) << "5 ";
-    QTest::newRow("zero") << qint64(0) << "0 ";
-    QTest::newRow("truncates") << qint64(41943039) << "39 ";
-    QTest::newRow("negative prints unsigned") << qint64(-1048577) << "18446744073709551615 ";
-    QTest::newRow("small negative truncates to zero") << qint64(-5) << "0 ";
-}
-
-void HMUtilitiesTest::prettyMegabytes()
-{
-    QFETCH(qint64, bytes);
-    QFETCH(QString, expected);
-    QCOMPARE(pretty_mb(bytes), expected);
-}
-
-void HMUtilitiesTest::regexMatchesWholeString_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("pattern");
-    QTest::addColumn<bool>("matches");
-    QTest::newRow("partial is not enough") << "xabcx"
-                                           << "abc" << false;
-    QTest::newRow("whole match") << "xabcx"
-                                 << ".*abc.*" << true;
-    QTest::newRow("exact") << "abc"
-                           << "abc" << true;
-    QTest::newRow("prefix only") << "abcd"
-                                 << "abc" << false;
-    QTest::newRow("alternation anchored as a whole") << "ab"
-                                                     << "a|ab" << true;
-    QTest::newRow("invalid pattern") << "abc"
-                                     << "(" << false;
-}
-
-void HMUtilitiesTest::regexMatchesWholeString()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, pattern);
-    QFETCH(bool, matches);
-    QCOMPARE(containsRegex(text, pattern), matches);
-}
-
-void HMUtilitiesTest::substringSearchIsCaseSensitive()
-{
-    QVERIFY(contains(QStringLiteral("Unknown user"), QStringLiteral("Unknown")));
-    QVERIFY(!contains(QStringLiteral("unknown user"), QStringLiteral("Unknown")));
-}
-
-void HMUtilitiesTest::appendsTextAndBytes()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("out.txt"));
-    QVERIFY(appendToFile(QString::fromUtf8("grüß\n"), path));
-    QVERIFY(appendToFile(QByteArray("\x00\x01", 2), path));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("gr\xc3\xbc\xc3\x9f\n\x00\x01", 9));
-}
-
-void HMUtilitiesTest::appendIntoMissingDirectoryCreatesNothing()
-{
-    QTemporaryDir dir;
-    const QString missing = dir.filePath(QStringLiteral("no/such"));
-    QVERIFY(!appendToFile(QStringLiteral("x"), missing + QStringLiteral("/file.txt")));
-    QVERIFY(!QFile::exists(missing));
-}
-
-void HMUtilitiesTest::uuidIsUpperCaseCanonical()
-{
-    const QString first = generate_UUID();
-    const QRegularExpression form(
-        QStringLiteral("^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"));
-    QVERIFY2(form.match(first).hasMatch(), qPrintable(first));
-    QVERIFY(first != generate_UUID());
-}
-
-void HMUtilitiesTest::bundleMetadataByKey()
-{
-    QVERIFY(!app_version().isEmpty());
-    QCOMPARE(info_plist_var(QStringLiteral("CFBundleShortVersionString")).toString(),
-             app_version());
-    QCOMPARE(info_plist_var(QStringLiteral("CFBundleIdentifier")).toString(),
-             QStringLiteral("com.hollowmere.mac.Hollowmere"));
-    QVERIFY(!info_plist_var(QStringLiteral("NoSuchKey")).isValid());
-    QVERIFY(!platform_id().isEmpty());
-}
-
-void HMUtilitiesTest::dispatchToMainRunsOnMainThread()
-{
-    QThread *mainThread = QThread::currentThread();
-    QAtomicPointer<QThread> ranOn;
-    QAtomicPointer<QThread> bgRanOn;
-    dispatch_to_bg([&] {
-        bgRanOn.storeRelease(QThread::currentThread());
-        dispatch_to_main([&] { ranOn.storeRelease(QThread::currentThread()); });
-    });
-    QTRY_VERIFY(ranOn.loadAcquire() != nullptr);
-    QCOMPARE(ranOn.loadAcquire(), mainThread);
-    QVERIFY(bgRanOn.loadAcquire() != mainThread);
-    QVERIFY(is_main_thread());
-}
 
 QTEST_GUILESS_MAIN(HMUtilitiesTest)
 #include "HMUtilitiesTest.moc"
