@@ -1,72 +1,23 @@
 #include "HMOpenVPNArguments.h"
 
+#include "HMOpenVPNArgumentForms.h"
 #include "HMPathTrust.h"
 
 #include <QRegularExpression>
 
 namespace {
 
-const QStringList &head()
-{
-    static const QStringList list = {QStringLiteral("--cd"),
-                                     QString(),
-                                     QStringLiteral("--management"),
-                                     QStringLiteral("127.0.0.1"),
-                                     QStringLiteral("5678"),
-                                     QStringLiteral("--management-hold"),
-                                     QStringLiteral("--management-query-passwords")};
-    return list;
-}
-
 const QString &appLogPath()
 {
-    static const QString path = QStringLiteral("/var/log/hmwispd/vpn.log");
+    static const QString path = HMOpenVPNArgumentForms::vpnLogPath();
     return path;
 }
 
 QStringList bodyFor(HMOpenVPNArguments::Body body)
 {
-    QStringList list = {QStringLiteral("--auth-user-pass"),
-                        QStringLiteral("--ca"),
-                        QStringLiteral("ca.crt"),
-                        QStringLiteral("--cert"),
-                        QStringLiteral("key.crt"),
-                        QStringLiteral("--key"),
-                        QStringLiteral("key.key"),
-                        QStringLiteral("--client"),
-                        QStringLiteral("--comp-lzo"),
-                        QStringLiteral("--daemon"),
-                        QStringLiteral("--dev"),
-                        QStringLiteral("tun0"),
-                        QStringLiteral("--log"),
-                        appLogPath(),
-                        QStringLiteral("--nobind"),
-                        QStringLiteral("--ns-cert-type"),
-                        QStringLiteral("server"),
-                        QStringLiteral("--persist-key"),
-                        QStringLiteral("--persist-tun"),
-                        QStringLiteral("--ping"),
-                        QStringLiteral("10"),
-                        QStringLiteral("--ping-restart"),
-                        QStringLiteral("30")};
-    if (body == HMOpenVPNArguments::Body::SelectiveRouting) {
-        list << QStringLiteral("--dhcp-option") << QStringLiteral("DNS")
-             << QStringLiteral("127.0.0.1");
-    } else {
-        list << QStringLiteral("--dhcp-option") << QStringLiteral("DNS")
-             << QStringLiteral("8.8.8.8") << QStringLiteral("--dhcp-option")
-             << QStringLiteral("DNS") << QStringLiteral("8.8.4.4")
-             << QStringLiteral("--redirect-gateway") << QStringLiteral("def1");
-    }
-    list << QStringLiteral("--up")
-         << QStringLiteral("client.up.tunnelblick.sh -m -w -d -aradsgnwADSGNW")
-         << QStringLiteral("--down")
-         << QStringLiteral("client.down.tunnelblick.sh -m -w -d -aradsgnwADSGNW")
-         << QStringLiteral("--up-restart") << QStringLiteral("--hand-window")
-         << QStringLiteral("20") << QStringLiteral("--resolv-retry") << QStringLiteral("infinite")
-         << QStringLiteral("--script-security") << QStringLiteral("3") << QStringLiteral("system")
-         << QStringLiteral("--verb") << QStringLiteral("3");
-    return list;
+    return HMOpenVPNArgumentForms::body(body == HMOpenVPNArguments::Body::SelectiveRouting
+                                            ? HMOpenVPNArgumentForms::Body::SelectiveRouting
+                                            : HMOpenVPNArgumentForms::Body::FullTunnel);
 }
 
 int matchingPrefix(const QStringList &arguments, int offset, const QStringList &expected)
@@ -140,7 +91,7 @@ bool HMOpenVPNArguments::isValidPort(const QString &port)
 std::optional<HMOpenVPNArguments::Launch>
 HMOpenVPNArguments::parse(const QStringList &arguments, const QString &resourceDir, QString *error)
 {
-    const QStringList &expectedHead = head();
+    const QStringList expectedHead = HMOpenVPNArgumentForms::head(QString());
     for (int i = 0; i < expectedHead.size(); ++i) {
         if (i >= arguments.size()) {
             *error = QStringLiteral("argument list is too short for OpenVPN's fixed options");
@@ -233,8 +184,7 @@ HMOpenVPNArguments::parse(const QStringList &arguments, const QString &resourceD
 QStringList HMOpenVPNArguments::build(const Launch &launch, const HMHelperConfig &config,
                                       const QString &sanitisedConfig)
 {
-    QStringList result = head();
-    result[1] = config.resourceDir;
+    QStringList result = HMOpenVPNArgumentForms::head(config.resourceDir);
     if (launch.body == Body::ConfigFile) {
         result << QStringLiteral("--config") << sanitisedConfig;
     } else {

@@ -1,14 +1,12 @@
 // HMDaemonManager: the argument lists the helper's start requests carry.
 //
-// The lists are built exactly: the helper accepts only these shapes, and OpenVPN reads the
-// certificate and key names relative to "--cd". Several entries look wrong and are not:
-// "--script-security" takes the old two words "3" "system" (the helper drops "system" for
-// OpenVPN 2.6), each script name carries its flags inside one argument, and with
-// selective routing available the tunnel gets the local DNS proxy as its only name server
-// and no default-route redirection, because the proxy steers the traffic.
+// The lists are built exactly from the forms the helper shares (HMOpenVPNArgumentForms): it
+// accepts only those shapes, and OpenVPN reads the certificate and key names relative to
+// "--cd".
 #include "HMDaemonManager.h"
 
 #include "HMAccountManager.h"
+#include "HMOpenVPNArgumentForms.h"
 #include "HMPreferenceStore.h"
 #include "HMPreferences.h"
 #include "HMWisprouteManager.h"
@@ -18,53 +16,7 @@
 
 namespace {
 
-const QString kVPNLog = QStringLiteral("/var/log/hmwispd/vpn.log");
 const QString kDNSLog = QStringLiteral("/var/log/hmwispd/dns.log");
-
-QStringList bodyUpToPingRestart()
-{
-    return {QStringLiteral("--auth-user-pass"),
-            QStringLiteral("--ca"),
-            QStringLiteral("ca.crt"),
-            QStringLiteral("--cert"),
-            QStringLiteral("key.crt"),
-            QStringLiteral("--key"),
-            QStringLiteral("key.key"),
-            QStringLiteral("--client"),
-            QStringLiteral("--comp-lzo"),
-            QStringLiteral("--daemon"),
-            QStringLiteral("--dev"),
-            QStringLiteral("tun0"),
-            QStringLiteral("--log"),
-            kVPNLog,
-            QStringLiteral("--nobind"),
-            QStringLiteral("--ns-cert-type"),
-            QStringLiteral("server"),
-            QStringLiteral("--persist-key"),
-            QStringLiteral("--persist-tun"),
-            QStringLiteral("--ping"),
-            QStringLiteral("10"),
-            QStringLiteral("--ping-restart"),
-            QStringLiteral("30")};
-}
-
-QStringList bodyFromUp()
-{
-    return {QStringLiteral("--up"),
-            QStringLiteral("client.up.tunnelblick.sh -m -w -d -aradsgnwADSGNW"),
-            QStringLiteral("--down"),
-            QStringLiteral("client.down.tunnelblick.sh -m -w -d -aradsgnwADSGNW"),
-            QStringLiteral("--up-restart"),
-            QStringLiteral("--hand-window"),
-            QStringLiteral("20"),
-            QStringLiteral("--resolv-retry"),
-            QStringLiteral("infinite"),
-            QStringLiteral("--script-security"),
-            QStringLiteral("3"),
-            QStringLiteral("system"),
-            QStringLiteral("--verb"),
-            QStringLiteral("3")};
-}
 
 // A stored value as one argument. Arguments travel as text, so a port stored as a number
 // goes out as its decimal digits.
@@ -90,27 +42,16 @@ QVariantMap HMDaemonManager::getDaemonConfig() const
 
 QStringList HMDaemonManager::getVPNConfig() const
 {
-    QStringList config{QStringLiteral("--cd"),
-                       m_paths.resourceDirectory,
-                       QStringLiteral("--management"),
-                       QStringLiteral("127.0.0.1"),
-                       QStringLiteral("5678"),
-                       QStringLiteral("--management-hold"),
-                       QStringLiteral("--management-query-passwords")};
-
+    QStringList config = HMOpenVPNArgumentForms::head(m_paths.resourceDirectory);
     const QVariant configFile = m_store.value(QStringLiteral("vpnConfigFile"));
     const QString configPath =
         configFile.typeId() == QMetaType::QString ? configFile.toString() : QString();
     if (!configPath.isEmpty() && QFileInfo::exists(configPath)) {
         config << QStringLiteral("--config") << configPath;
     } else if (m_routing && m_routing->isSupported()) {
-        config << bodyUpToPingRestart() << QStringLiteral("--dhcp-option") << QStringLiteral("DNS")
-               << QStringLiteral("127.0.0.1") << bodyFromUp();
+        config << HMOpenVPNArgumentForms::body(HMOpenVPNArgumentForms::Body::SelectiveRouting);
     } else {
-        config << bodyUpToPingRestart() << QStringLiteral("--dhcp-option") << QStringLiteral("DNS")
-               << QStringLiteral("8.8.8.8") << QStringLiteral("--dhcp-option")
-               << QStringLiteral("DNS") << QStringLiteral("8.8.4.4")
-               << QStringLiteral("--redirect-gateway") << QStringLiteral("def1") << bodyFromUp();
+        config << HMOpenVPNArgumentForms::body(HMOpenVPNArgumentForms::Body::FullTunnel);
     }
 
     config << getVPNServers();
