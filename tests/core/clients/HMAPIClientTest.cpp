@@ -3,11 +3,15 @@
 #include "HMException.h"
 #include "HMManualClock.h"
 #include "HMNotificationCenter.h"
-#include "HMTestEnvironment.h"
 
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QtTest>
+
+using HMAPICall = std::function<void(HMAPIClient &, const HMAPICompletion &)>;
+using HMPageCall = std::function<void(HMAPIClient &)>;
+Q_DECLARE_METATYPE(HMAPICall)
+Q_DECLARE_METATYPE(HMPageCall)
 
 // The request path of the API client against the reference service: what goes on the
 // wire for each endpoint, how every kind of reply comes back, the time-out, and the small
@@ -18,17 +22,9 @@ class HMAPIClientTest : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_home;
     HMAPITestBed m_bed;
     HMManualClock m_clock;
     HMNotificationCenter m_center;
-
-    struct Result
-    {
-        bool done = false;
-        QVariantMap reply;
-        HMMaybeError error;
-    };
 
     std::unique_ptr<HMAPIClient> healthyClient()
     {
@@ -37,28 +33,10 @@ private:
         return client;
     }
 
-    static HMAPICompletion into(Result &result)
-    {
-        return [&result](const QVariantMap &reply, const HMMaybeError &error) {
-            result = {true, reply, error};
-        };
-    }
-
-    static QString errorText(const Result &result)
-    {
-        return result.error ? result.error->description() : QStringLiteral("no error");
-    }
-
 private Q_SLOTS:
     void initTestCase()
     {
-        m_home = HMTestEnvironment::isolateUserDirectories();
-        const QString reason = HMAPITestBed::unavailableReason();
-        if (!reason.isEmpty()) {
-            QSKIP(qPrintable(reason));
-        }
-        QString error;
-        QVERIFY2(m_bed.setUp(&error), qPrintable(error));
+        HM_START_API_TEST_BED(m_bed);
         m_bed.service.putAccount({{"username", "ann@example.test"}, {"password", "p&ss w=rd"}});
     }
 
@@ -159,11 +137,11 @@ private Q_SLOTS:
         m_bed.service.addFault(fault);
         auto client = healthyClient();
         client->setStatus(HMAPIStatusBlocked);
-        Result result;
-        client->performRequestWithRoot(0, path, method, {{"k", "v"}}, into(result));
+        HMAPIResult result;
+        client->performRequestWithRoot(0, path, method, {{"k", "v"}}, result.completion());
         QTRY_VERIFY_WITH_TIMEOUT(result.done, 20000);
         if (description.isEmpty()) {
-            QVERIFY2(!result.error, qPrintable(errorText(result)));
+            QVERIFY2(!result.error, qPrintable(result.errorText()));
             QCOMPARE(result.reply, reply);
         } else {
             QVERIFY(result.error);
@@ -184,8 +162,8 @@ private Q_SLOTS:
     {
         auto client = healthyClient();
         client->setAPIRoot(0, "https://127.0.0.2");
-        Result result;
-        client->performRequestWithRoot(0, "/x", HMAPIMethodPOST, {}, into(result));
+        HMAPIResult result;
+        client->performRequestWithRoot(0, "/x", HMAPIMethodPOST, {}, result.completion());
         QTRY_VERIFY(result.done);
         QCOMPARE(result.error->code(), -1004L);
         QCOMPARE(result.error->domain(), HMAPIClient::kURLLoadingDomain);
@@ -195,8 +173,8 @@ private Q_SLOTS:
     {
         m_bed.service.addFault({{"path", "/core/getLoginToken"}, {"delayMs", 30000}});
         auto client = healthyClient();
-        Result result;
-        client->getLoginTokenWithUsername("ann@example.test", "p&ss w=rd", into(result));
+        HMAPIResult result;
+        client->getLoginTokenWithUsername("ann@example.test", "p&ss w=rd", result.completion());
         QTRY_COMPARE(m_bed.service.requestsTo("/core/getLoginToken").size(), 1);
         m_clock.advance(HMAPIClient::kRequestTimeoutMs - 1);
         QTest::qWait(50);
@@ -207,8 +185,8 @@ private Q_SLOTS:
         QCOMPARE(result.error->code(), -1001L);
         QCOMPARE(result.error->domain(), HMAPIClient::kURLLoadingDomain);
         // A finished request leaves no timer behind.
-        Result quick;
-        client->getStatusWithCompletion(into(quick));
+        HMAPIResult quick;
+        client->getStatusWithCompletion(quick.completion());
         QTRY_VERIFY(quick.done);
         QCOMPARE(m_clock.pendingTimers(), 0);
     }
@@ -236,9 +214,9 @@ private Q_SLOTS:
     void formBodyKeepsOrderAndEscapes()
     {
         auto client = healthyClient();
-        Result result;
+        HMAPIResult result;
         client->loginWithUsername("ann+1@example.test", "p&ss w=rd;/?:@$,", "3", "UU-ID", true,
-                                  into(result));
+                                  result.completion());
         QTRY_VERIFY(result.done);
         const QJsonObject request = m_bed.service.requestsTo("/core/register").first().toObject();
         QCOMPARE(request.value("contentType").toString(),
@@ -252,118 +230,89 @@ private Q_SLOTS:
 
     void endpoints_data()
     {
-        QTest::addColumn<QString>("endpoint");
+        QTest::addColumn<HMAPICall>("call");
         QTest::addColumn<QString>("method");
         QTest::addColumn<QString>("listener");
         QTest::addColumn<QString>("path");
         QTest::addColumn<QJsonObject>("params");
+        const auto row = [](const char *name, HMAPICall call, const char *method,
+                            const char *listener, const char *path, const QJsonObject &params) {
+            QTest::newRow(name) << call << QString(method) << QString(listener) << QString(path)
+                                << params;
+        };
+        const QString user = "u@x.test";
+        const QString pw = "pw";
+        const QJsonObject credentials{{"username", user}, {"password", pw}};
+        const auto with = [&credentials](const QJsonObject &more) {
+            QJsonObject all = credentials;
+            for (auto it = more.begin(); it != more.end(); ++it) {
+                all.insert(it.key(), it.value());
+            }
+            return all;
+        };
         const QString v = HMAPIClient::versionString();
-        QTest::newRow("sign-in") << "register"
-                                 << "POST"
-                                 << "api"
-                                 << "/core/register"
-                                 << QJsonObject{{"json", "true"},   {"user", "u@x.test"},
-                                                {"password", "pw"}, {"deviceId", "D"},
-                                                {"getToken", "0"},  {"v", v},
-                                                {"country", "-1"}};
-        QTest::newRow("create account")
-            << "createAccount"
-            << "POST"
-            << "api"
-            << "/core/createAccount"
-            << QJsonObject{{"json", "true"},     {"email", "u@x.test"}, {"password", "pw"},
-                           {"firstName", "Ann"}, {"lastName", "Lee"},   {"v", v}};
-        QTest::newRow("twitter id")
-            << "twitter"
-            << "POST"
-            << "api"
-            << "/core/twitter/updateId"
-            << QJsonObject{{"user", "u@x.test"}, {"password", "pw"}, {"id", "42"}};
-        QTest::newRow("VPN-connected probe") << "isVPNConnected"
-                                             << "GET"
-                                             << "api-http"
-                                             << "/core/isVPNConnected" << QJsonObject{};
-        QTest::newRow("resend confirmation")
-            << "resend"
-            << "POST"
-            << "api"
-            << "/core/resendConfirmationEmail"
-            << QJsonObject{{"email", "u@x.test"}, {"password", "pw"}};
-        QTest::newRow("web token")
-            << "token"
-            << "POST"
-            << "api"
-            << "/core/getLoginToken" << QJsonObject{{"username", "u@x.test"}, {"password", "pw"}};
-        QTest::newRow("one filter")
-            << "getFilter"
-            << "GET"
-            << "api"
-            << "/dashboard/getFilter"
-            << QJsonObject{{"username", "u@x.test"}, {"password", "pw"}, {"filter", "facebook"}};
-        QTest::newRow("all filters")
-            << "getFilters"
-            << "GET"
-            << "api"
-            << "/dashboard/getFilter" << QJsonObject{{"username", "u@x.test"}, {"password", "pw"}};
-        QTest::newRow("set one filter") << "setFilter"
-                                        << "GET"
-                                        << "api"
-                                        << "/dashboard/setFilter"
-                                        << QJsonObject{{"username", "u@x.test"},
-                                                       {"password", "pw"},
-                                                       {"filter", "twitter"},
-                                                       {"on", "1"}};
-        QTest::newRow("set all filters")
-            << "setFilters"
-            << "GET"
-            << "api"
-            << "/dashboard/setFilter"
-            << QJsonObject{{"username", "u@x.test"}, {"password", "pw"}, {"on", "0"}};
-        QTest::newRow("status probe") << "status"
-                                      << "GET"
-                                      << "api"
-                                      << "/core/status" << QJsonObject{};
-        QTest::newRow("fallback file") << "fallroot"
-                                       << "GET"
-                                       << "static"
-                                       << "/hollowmere/fallroot/config.json" << QJsonObject{};
+        row("sign-in",
+            [=](auto &c, auto done) { c.loginWithUsername(user, pw, "-1", "D", false, done); },
+            "POST", "api", "/core/register",
+            {{"json", "true"},
+             {"user", user},
+             {"password", pw},
+             {"deviceId", "D"},
+             {"getToken", "0"},
+             {"v", v},
+             {"country", "-1"}});
+        row("create account",
+            [=](auto &c, auto done) { c.addAccountWithUsername(user, pw, "Ann", "Lee", done); },
+            "POST", "api", "/core/createAccount",
+            {{"json", "true"},
+             {"email", user},
+             {"password", pw},
+             {"firstName", "Ann"},
+             {"lastName", "Lee"},
+             {"v", v}});
+        row("twitter id", [=](auto &c, auto done) { c.updateTwitterID("42", user, pw, done); },
+            "POST", "api", "/core/twitter/updateId",
+            {{"user", user}, {"password", pw}, {"id", "42"}});
+        row("VPN-connected probe", [](auto &c, auto done) { c.isVPNConnectedWithCompletion(done); },
+            "GET", "api-http", "/core/isVPNConnected", {});
+        row("resend confirmation",
+            [=](auto &c, auto done) { c.resendVerificationEmailWithUsername(user, pw, done); },
+            "POST", "api", "/core/resendConfirmationEmail", {{"email", user}, {"password", pw}});
+        row(
+            "web token", [=](auto &c, auto done) { c.getLoginTokenWithUsername(user, pw, done); },
+            "POST", "api", "/core/getLoginToken", credentials);
+        row(
+            "one filter",
+            [=](auto &c, auto done) { c.getPrivacyFilter("facebook", user, pw, done); }, "GET",
+            "api", "/dashboard/getFilter", with({{"filter", "facebook"}}));
+        row(
+            "all filters",
+            [=](auto &c, auto done) { c.getPrivacyFilterStateWithUsername(user, pw, done); }, "GET",
+            "api", "/dashboard/getFilter", credentials);
+        row(
+            "set one filter",
+            [=](auto &c, auto done) { c.setPrivacyFilter("twitter", true, user, pw, done); }, "GET",
+            "api", "/dashboard/setFilter", with({{"filter", "twitter"}, {"on", "1"}}));
+        row(
+            "set all filters",
+            [=](auto &c, auto done) { c.setAllPrivacyFiltersEnabled(false, user, pw, done); },
+            "GET", "api", "/dashboard/setFilter", with({{"on", "0"}}));
+        row("status probe", [](auto &c, auto done) { c.getStatusWithCompletion(done); }, "GET",
+            "api", "/core/status", {});
+        row("fallback file", [](auto &c, auto done) { c.getConfigIpsWithCompletion(done); }, "GET",
+            "static", "/hollowmere/fallroot/config.json", {});
     }
 
     void endpoints()
     {
-        QFETCH(QString, endpoint);
+        QFETCH(HMAPICall, call);
         QFETCH(QString, method);
         QFETCH(QString, listener);
         QFETCH(QString, path);
         QFETCH(QJsonObject, params);
         auto client = healthyClient();
-        Result result;
-        const QString user = "u@x.test";
-        const QString pw = "pw";
-        if (endpoint == "register")
-            client->loginWithUsername(user, pw, "-1", "D", false, into(result));
-        else if (endpoint == "createAccount")
-            client->addAccountWithUsername(user, pw, "Ann", "Lee", into(result));
-        else if (endpoint == "twitter")
-            client->updateTwitterID("42", user, pw, into(result));
-        else if (endpoint == "isVPNConnected")
-            client->isVPNConnectedWithCompletion(into(result));
-        else if (endpoint == "resend")
-            client->resendVerificationEmailWithUsername(user, pw, into(result));
-        else if (endpoint == "token")
-            client->getLoginTokenWithUsername(user, pw, into(result));
-        else if (endpoint == "getFilter")
-            client->getPrivacyFilter("facebook", user, pw, into(result));
-        else if (endpoint == "getFilters")
-            client->getPrivacyFilterStateWithUsername(user, pw, into(result));
-        else if (endpoint == "setFilter")
-            client->setPrivacyFilter("twitter", true, user, pw, into(result));
-        else if (endpoint == "setFilters")
-            client->setAllPrivacyFiltersEnabled(false, user, pw, into(result));
-        else if (endpoint == "status")
-            client->getStatusWithCompletion(into(result));
-        else if (endpoint == "fallroot")
-            client->getConfigIpsWithCompletion(into(result));
+        HMAPIResult result;
+        call(*client, result.completion());
         QTRY_VERIFY(result.done);
         const QJsonArray requests = m_bed.service.requests();
         QCOMPARE(requests.size(), 1);
@@ -387,10 +336,10 @@ private Q_SLOTS:
             archive[i] = char((i * 7) % 251);
         }
         auto client = healthyClient();
-        Result result;
-        client->uploadLogData(archive, "It \"broke\"\r\nagain", QString(), into(result));
+        HMAPIResult result;
+        client->uploadLogData(archive, "It \"broke\"\r\nagain", QString(), result.completion());
         QTRY_VERIFY(result.done);
-        QVERIFY2(!result.error, qPrintable(errorText(result)));
+        QVERIFY2(!result.error, qPrintable(result.errorText()));
         QCOMPARE(result.reply.value("status").toString(), QStringLiteral("ok"));
         const QJsonArray uploads = m_bed.service.uploads();
         QCOMPARE(uploads.size(), 1);
@@ -417,61 +366,54 @@ private Q_SLOTS:
                      .hasMatch(),
                  qPrintable(file.value("filename").toString()));
         QCOMPARE(m_bed.service.uploadData(0), archive);
-    }
 
-    void uploadNamesTheSignedInUser()
-    {
-        auto client = healthyClient();
-        Result result;
-        client->uploadLogData("zip", "", "ann@example.test", into(result));
-        QTRY_VERIFY(result.done);
+        HMAPIResult named;
+        client->uploadLogData("zip", "", "ann@example.test", named.completion());
+        QTRY_VERIFY(named.done);
         QCOMPARE(m_bed.service.uploads().last().toObject().value("username").toString(),
                  QStringLiteral("ann@example.test"));
     }
 
     void pages_data()
     {
-        QTest::addColumn<QString>("page");
-        QTest::addColumn<QString>("argument");
+        QTest::addColumn<HMPageCall>("open");
         QTest::addColumn<QString>("url");
-        QTest::newRow("forgot password")
-            << "forgot"
-            << "ann+1@example.test"
-            << "https://www.hollowmere.test/passwordReset?email=ann%2B1%40example.test";
-        QTest::newRow("forgot password, no address")
-            << "forgot"
-            << ""
-            << "https://www.hollowmere.test/passwordReset?";
-        QTest::newRow("account") << "account"
-                                 << "t/k=n"
-                                 << "https://www.hollowmere.test/account?token=t%2Fk%3Dn";
-        QTest::newRow("with token") << "withToken"
-                                    << "abc"
-                                    << "https://www.hollowmere.test/upgrade?token=abc";
-        QTest::newRow("help") << "help"
-                              << ""
-                              << "http://help.hollowmere.test/";
-        QTest::newRow("routing info") << "wisproute"
-                                      << ""
-                                      << "https://www.hollowmere.test/company/wisproute/";
-        QTest::newRow("routing unsupported")
-            << "unsupported"
-            << ""
-            << "http://help.hollowmere.test/customer/portal/articles/"
-               "1491256-why-can-t-i-enable-the-wisproute-feature-";
-        QTest::newRow("TCP override")
-            << "tcp"
-            << ""
-            << "http://help.hollowmere.test/customer/portal/articles/1490779-what-is-tcp-override-";
-        QTest::newRow("any address") << "url"
-                                     << "https://example.test/a?b=%20c"
-                                     << "https://example.test/a?b=%20c";
+        const auto row = [](const char *name, HMPageCall open, const char *url) {
+            QTest::newRow(name) << open << QString(url);
+        };
+        row(
+            "forgot password", [](auto &c) { c.openForgotPasswordWithEmail("ann+1@example.test"); },
+            "https://www.hollowmere.test/passwordReset?email=ann%2B1%40example.test");
+        row(
+            "forgot password, no address", [](auto &c) { c.openForgotPasswordWithEmail(""); },
+            "https://www.hollowmere.test/passwordReset?");
+        row(
+            "account", [](auto &c) { c.openAccountURLWithToken("t/k=n"); },
+            "https://www.hollowmere.test/account?token=t%2Fk%3Dn");
+        row(
+            "with token",
+            [](auto &c) { c.openURLWithToken("https://www.hollowmere.test/upgrade", "abc"); },
+            "https://www.hollowmere.test/upgrade?token=abc");
+        row(
+            "help", [](auto &c) { c.openHelpURL(); }, "http://help.hollowmere.test/");
+        row(
+            "routing info", [](auto &c) { c.openWisprouteInfo(); },
+            "https://www.hollowmere.test/company/wisproute/");
+        row(
+            "routing unsupported", [](auto &c) { c.openWisprouteUnsupportedInfo(); },
+            "http://help.hollowmere.test/customer/portal/articles/"
+            "1491256-why-can-t-i-enable-the-wisproute-feature-");
+        row(
+            "TCP override", [](auto &c) { c.openTCPInfoURL(); },
+            "http://help.hollowmere.test/customer/portal/articles/1490779-what-is-tcp-override-");
+        row(
+            "any address", [](auto &c) { c.openURL("https://example.test/a?b=%20c"); },
+            "https://example.test/a?b=%20c");
     }
 
     void pages()
     {
-        QFETCH(QString, page);
-        QFETCH(QString, argument);
+        QFETCH(HMPageCall, open);
         QFETCH(QString, url);
         auto client = m_bed.makeClient(m_clock, m_center);
         QList<QUrl> opened;
@@ -479,22 +421,7 @@ private Q_SLOTS:
             opened.append(address);
             return true;
         });
-        if (page == "forgot")
-            client->openForgotPasswordWithEmail(argument);
-        else if (page == "account")
-            client->openAccountURLWithToken(argument);
-        else if (page == "withToken")
-            client->openURLWithToken("https://www.hollowmere.test/upgrade", argument);
-        else if (page == "help")
-            client->openHelpURL();
-        else if (page == "wisproute")
-            client->openWisprouteInfo();
-        else if (page == "unsupported")
-            client->openWisprouteUnsupportedInfo();
-        else if (page == "tcp")
-            client->openTCPInfoURL();
-        else if (page == "url")
-            client->openURL(argument);
+        open(*client);
         QCOMPARE(opened.size(), 1);
         QCOMPARE(opened.first().toString(QUrl::FullyEncoded), url);
         // Pages never touch the service.

@@ -1,7 +1,6 @@
 #include "HMAPITestBed.h"
 #include "HMManualClock.h"
 #include "HMNotificationCenter.h"
-#include "HMTestEnvironment.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -15,25 +14,17 @@ class HMAPIFallrootTest : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_home;
     HMAPITestBed m_bed;
     HMManualClock m_clock;
+    std::unique_ptr<HMNotificationCenter> m_center;
+    int m_blocked = 0;
 
-    struct Result
-    {
-        bool done = false;
-        QVariantMap reply;
-        HMMaybeError error;
-    };
+    std::unique_ptr<HMAPIClient> makeClient() { return m_bed.makeClient(m_clock, *m_center); }
 
     // Any request goes through the check first; the token endpoint is as good as any.
-    static void request(HMAPIClient &client, Result &result)
+    static void request(HMAPIClient &client, HMAPIResult &result)
     {
-        client.getLoginTokenWithUsername(
-            "ann@example.test", "secret",
-            [&result](const QVariantMap &reply, const HMMaybeError &error) {
-                result = {true, reply, error};
-            });
+        client.getLoginTokenWithUsername("ann@example.test", "secret", result.completion());
     }
 
     void blockServiceDomain()
@@ -49,13 +40,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        m_home = HMTestEnvironment::isolateUserDirectories();
-        const QString reason = HMAPITestBed::unavailableReason();
-        if (!reason.isEmpty()) {
-            QSKIP(qPrintable(reason));
-        }
-        QString error;
-        QVERIFY2(m_bed.setUp(&error), qPrintable(error));
+        HM_START_API_TEST_BED(m_bed);
         m_bed.service.putAccount({{"username", "ann@example.test"}, {"password", "secret"}});
     }
 
@@ -64,34 +49,34 @@ private Q_SLOTS:
         m_bed.service.clearFaults();
         m_bed.service.clearRequests();
         m_bed.service.setFallroot({{"ips", QJsonArray{}}});
+        m_center = std::make_unique<HMNotificationCenter>();
+        m_blocked = 0;
+        m_center->addObserverForName(HMAPIClient::kBlockedNotification, [this] { ++m_blocked; });
     }
 
     void healthyRootIsKeptAndNoFallbackFileFetched()
     {
-        HMNotificationCenter center;
-        auto client = m_bed.makeClient(m_clock, center);
+        auto client = makeClient();
         const QStringList roots = client->APIRoots();
-        Result result;
+        HMAPIResult result;
         request(*client, result);
         QTRY_VERIFY(result.done);
         QVERIFY(!result.error);
         QCOMPARE(result.reply.value("status").toString(), QStringLiteral("pass"));
         QCOMPARE(client->status(), int(HMAPIStatusHealthy));
         QCOMPARE(client->APIRoots(), roots);
-        QCOMPARE(roots.at(0), QStringLiteral("https://hollowmere.test"));
-        QCOMPARE(roots.at(1), QStringLiteral("http://hollowmere.test"));
-        QCOMPARE(roots.at(2), QStringLiteral("https://stream.hollowmere.test"));
-        QCOMPARE(roots.at(3), QStringLiteral("https://static.hollowmere-files.test/hollowmere"));
+        QCOMPARE(roots, (QStringList{"https://hollowmere.test", "http://hollowmere.test",
+                                     "https://stream.hollowmere.test",
+                                     "https://static.hollowmere-files.test/hollowmere"}));
         QCOMPARE(fallbackFileFetches(), 0);
         QCOMPARE(m_bed.service.requestsTo("/core/status").size(), 1);
     }
 
     void onlyTheFirstRequestChecks()
     {
-        HMNotificationCenter center;
-        auto client = m_bed.makeClient(m_clock, center);
-        Result first;
-        Result second;
+        auto client = makeClient();
+        HMAPIResult first;
+        HMAPIResult second;
         request(*client, first);
         QTRY_VERIFY(first.done);
         request(*client, second);
@@ -120,12 +105,11 @@ private Q_SLOTS:
         probeFault.insert("path", "/core/status");
         m_bed.service.addFault(probeFault);
         m_bed.service.setFallroot({{"ips", QJsonArray{"127.0.0.3"}}});
-        HMNotificationCenter center;
-        auto client = m_bed.makeClient(m_clock, center);
-        Result result;
+        auto client = makeClient();
+        HMAPIResult result;
         request(*client, result);
         QTRY_VERIFY(result.done);
-        QVERIFY2(!result.error, qPrintable(result.error ? result.error->description() : QString()));
+        QVERIFY2(!result.error, qPrintable(result.errorText()));
         QCOMPARE(fallbackFileFetches(), 1);
         QCOMPARE(client->APIRoots().at(0), QStringLiteral("https://127.0.0.3"));
         const QJsonArray served = m_bed.service.requestsTo("/core/getLoginToken");
@@ -140,32 +124,26 @@ private Q_SLOTS:
         // The dead address twice: removal goes by value, so both copies leave.
         m_bed.service.setFallroot(
             {{"ips", QJsonArray{"127.0.0.2", "127.0.0.3", "127.0.0.2"}}, {"other", "ignored"}});
-        HMNotificationCenter center;
-        int blocked = 0;
-        center.addObserverForName(HMAPIClient::kBlockedNotification, [&blocked] { ++blocked; });
-        auto client = m_bed.makeClient(m_clock, center);
-        Result result;
+        auto client = makeClient();
+        HMAPIResult result;
         request(*client, result);
         QTRY_VERIFY_WITH_TIMEOUT(result.done, 15000);
-        QVERIFY2(!result.error, qPrintable(result.error ? result.error->description() : QString()));
+        QVERIFY2(!result.error, qPrintable(result.errorText()));
         QCOMPARE(client->APIRoots().at(0), QStringLiteral("https://127.0.0.3"));
         QCOMPARE(client->APIRoots().at(1), QStringLiteral("https://127.0.0.3"));
         QCOMPARE(client->backupIPs(), QStringList{"127.0.0.3"});
         QCOMPARE(client->status(), int(HMAPIStatusHealthy));
-        QCOMPARE(blocked, 0);
+        QCOMPARE(m_blocked, 0);
 
         // The roots stay on the address even when the domain answers again.
         m_bed.service.clearFaults();
-        Result later;
+        HMAPIResult later;
         request(*client, later);
         QTRY_VERIFY(later.done);
         QCOMPARE(client->APIRoots().at(0), QStringLiteral("https://127.0.0.3"));
-        QCOMPARE(m_bed.service.requestsTo("/core/getLoginToken")
-                     .last()
-                     .toObject()
-                     .value("listener")
-                     .toString(),
-                 QStringLiteral("fallback"));
+        const QJsonObject served =
+            m_bed.service.requestsTo("/core/getLoginToken").last().toObject();
+        QCOMPARE(served.value("listener").toString(), QStringLiteral("fallback"));
     }
 
     // On a fallback address the probe's answer is not compared with "ok".
@@ -175,9 +153,8 @@ private Q_SLOTS:
         m_bed.service.addFault(
             {{"listener", "fallback"}, {"path", "/core/status"}, {"body", "maintenance"}});
         m_bed.service.setFallroot({{"ips", QJsonArray{"127.0.0.3"}}});
-        HMNotificationCenter center;
-        auto client = m_bed.makeClient(m_clock, center);
-        Result result;
+        auto client = makeClient();
+        HMAPIResult result;
         request(*client, result);
         QTRY_VERIFY(result.done);
         QVERIFY(!result.error);
@@ -225,18 +202,15 @@ private Q_SLOTS:
         if (!fallrootFault.isEmpty()) {
             m_bed.service.addFault(fallrootFault);
         }
-        HMNotificationCenter center;
-        int blocked = 0;
-        center.addObserverForName(HMAPIClient::kBlockedNotification, [&blocked] { ++blocked; });
-        auto client = m_bed.makeClient(m_clock, center);
+        auto client = makeClient();
         QSignalSpy announced(client.get(), &HMAPIClient::didChangeValueForKey);
-        Result result;
+        HMAPIResult result;
         request(*client, result);
         QTRY_VERIFY_WITH_TIMEOUT(result.done, 15000);
         QVERIFY(result.error);
         QCOMPARE(result.error->localizedDescription(), description);
         QVERIFY(result.reply.isEmpty());
-        QCOMPARE(blocked, 1);
+        QCOMPARE(m_blocked, 1);
         QCOMPARE(client->status(), int(HMAPIStatusBlocked));
         QVERIFY(!client->isFallrootHealthy());
         QCOMPARE(client->backupIPs(), backupIPs);
@@ -249,23 +223,23 @@ private Q_SLOTS:
     void blockedClientStillSendsAndRecoversOnADictionary()
     {
         blockServiceDomain();
-        HMNotificationCenter center;
-        auto client = m_bed.makeClient(m_clock, center);
-        Result first;
+        auto client = makeClient();
+        HMAPIResult first;
         request(*client, first);
         QTRY_VERIFY(first.done);
         QCOMPARE(client->status(), int(HMAPIStatusBlocked));
 
         // Still blocked: sent anyway, no second check, no second notification.
-        Result second;
+        HMAPIResult second;
         request(*client, second);
         QTRY_VERIFY(second.done);
         QCOMPARE(second.error->code(), -1005L);
+        QCOMPARE(m_blocked, 1);
         QCOMPARE(m_bed.service.requestsTo("/core/status").size(), 1);
         QCOMPARE(client->status(), int(HMAPIStatusBlocked));
 
         m_bed.service.clearFaults();
-        Result third;
+        HMAPIResult third;
         request(*client, third);
         QTRY_VERIFY(third.done);
         QVERIFY(!third.error);
@@ -276,13 +250,12 @@ private Q_SLOTS:
     void requestDuringTheCheckIsSentAtOnce()
     {
         m_bed.service.addFault({{"path", "/core/status"}, {"delayMs", 3000}, {"times", 1}});
-        HMNotificationCenter center;
-        auto client = m_bed.makeClient(m_clock, center);
-        Result first;
+        auto client = makeClient();
+        HMAPIResult first;
         request(*client, first);
         QCOMPARE(client->status(), int(HMAPIStatusChecking));
         QVERIFY(!client->isFallrootHealthy());
-        Result second;
+        HMAPIResult second;
         request(*client, second);
         QTRY_VERIFY(second.done);
         QVERIFY(!first.done);
@@ -294,10 +267,9 @@ private Q_SLOTS:
 
     void noNetworkFailsBeforeTheCallReturns()
     {
-        HMNotificationCenter center;
-        auto client = m_bed.makeClient(m_clock, center);
+        auto client = makeClient();
         m_bed.reachable = false;
-        Result result;
+        HMAPIResult result;
         request(*client, result);
         m_bed.reachable = true;
         QVERIFY(result.done);

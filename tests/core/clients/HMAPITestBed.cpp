@@ -47,6 +47,7 @@ QJsonObject listener(const QString &name, const QString &address, int port,
 
 bool HMAPITestBed::setUp(QString *error)
 {
+    m_home = HMTestEnvironment::isolateUserDirectories();
     HMTestCertificates certificates(m_directory.path());
     const auto rapid =
         certificates.makeAuthority(QStringLiteral("rapid"), QStringLiteral("RapidSSL CA"));

@@ -15,10 +15,40 @@
 #include "HMTestCertificates.h"
 
 #include <QTemporaryDir>
+#include <QTest>
 #include <memory>
 
 class HMClock;
 class HMNotificationCenter;
+
+// For initTestCase: skips the suite where the bed cannot run here, fails it where set-up fails.
+#define HM_START_API_TEST_BED(bed)                                                                 \
+    do {                                                                                           \
+        const QString hmReason = HMAPITestBed::unavailableReason();                                \
+        if (!hmReason.isEmpty()) {                                                                 \
+            QSKIP(qPrintable(hmReason));                                                           \
+        }                                                                                          \
+        QString hmError;                                                                           \
+        QVERIFY2((bed).setUp(&hmError), qPrintable(hmError));                                      \
+    } while (false)
+
+// What one request's completion received.
+struct HMAPIResult
+{
+    bool done = false;
+    QVariantMap reply;
+    HMMaybeError error;
+
+    HMAPICompletion completion()
+    {
+        return [this](const QVariantMap &r, const HMMaybeError &e) {
+            done = true;
+            reply = r;
+            error = e;
+        };
+    }
+    QString errorText() const { return error ? error->description() : QStringLiteral("no error"); }
+};
 
 class HMAPITestBed
 {
@@ -30,9 +60,11 @@ public:
     // Empty when the test can run here, else the reason to skip.
     static QString unavailableReason();
 
-    // Call after HMTestEnvironment::isolateUserDirectories(): writes the deployment file
-    // that names the hosts above into the private config folder.
+    // Gives the test private user folders, writes the deployment file that names the hosts
+    // above into the config folder there and starts the service.
     bool setUp(QString *error);
+    // A path in the private home folder.
+    QString homeFile(const QString &name) const { return m_home->filePath(name); }
     // Read back from that file, as the application reads it.
     HMDeploymentValues deployment() const;
     // A client whose network is reachable while `reachable` is true.
@@ -47,6 +79,7 @@ public:
 private:
     bool writeDeploymentFile(QString *error);
 
+    std::unique_ptr<QTemporaryDir> m_home;
     QTemporaryDir m_directory;
     HMTestCertificates::Authority m_trustedRoot;
 };

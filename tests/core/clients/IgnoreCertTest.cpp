@@ -2,7 +2,6 @@
 #include "HMAPITestBed.h"
 #include "HMManualClock.h"
 #include "HMNotificationCenter.h"
-#include "HMTestEnvironment.h"
 
 #include <QSslConfiguration>
 #include <QtTest>
@@ -14,7 +13,6 @@ class IgnoreCertTest : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_home;
     HMAPITestBed m_bed;
     HMManualClock m_clock;
     HMNotificationCenter m_center;
@@ -22,13 +20,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        m_home = HMTestEnvironment::isolateUserDirectories();
-        const QString reason = HMAPITestBed::unavailableReason();
-        if (!reason.isEmpty()) {
-            QSKIP(qPrintable(reason));
-        }
-        QString error;
-        QVERIFY2(m_bed.setUp(&error), qPrintable(error));
+        HM_START_API_TEST_BED(m_bed);
         // Stands in for a certificate from an authority the system trusts.
         QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
         configuration.addCaCertificates(m_bed.trustedRootPath());
@@ -61,22 +53,16 @@ private Q_SLOTS:
         auto client = m_bed.makeClient(m_clock, m_center);
         client->setStatus(HMAPIStatusHealthy);
         client->setAPIRoot(0, root);
-        bool done = false;
-        QVariantMap reply;
-        HMMaybeError error;
-        client->getStatusWithCompletion([&](const QVariantMap &r, const HMMaybeError &e) {
-            done = true;
-            reply = r;
-            error = e;
-        });
-        QTRY_VERIFY_WITH_TIMEOUT(done, 10000);
+        HMAPIResult result;
+        client->getStatusWithCompletion(result.completion());
+        QTRY_VERIFY_WITH_TIMEOUT(result.done, 10000);
         if (accepted) {
-            QVERIFY2(!error, qPrintable(error ? error->description() : QString()));
-            QCOMPARE(reply.value("response").toString(), QStringLiteral("ok"));
+            QVERIFY2(!result.error, qPrintable(result.errorText()));
+            QCOMPARE(result.reply.value("response").toString(), QStringLiteral("ok"));
         } else {
-            QVERIFY(error);
-            QCOMPARE(error->domain(), HMAPIClient::kURLLoadingDomain);
-            QCOMPARE(error->code(), -1200L);
+            QVERIFY(result.error);
+            QCOMPARE(result.error->domain(), HMAPIClient::kURLLoadingDomain);
+            QCOMPARE(result.error->code(), -1200L);
         }
     }
 

@@ -7,7 +7,6 @@
 #include "HMMemoryKeychain.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
-#include "HMTestEnvironment.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -20,7 +19,6 @@ class HMAccountLoginTest : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_home;
     HMAPITestBed m_bed;
     // Request time-outs run on a clock of their own that never moves, so that moving the
     // usage loop's clock cannot cut a request short.
@@ -35,20 +33,6 @@ private:
     int m_storeNumber = 0;
 
     // Waits for a completion and hands back its error.
-    HMMaybeError signIn(const QString &username, const QString &password, bool getToken = false)
-    {
-        bool done = false;
-        HMMaybeError result;
-        m_account->loginWithUsername(username, password, getToken, [&](const HMMaybeError &error) {
-            done = true;
-            result = error;
-        });
-        if (!QTest::qWaitFor([&] { return done; }, 10000)) {
-            return HMError::errorWithDescription("test: no completion");
-        }
-        return result;
-    }
-
     template <typename Call> HMMaybeError await(Call call)
     {
         bool done = false;
@@ -61,6 +45,27 @@ private:
             return HMError::errorWithDescription("test: no completion");
         }
         return result;
+    }
+
+    HMMaybeError signIn(const QString &username, const QString &password, bool getToken = false)
+    {
+        return await(
+            [&](auto done) { m_account->loginWithUsername(username, password, getToken, done); });
+    }
+
+    QString lastRegisterParam(const char *name)
+    {
+        const QJsonObject request = m_bed.service.requestsTo("/core/register").last().toObject();
+        return request.value("params").toObject().value(name).toString();
+    }
+
+    QString latestWebToken()
+    {
+        return m_bed.service.account("ann@example.test")
+            .value("webTokens")
+            .toArray()
+            .last()
+            .toString();
     }
 
     static QString describe(const HMMaybeError &error)
@@ -81,16 +86,7 @@ private:
     int registerCount() { return m_bed.service.requestsTo("/core/register").size(); }
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        m_home = HMTestEnvironment::isolateUserDirectories();
-        const QString reason = HMAPITestBed::unavailableReason();
-        if (!reason.isEmpty()) {
-            QSKIP(qPrintable(reason));
-        }
-        QString error;
-        QVERIFY2(m_bed.setUp(&error), qPrintable(error));
-    }
+    void initTestCase() { HM_START_API_TEST_BED(m_bed); }
 
     void init()
     {
@@ -102,7 +98,7 @@ private Q_SLOTS:
         m_clockHolder = std::make_unique<HMManualClock>();
         m_api = m_bed.makeClient(m_requestClock, m_center);
         m_store = std::make_unique<HMPreferenceStore>(
-            m_home->filePath(QStringLiteral("prefs-%1.json").arg(++m_storeNumber)));
+            m_bed.homeFile(QStringLiteral("prefs-%1.json").arg(++m_storeNumber)));
         m_keychain = std::make_unique<HMMemoryKeychain>();
         m_account = std::make_unique<HMAccountManager>(*m_store, *m_keychain, nullptr, m_center);
         m_account->setAPIClient(m_api.get());
@@ -165,48 +161,27 @@ private Q_SLOTS:
         QCOMPARE(m_account->previousUsername(), QStringLiteral("ann@example.test"));
         QVERIFY(!m_account->uuid().isEmpty());
 
-        const QStringList fields{"twitterID",
-                                 "accountVerified",
-                                 "twitterPromoComplete",
-                                 "bandwidthAvailable",
-                                 "maxBandwidth",
-                                 "fullVersion",
-                                 "canyon",
-                                 "templateTweet",
-                                 "twitterPromoEnabled",
-                                 "twitterPromoMessage",
-                                 "fullRemainingTime",
-                                 "closestServers",
-                                 "paymentStatus",
-                                 "vpnServers",
-                                 "countries"};
+        // The stored fields in the order they were written, other keys left out.
+        const QStringList expected =
+            QStringLiteral("twitterID accountVerified twitterPromoComplete bandwidthAvailable "
+                           "maxBandwidth fullVersion canyon twitterID templateTweet "
+                           "twitterPromoEnabled twitterPromoMessage fullRemainingTime "
+                           "closestServers paymentStatus vpnServers countries")
+                .split(' ');
         QStringList stored;
         for (const QString &key : order) {
-            if (fields.contains(key)) {
+            if (expected.contains(key)) {
                 stored.append(key);
             }
         }
-        QCOMPARE(stored, (QStringList{"twitterID", "accountVerified", "twitterPromoComplete",
-                                      "bandwidthAvailable", "maxBandwidth", "fullVersion", "canyon",
-                                      "twitterID", "templateTweet", "twitterPromoEnabled",
-                                      "twitterPromoMessage", "fullRemainingTime", "closestServers",
-                                      "paymentStatus", "vpnServers", "countries"}));
+        QCOMPARE(stored, expected);
         QVERIFY(order.indexOf("username") < order.indexOf("twitterID"));
 
         // What went out: the stored country's id and the installation id.
-        const QJsonObject params =
-            m_bed.service.requestsTo("/core/register").last().toObject().value("params").toObject();
-        QCOMPARE(params.value("deviceId").toString(), m_account->uuid());
-        QCOMPARE(params.value("country").toString(), QStringLiteral("0"));
+        QCOMPARE(lastRegisterParam("deviceId"), m_account->uuid());
+        QCOMPARE(lastRegisterParam("country"), QStringLiteral("0"));
         QVERIFY2(!signIn("ann@example.test", "secret"), "second sign-in failed");
-        QCOMPARE(m_bed.service.requestsTo("/core/register")
-                     .last()
-                     .toObject()
-                     .value("params")
-                     .toObject()
-                     .value("country")
-                     .toString(),
-                 QStringLiteral("1"));
+        QCOMPARE(lastRegisterParam("country"), QStringLiteral("1"));
     }
 
     void unconfirmedAddressStillSignsIn()
@@ -218,6 +193,10 @@ private Q_SLOTS:
         QVERIFY(!m_account->isAccountVerified());
         QCOMPARE(m_account->paymentStatus(), QStringLiteral("FREE"));
         QVERIFY(!m_account->isPaidUser());
+        // The usage loop waits for a confirmed address.
+        m_account->startUpdatingUsage();
+        QVERIFY(!m_account->shouldUpdateUsage());
+        QCOMPARE(m_clockHolder->pendingTimers(), 0);
     }
 
     void refusalChangesNothing_data()
@@ -282,14 +261,7 @@ private Q_SLOTS:
         QVERIFY(!await([this](auto done) { m_account->loginGetToken(false, done); }));
         QCOMPARE(m_account->vpnToken(), QStringLiteral("token-1"));
         QCOMPARE(m_account->bandwidthAvailable(), 10LL);
-        QCOMPARE(m_bed.service.requestsTo("/core/register")
-                     .last()
-                     .toObject()
-                     .value("params")
-                     .toObject()
-                     .value("getToken")
-                     .toString(),
-                 QStringLiteral("0"));
+        QCOMPARE(lastRegisterParam("getToken"), QStringLiteral("0"));
         QVERIFY(!await([this](auto done) { m_account->loginGetToken(true, done); }));
         QCOMPARE(m_account->vpnToken(), QStringLiteral("token-2"));
     }
@@ -564,15 +536,6 @@ private Q_SLOTS:
         QCOMPARE(registerCount(), 5);
     }
 
-    void usageLoopNeedsAVerifiedAccount()
-    {
-        putAccount({{"confirmed", false}});
-        QVERIFY(!signIn("ann@example.test", "secret"));
-        m_account->startUpdatingUsage();
-        QVERIFY(!m_account->shouldUpdateUsage());
-        QCOMPARE(m_clockHolder->pendingTimers(), 0);
-    }
-
     void verification()
     {
         putAccount({{"confirmed", false}});
@@ -616,11 +579,7 @@ private Q_SLOTS:
         QString token;
         m_account->getTokenWithCompletion([&token](const QString &value) { token = value; });
         QTRY_VERIFY(!token.isEmpty());
-        QCOMPARE(token, m_bed.service.account("ann@example.test")
-                            .value("webTokens")
-                            .toArray()
-                            .last()
-                            .toString());
+        QCOMPARE(token, latestWebToken());
 
         QList<QUrl> opened;
         m_api->setURLOpener([&opened](const QUrl &url) {
@@ -629,13 +588,8 @@ private Q_SLOTS:
         });
         m_account->openAccountDetailsPage();
         QTRY_COMPARE(opened.size(), 1);
-        const QString latest = m_bed.service.account("ann@example.test")
-                                   .value("webTokens")
-                                   .toArray()
-                                   .last()
-                                   .toString();
         QCOMPARE(opened.first().toString(QUrl::FullyEncoded),
-                 "https://www.hollowmere.test/account?token=" + latest);
+                 "https://www.hollowmere.test/account?token=" + latestWebToken());
 
         // Refused: logged, and the completion is never called.
         m_bed.service.updateAccount({{"username", "ann@example.test"}, {"password", "changed"}});
@@ -666,12 +620,9 @@ private Q_SLOTS:
         m_account->startCheckingVPNConnection();
         QVERIFY(m_account->shouldCheckVPNConnection());
         QTRY_COMPARE(m_bed.service.requestsTo("/core/isVPNConnected").size(), 1);
-        QCOMPARE(m_bed.service.requestsTo("/core/isVPNConnected")
-                     .first()
-                     .toObject()
-                     .value("listener")
-                     .toString(),
-                 QStringLiteral("api-http"));
+        const QJsonObject probe =
+            m_bed.service.requestsTo("/core/isVPNConnected").first().toObject();
+        QCOMPARE(probe.value("listener").toString(), QStringLiteral("api-http"));
         m_account->stopCheckingVPNConnection();
         m_account->checkIfVPNConnected();
         QTest::qWait(200);
