@@ -5,27 +5,6 @@
 
 #include <QTest>
 
-class HMVPNConnectionSequenceTest : public QObject
-{
-    Q_OBJECT
-private Q_SLOTS:
-    void initTestCase();
-    void backOff_data();
-    void backOff();
-    void disconnectDuringBackOff();
-    void unreachableFailsAtOnce();
-    void closestChoice_data();
-    void closestChoice();
-    void outOfDataBeforeStart();
-    void cancelledAnswersIgnored_data();
-    void cancelledAnswersIgnored();
-    void managementLostBeforeConnectedRetries();
-    void successNeverCompletes();
-
-private:
-    std::unique_ptr<QTemporaryDir> m_home;
-};
-
 namespace {
 struct Outcome
 {
@@ -42,261 +21,271 @@ struct Outcome
 
 } // namespace
 
-void HMVPNConnectionSequenceTest::initTestCase()
+class HMVPNConnectionSequenceTest : public QObject
 {
-    m_home = HMTestEnvironment::isolateUserDirectories();
-}
+    Q_OBJECT
 
-void HMVPNConnectionSequenceTest::backOff_data()
-{
-    QTest::addColumn<QString>("failure");
-    QTest::newRow("tokenRefreshFails") << QStringLiteral("token");
-    QTest::newRow("helperCannotStartOpenVPN") << QStringLiteral("helper");
-    QTest::newRow("managementPortRefuses") << QStringLiteral("management");
-}
+private:
+    std::unique_ptr<QTemporaryDir> m_home;
 
-void HMVPNConnectionSequenceTest::backOff()
-{
-    QFETCH(QString, failure);
-    HMLogCapture log;
-    HMVPNTestRig rig;
-    const HMError error = HMError::errorWithDescription(QStringLiteral("attempt failed"));
-    if (failure == QLatin1String("token")) {
-        rig.account.tokenError = error;
-    } else if (failure == QLatin1String("helper")) {
-        rig.helper.failing.insert(QStringLiteral("startVPN"), error);
-    } else {
-        rig.server.stopListening();
+private Q_SLOTS:
+    void initTestCase() { m_home = HMTestEnvironment::isolateUserDirectories(); }
+
+    void backOff_data()
+    {
+        QTest::addColumn<QString>("failure");
+        QTest::newRow("tokenRefreshFails") << QStringLiteral("token");
+        QTest::newRow("helperCannotStartOpenVPN") << QStringLiteral("helper");
+        QTest::newRow("managementPortRefuses") << QStringLiteral("management");
     }
-    Outcome outcome;
-    QList<qint64> times;
-    rig.center.addObserverForName(HMVPNManager::kDidStartConnectingNotification,
-                                  [&] { times.append(rig.clock.monotonicMs()); });
-    rig.vpn->connectWithCompletion(outcome.callback());
-    for (int guard = 0; guard < 10 && rig.vpn->state() != VPNState::Error; ++guard) {
-        QVERIFY(QTest::qWaitFor(
-            [&] { return rig.clock.pendingTimers() > 0 || rig.vpn->state() == VPNState::Error; },
-            5000));
-        if (rig.vpn->state() != VPNState::Error) {
-            rig.clock.advance(rig.clock.nextDueMs() - rig.clock.monotonicMs());
+
+    void backOff()
+    {
+        QFETCH(QString, failure);
+        HMLogCapture log;
+        HMVPNTestRig rig;
+        const HMError error = HMError::errorWithDescription(QStringLiteral("attempt failed"));
+        if (failure == QLatin1String("token")) {
+            rig.account.tokenError = error;
+        } else if (failure == QLatin1String("helper")) {
+            rig.helper.failing.insert(QStringLiteral("startVPN"), error);
+        } else {
+            rig.server.stopListening();
         }
+        Outcome outcome;
+        QList<qint64> times;
+        rig.center.addObserverForName(HMVPNManager::kDidStartConnectingNotification,
+                                      [&] { times.append(rig.clock.monotonicMs()); });
+        rig.vpn->connectWithCompletion(outcome.callback());
+        for (int guard = 0; guard < 10 && rig.vpn->state() != VPNState::Error; ++guard) {
+            QVERIFY(QTest::qWaitFor(
+                [&] {
+                    return rig.clock.pendingTimers() > 0 || rig.vpn->state() == VPNState::Error;
+                },
+                5000));
+            if (rig.vpn->state() != VPNState::Error) {
+                rig.clock.advance(rig.clock.nextDueMs() - rig.clock.monotonicMs());
+            }
+        }
+        QCOMPARE(times, (QList<qint64>{0, 1000, 3000, 7000, 15000}));
+        QCOMPARE(rig.vpn->state(), VPNState::Error);
+        QCOMPARE(outcome.completions, 1);
+        QVERIFY(outcome.error);
+        QCOMPARE(rig.connectionDidFail, 1);
+        QCOMPARE(rig.vpn->connectionSequence()->numConnectionAttempts(), 5u);
+
+        // Nothing is left scheduled: more time brings no sixth attempt.
+        rig.clock.advance(120000);
+        HMVPNTestRig::settle();
+        QCOMPARE(times.size(), 5);
+        QCOMPARE(outcome.completions, 1);
     }
-    QCOMPARE(times, (QList<qint64>{0, 1000, 3000, 7000, 15000}));
-    QCOMPARE(rig.vpn->state(), VPNState::Error);
-    QCOMPARE(outcome.completions, 1);
-    QVERIFY(outcome.error);
-    QCOMPARE(rig.connectionDidFail, 1);
-    QCOMPARE(rig.vpn->connectionSequence()->numConnectionAttempts(), 5u);
 
-    // Nothing is left scheduled: more time brings no sixth attempt.
-    rig.clock.advance(120000);
-    HMVPNTestRig::settle();
-    QCOMPARE(times.size(), 5);
-    QCOMPARE(outcome.completions, 1);
-}
+    void disconnectDuringBackOff()
+    {
+        HMVPNTestRig rig;
+        rig.helper.failing.insert(QStringLiteral("startVPN"),
+                                  HMError::errorWithDescription(QStringLiteral("no")));
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_COMPARE(rig.clock.pendingTimers(), 1);
+        QCOMPARE(rig.vpn->state(), VPNState::Connecting);
 
-void HMVPNConnectionSequenceTest::disconnectDuringBackOff()
-{
-    HMVPNTestRig rig;
-    rig.helper.failing.insert(QStringLiteral("startVPN"),
-                              HMError::errorWithDescription(QStringLiteral("no")));
-    Outcome outcome;
-    rig.vpn->connectWithCompletion(outcome.callback());
-    QTRY_COMPARE(rig.clock.pendingTimers(), 1);
-    QCOMPARE(rig.vpn->state(), VPNState::Connecting);
+        rig.vpn->disconnect();
+        QTRY_COMPARE(rig.helper.actions(), (QStringList{"startVPN", "stopVPN", "stopDNSProxy"}));
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
 
-    rig.vpn->disconnect();
-    QTRY_COMPARE(rig.helper.actions(), (QStringList{"startVPN", "stopVPN", "stopDNSProxy"}));
-    HMVPNTestRig::settle();
-    QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
-
-    rig.clock.advance(60000);
-    HMVPNTestRig::settle();
-    QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
-    QCOMPARE(rig.didStartConnecting, 1);
-    QCOMPARE(rig.helper.count(QStringLiteral("startVPN")), 1);
-    QCOMPARE(outcome.completions, 0);
-    QCOMPARE(rig.connectionDidFail, 0);
-}
-
-void HMVPNConnectionSequenceTest::unreachableFailsAtOnce()
-{
-    HMLogCapture log;
-    HMVPNTestRig rig;
-    rig.reachability.reachable = false;
-    rig.helper.failing.insert(QStringLiteral("startVPN"),
-                              HMError::errorWithDescription(QStringLiteral("network is down")));
-    Outcome outcome;
-    rig.vpn->connectWithCompletion(outcome.callback());
-    QTRY_COMPARE(rig.vpn->state(), VPNState::Error);
-    HMVPNTestRig::settle();
-    QCOMPARE(rig.didStartConnecting, 1);
-    QCOMPARE(outcome.completions, 1);
-    QCOMPARE(outcome.error->localizedDescription(), QStringLiteral("network is down"));
-    QCOMPARE(rig.connectionDidFail, 1);
-    QCOMPARE(rig.clock.pendingTimers(), 0);
-    QVERIFY(log.contains(QStringLiteral("network is down")));
-}
-
-void HMVPNConnectionSequenceTest::closestChoice_data()
-{
-    QTest::addColumn<QString>("countryCode");
-    QTest::addColumn<bool>("withGroups");
-    QTest::addColumn<bool>("testFails");
-    QTest::addColumn<int>("tests");
-    QTest::addColumn<int>("starts");
-    QTest::addColumn<QString>("closestCountry");
-
-    QTest::newRow("chosenCountryRunsNoTest") << "7" << true << false << 0 << 1 << "";
-    QTest::newRow("closestRunsTheTest") << "-1" << true << false << 1 << 1 << "DE";
-    QTest::newRow("closestWithoutGroupsRunsNoTest") << "-1" << false << false << 0 << 1 << "";
-    QTest::newRow("failedTestLeavesAttemptConnecting") << "-1" << true << true << 1 << 0 << "";
-}
-
-void HMVPNConnectionSequenceTest::closestChoice()
-{
-    QFETCH(QString, countryCode);
-    QFETCH(bool, withGroups);
-    QFETCH(bool, testFails);
-    QFETCH(int, tests);
-    QFETCH(int, starts);
-    QFETCH(QString, closestCountry);
-
-    HMVPNTestRig rig;
-    rig.helper.held = QStringList{"startVPN"};
-    rig.account.countryCode = countryCode;
-    const QVariantList deServers{
-        QVariantMap{{"host", "de1.example"}, {"port", 1194}, {"isUdp", true}}};
-    if (withGroups) {
-        rig.account.groups = {{"DE", deServers},
-                              {"FR", QVariantList{QVariantMap{{"host", "fr1.example"}}}}};
+        rig.clock.advance(60000);
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
+        QCOMPARE(rig.didStartConnecting, 1);
+        QCOMPARE(rig.helper.count(QStringLiteral("startVPN")), 1);
+        QCOMPARE(outcome.completions, 0);
+        QCOMPARE(rig.connectionDidFail, 0);
     }
-    rig.closest.country = QStringLiteral("DE");
-    rig.closest.servers = deServers;
-    if (testFails) {
-        rig.closest.error = HMError::errorWithDescription(QStringLiteral("Couldn't ping servers"));
-    }
-    Outcome outcome;
-    rig.vpn->connectWithCompletion(outcome.callback());
-    QTRY_COMPARE(rig.account.closestCountry, closestCountry.isEmpty() ? QString() : closestCountry);
-    if (starts) {
-        QTRY_COMPARE(rig.helper.count(QStringLiteral("startVPN")), starts);
-    } else {
-        QTRY_COMPARE(rig.closest.tests.size(), tests);
-    }
-    HMVPNTestRig::settle();
 
-    QCOMPARE(rig.closest.tests.size(), tests);
-    if (tests) {
-        QCOMPARE(rig.closest.tests.first(), rig.account.groups);
+    void unreachableFailsAtOnce()
+    {
+        HMLogCapture log;
+        HMVPNTestRig rig;
+        rig.reachability.reachable = false;
+        rig.helper.failing.insert(QStringLiteral("startVPN"),
+                                  HMError::errorWithDescription(QStringLiteral("network is down")));
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_COMPARE(rig.vpn->state(), VPNState::Error);
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.didStartConnecting, 1);
+        QCOMPARE(outcome.completions, 1);
+        QCOMPARE(outcome.error->localizedDescription(), QStringLiteral("network is down"));
+        QCOMPARE(rig.connectionDidFail, 1);
+        QCOMPARE(rig.clock.pendingTimers(), 0);
+        QVERIFY(log.contains(QStringLiteral("network is down")));
     }
-    QCOMPARE(rig.helper.count(QStringLiteral("startVPN")), starts);
-    const bool serversReplaced = tests && !testFails;
-    QCOMPARE(rig.account.setVpnServersCalls, serversReplaced ? 1 : 0);
-    if (serversReplaced) {
-        QCOMPARE(rig.account.servers, deServers);
+
+    void closestChoice_data()
+    {
+        QTest::addColumn<QString>("countryCode");
+        QTest::addColumn<bool>("withGroups");
+        QTest::addColumn<bool>("testFails");
+        QTest::addColumn<int>("tests");
+        QTest::addColumn<int>("starts");
+        QTest::addColumn<QString>("closestCountry");
+
+        QTest::newRow("chosenCountryRunsNoTest") << "7" << true << false << 0 << 1 << "";
+        QTest::newRow("closestRunsTheTest") << "-1" << true << false << 1 << 1 << "DE";
+        QTest::newRow("closestWithoutGroupsRunsNoTest") << "-1" << false << false << 0 << 1 << "";
+        QTest::newRow("failedTestLeavesAttemptConnecting") << "-1" << true << true << 1 << 0 << "";
     }
-    QCOMPARE(rig.vpn->state(), VPNState::Connecting);
-    QCOMPARE(outcome.completions, 0);
-    QCOMPARE(rig.clock.pendingTimers(), 0);
-}
 
-void HMVPNConnectionSequenceTest::outOfDataBeforeStart()
-{
-    HMVPNTestRig rig;
-    // The sign-in reply that brings the token also brings an empty allowance.
-    rig.account.beforeTokenAnswer = [&] { rig.account.setAllowance(0); };
-    Outcome outcome;
-    rig.vpn->connectWithCompletion(outcome.callback());
-    QTRY_COMPARE(outcome.completions, 1);
-    HMVPNTestRig::settle();
-    QCOMPARE(outcome.error->localizedDescription(), QStringLiteral("Out of Data"));
-    QCOMPARE(rig.connectionDidFail, 1);
-    QCOMPARE(rig.outOfData, 1);
-    QCOMPARE(rig.vpn->state(), VPNState::OutOfData);
-    QVERIFY(rig.helper.requests.isEmpty());
-}
+    void closestChoice()
+    {
+        QFETCH(QString, countryCode);
+        QFETCH(bool, withGroups);
+        QFETCH(bool, testFails);
+        QFETCH(int, tests);
+        QFETCH(int, starts);
+        QFETCH(QString, closestCountry);
 
-void HMVPNConnectionSequenceTest::cancelledAnswersIgnored_data()
-{
-    QTest::addColumn<QString>("pending");
-    QTest::newRow("tokenRefresh") << QStringLiteral("token");
-    QTest::newRow("helperStart") << QStringLiteral("startVPN");
-}
-
-void HMVPNConnectionSequenceTest::cancelledAnswersIgnored()
-{
-    QFETCH(QString, pending);
-    HMVPNTestRig rig;
-    if (pending == QLatin1String("token")) {
-        rig.account.holdTokenRequests = true;
-    } else {
+        HMVPNTestRig rig;
         rig.helper.held = QStringList{"startVPN"};
+        rig.account.countryCode = countryCode;
+        const QVariantList deServers{
+            QVariantMap{{"host", "de1.example"}, {"port", 1194}, {"isUdp", true}}};
+        if (withGroups) {
+            rig.account.groups = {{"DE", deServers},
+                                  {"FR", QVariantList{QVariantMap{{"host", "fr1.example"}}}}};
+        }
+        rig.closest.country = QStringLiteral("DE");
+        rig.closest.servers = deServers;
+        if (testFails) {
+            rig.closest.error =
+                HMError::errorWithDescription(QStringLiteral("Couldn't ping servers"));
+        }
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_COMPARE(rig.account.closestCountry,
+                     closestCountry.isEmpty() ? QString() : closestCountry);
+        if (starts) {
+            QTRY_COMPARE(rig.helper.count(QStringLiteral("startVPN")), starts);
+        } else {
+            QTRY_COMPARE(rig.closest.tests.size(), tests);
+        }
+        HMVPNTestRig::settle();
+
+        QCOMPARE(rig.closest.tests.size(), tests);
+        if (tests) {
+            QCOMPARE(rig.closest.tests.first(), rig.account.groups);
+        }
+        QCOMPARE(rig.helper.count(QStringLiteral("startVPN")), starts);
+        const bool serversReplaced = tests && !testFails;
+        QCOMPARE(rig.account.setVpnServersCalls, serversReplaced ? 1 : 0);
+        if (serversReplaced) {
+            QCOMPARE(rig.account.servers, deServers);
+        }
+        QCOMPARE(rig.vpn->state(), VPNState::Connecting);
+        QCOMPARE(outcome.completions, 0);
+        QCOMPARE(rig.clock.pendingTimers(), 0);
     }
-    Outcome outcome;
-    rig.vpn->connectWithCompletion(outcome.callback());
-    QTRY_VERIFY(
-        rig.account.tokenRequests == 1 &&
-        (pending == QLatin1String("token") || rig.helper.count(QStringLiteral("startVPN")) == 1));
-    rig.vpn->disconnect();
-    QTRY_COMPARE(rig.vpn->state(), VPNState::Disconnected);
 
-    if (pending == QLatin1String("token")) {
-        rig.account.heldTokenRequests.takeFirst()(std::nullopt);
-    } else {
-        rig.helper.release(QStringLiteral("startVPN"));
+    void outOfDataBeforeStart()
+    {
+        HMVPNTestRig rig;
+        // The sign-in reply that brings the token also brings an empty allowance.
+        rig.account.beforeTokenAnswer = [&] { rig.account.setAllowance(0); };
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_COMPARE(outcome.completions, 1);
+        HMVPNTestRig::settle();
+        QCOMPARE(outcome.error->localizedDescription(), QStringLiteral("Out of Data"));
+        QCOMPARE(rig.connectionDidFail, 1);
+        QCOMPARE(rig.outOfData, 1);
+        QCOMPARE(rig.vpn->state(), VPNState::OutOfData);
+        QVERIFY(rig.helper.requests.isEmpty());
     }
-    HMVPNTestRig::settle();
-    QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
-    QCOMPARE(rig.helper.count(QStringLiteral("startVPN")),
-             pending == QLatin1String("token") ? 0 : 1);
-    QVERIFY(rig.vpn->socket() == nullptr);
-    QVERIFY(!rig.server.hasClient());
-    QCOMPARE(outcome.completions, 0);
-}
 
-void HMVPNConnectionSequenceTest::managementLostBeforeConnectedRetries()
-{
-    HMLogCapture log;
-    HMVPNTestRig rig;
-    Outcome outcome;
-    rig.vpn->connectWithCompletion(outcome.callback());
-    QTRY_VERIFY(rig.server.hasClient());
-    QTRY_COMPARE(rig.server.commands().size(), 5);
-    // OpenVPN dies during the handshake.
-    rig.server.sendLines({">STATE:1700000000,WAIT,,,,,,"});
-    rig.server.closeClient();
-    QTRY_VERIFY(rig.vpn->socket() == nullptr);
-    QTRY_COMPARE(rig.helper.actions(), (QStringList{"startVPN", "stopVPN"}));
-    QCOMPARE(rig.vpn->state(), VPNState::Connecting);
-    QCOMPARE(rig.didStartConnecting, 1);
+    void cancelledAnswersIgnored_data()
+    {
+        QTest::addColumn<QString>("pending");
+        QTest::newRow("tokenRefresh") << QStringLiteral("token");
+        QTest::newRow("helperStart") << QStringLiteral("startVPN");
+    }
 
-    // The retry comes after the first back-off step and reaches OpenVPN again.
-    rig.clock.advance(999);
-    HMVPNTestRig::settle();
-    QCOMPARE(rig.didStartConnecting, 1);
-    rig.clock.advance(1);
-    QCOMPARE(rig.didStartConnecting, 2);
-    QTRY_VERIFY(rig.server.hasClient());
-    QCOMPARE(outcome.completions, 0);
-    QVERIFY(log.contains(QStringLiteral("Lost the connection to OpenVPN")));
-}
+    void cancelledAnswersIgnored()
+    {
+        QFETCH(QString, pending);
+        HMVPNTestRig rig;
+        if (pending == QLatin1String("token")) {
+            rig.account.holdTokenRequests = true;
+        } else {
+            rig.helper.held = QStringList{"startVPN"};
+        }
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_VERIFY(rig.account.tokenRequests == 1 &&
+                    (pending == QLatin1String("token") ||
+                     rig.helper.count(QStringLiteral("startVPN")) == 1));
+        rig.vpn->disconnect();
+        QTRY_COMPARE(rig.vpn->state(), VPNState::Disconnected);
 
-void HMVPNConnectionSequenceTest::successNeverCompletes()
-{
-    HMVPNTestRig rig;
-    Outcome outcome;
-    rig.vpn->connectWithCompletion(outcome.callback());
-    QTRY_COMPARE(rig.server.commands().size(), 5);
-    rig.server.sendLines({">STATE:1795224601,CONNECTED,SUCCESS,10.8.0.6,10.99.0.1,1194,,"});
-    QTRY_COMPARE(rig.vpn->state(), VPNState::Connected);
-    HMVPNTestRig::settle();
-    QCOMPARE(rig.vpn->connectedIp(), QStringLiteral("10.99.0.1"));
-    QCOMPARE(outcome.completions, 0);
-    QCOMPARE(rig.connectionDidFail, 0);
-    QCOMPARE(rig.didStartConnecting, 1);
-    QCOMPARE(rig.account.closestCountry, QString());
-}
+        if (pending == QLatin1String("token")) {
+            rig.account.heldTokenRequests.takeFirst()(std::nullopt);
+        } else {
+            rig.helper.release(QStringLiteral("startVPN"));
+        }
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
+        QCOMPARE(rig.helper.count(QStringLiteral("startVPN")),
+                 pending == QLatin1String("token") ? 0 : 1);
+        QVERIFY(rig.vpn->socket() == nullptr);
+        QVERIFY(!rig.server.hasClient());
+        QCOMPARE(outcome.completions, 0);
+    }
+
+    void managementLostBeforeConnectedRetries()
+    {
+        HMLogCapture log;
+        HMVPNTestRig rig;
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_VERIFY(rig.server.hasClient());
+        QTRY_COMPARE(rig.server.commands().size(), 5);
+        // OpenVPN dies during the handshake.
+        rig.server.sendLines({">STATE:1700000000,WAIT,,,,,,"});
+        rig.server.closeClient();
+        QTRY_VERIFY(rig.vpn->socket() == nullptr);
+        QTRY_COMPARE(rig.helper.actions(), (QStringList{"startVPN", "stopVPN"}));
+        QCOMPARE(rig.vpn->state(), VPNState::Connecting);
+        QCOMPARE(rig.didStartConnecting, 1);
+
+        // The retry comes after the first back-off step and reaches OpenVPN again.
+        rig.clock.advance(999);
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.didStartConnecting, 1);
+        rig.clock.advance(1);
+        QCOMPARE(rig.didStartConnecting, 2);
+        QTRY_VERIFY(rig.server.hasClient());
+        QCOMPARE(outcome.completions, 0);
+        QVERIFY(log.contains(QStringLiteral("Lost the connection to OpenVPN")));
+    }
+
+    void successNeverCompletes()
+    {
+        HMVPNTestRig rig;
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_COMPARE(rig.server.commands().size(), 5);
+        rig.server.sendLines({">STATE:1795224601,CONNECTED,SUCCESS,10.8.0.6,10.99.0.1,1194,,"});
+        QTRY_COMPARE(rig.vpn->state(), VPNState::Connected);
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.vpn->connectedIp(), QStringLiteral("10.99.0.1"));
+        QCOMPARE(outcome.completions, 0);
+        QCOMPARE(rig.connectionDidFail, 0);
+        QCOMPARE(rig.didStartConnecting, 1);
+        QCOMPARE(rig.account.closestCountry, QString());
+    }
+};
 
 QTEST_GUILESS_MAIN(HMVPNConnectionSequenceTest)
 #include "HMVPNConnectionSequenceTest.moc"

@@ -47,9 +47,17 @@ QString lab(const char *fact)
     return qEnvironmentVariable(fact);
 }
 
-bool runIp(const QStringList &arguments)
+bool runIp(const QString &arguments)
 {
-    return QProcess::execute(HMTestEnvironment::findProgram(QStringLiteral("ip")), arguments) == 0;
+    return QProcess::execute(HMTestEnvironment::findProgram(QStringLiteral("ip")),
+                             arguments.split(QLatin1Char(' '))) == 0;
+}
+
+// The link comes back the way a network manager brings it: up, then the default route.
+bool restoreLink()
+{
+    const bool up = runIp(QStringLiteral("link set lab0 up"));
+    return runIp(QStringLiteral("route replace default via ") + lab("LAB_SERVER_IP")) && up;
 }
 
 QString canonical(const QString &path)
@@ -112,25 +120,8 @@ int trackedOpenVPN()
 class HMVPNEndToEndTest : public QObject
 {
     Q_OBJECT
-private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void cleanupTestCase();
-
-    void connectsToTheLabServer();
-    void byteCountsChargeTheAllowance();
-    void allowanceGoneTakesTheTunnelDown();
-    void rotatedTokenIsRenewedOnReconnect();
-    void killedOpenVPNIsNoLongerConnected();
-    void linkLossDisconnectsAndReturnReconnects();
 
 private:
-    bool signIn();
-    bool refreshAccount();
-    bool connectAndWait();
-    void disconnectAndWait();
-
     std::unique_ptr<QTemporaryDir> m_home;
     std::unique_ptr<HMPreferenceStore> m_store;
     HMNotificationCenter m_center;
@@ -148,293 +139,294 @@ private:
     HMRefService m_service;
     QList<VPNState> m_states;
     int m_outOfData = 0;
-};
 
-void HMVPNEndToEndTest::initTestCase()
-{
-    if (qEnvironmentVariableIsSet("HM_LAB_UNAVAILABLE")) {
-        QSKIP(qPrintable(qEnvironmentVariable("HM_LAB_UNAVAILABLE")));
-    }
-    if (lab("LAB_HELPER_SOCKET").isEmpty() || lab("LAB_SERVICE_CONTROL").isEmpty()) {
-        QSKIP("runs inside the VPN lab: testing/lab/vpn-lab.sh run --service ... --helper ... -- "
-              "<this test> (ctest does that)");
-    }
-    QVERIFY2(qEnvironmentVariable("HM_SECRET_SERVICE") == QLatin1String("keyring"),
-             "runs on a private Secret Service (tests/support/with-secret-service.sh)");
-
-    m_home = HMTestEnvironment::isolateUserDirectories();
-    const QString deployment =
-        qEnvironmentVariable("XDG_CONFIG_HOME") + QLatin1Char('/') + HMDeploymentValues::kFileName;
-    QDir().mkpath(QFileInfo(deployment).path());
-    QVERIFY(QFile::copy(lab("LAB_SERVICE_DEPLOYMENT"), deployment));
-
-    const QString control = lab("LAB_SERVICE_CONTROL");
-    m_service.attach(control.section(QLatin1Char(':'), 0, 0),
-                     control.section(QLatin1Char(':'), 1).toInt());
-
-    m_store = std::make_unique<HMPreferenceStore>(m_home->filePath(QStringLiteral("prefs.json")));
-    m_routing = std::make_unique<HMWisprouteManager>(*m_store);
-    m_account = std::make_unique<HMAccountManager>(*m_store, HMSecretServiceKeychain::shared(),
-                                                   m_routing.get(), m_center);
-    m_reachability =
-        std::make_unique<HMReachabilityManager>(std::make_unique<HMNetlinkReachabilitySource>());
-    m_api = std::make_unique<HMAPIClient>(
-        HMDeploymentValues::loadFromSearchPath(), [this] { return m_reachability->isReachable(); },
-        HMClock::system(), m_center);
-    m_account->setAPIClient(m_api.get());
-    m_account->setClosestEnabledQuery([] { return false; });
-
-    HMDaemonManager::Paths paths;
-    paths.socketPath = lab("LAB_HELPER_SOCKET");
-    paths.executableDirectory = lab("LAB_HELPER_APP_DIR");
-    paths.resourceDirectory = lab("LAB_HELPER_RESOURCES");
-    m_daemon = std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths);
-    m_daemon->createCommandQueue();
-
-    m_accountAdapter = std::make_unique<HMVPNAccountAdapter>(*m_account);
-    m_reachabilityAdapter = std::make_unique<HMVPNReachabilityAdapter>(*m_reachability);
-    m_helper = std::make_unique<HMVPNDaemonAdapter>(*m_daemon);
-    m_routingAdapter = std::make_unique<HMVPNRoutingAdapter>(*m_routing);
-    HMVPNManager::Collaborators c;
-    c.account = m_accountAdapter.get();
-    c.reachability = m_reachabilityAdapter.get();
-    c.helper = m_helper.get();
-    c.routing = m_routingAdapter.get();
-    c.notifications = &m_center;
-    // The cases choose a country, so the closest-server test never runs; it is wired anyway.
-    m_closest = std::make_unique<HMClosestServerManager>(m_account.get(), HMClock::system(),
-                                                         lab("LAB_SERVICE_DOMAIN"));
-    c.closest = m_closest.get();
-    m_vpn = std::make_unique<HMVPNManager>(c);
-    HMVPNManager *vpn = m_vpn.get();
-    m_daemon->setTunnelInfo([vpn] { return vpn->connectedIp(); },
-                            [vpn] { return vpn->tapAdapter(); });
-    QObject::connect(vpn, &HMVPNManager::stateChanged,
-                     [this](VPNState, VPNState now) { m_states.append(now); });
-    m_center.addObserverForName(HMVPNManager::kOutOfDataNotification, [this] { ++m_outOfData; });
-
-    QTRY_VERIFY_WITH_TIMEOUT(m_reachability->isReachable(), 5000);
-    QVERIFY(signIn());
-
-    // What start-up does: the helper's DNS-port check decides the OpenVPN argument form. In
-    // the lab the port is free, so the tunnel carries no default route and losing the link
-    // shows in the kernel's route lookup.
-    bool checked = false;
-    m_daemon->stopDNSProxy([this, &checked](const QVariantMap &, const HMMaybeError &) {
-        m_daemon->checkDNSPortOpen(
-            [this, &checked](const QVariantMap &, const HMMaybeError &error) {
-                m_routing->setSupported(!error);
-                checked = true;
-            });
-    });
-    QTRY_VERIFY_WITH_TIMEOUT(checked, 10000);
-    QVERIFY(m_routing->isSupported());
-}
-
-void HMVPNEndToEndTest::init()
-{
-    m_states.clear();
-    m_outOfData = 0;
-}
-
-void HMVPNEndToEndTest::cleanup()
-{
-    // Whatever a case did or failed to do: the tunnel goes down and nothing stays behind.
-    runIp({QStringLiteral("link"), QStringLiteral("set"), QStringLiteral("lab0"),
-           QStringLiteral("up")});
-    runIp({QStringLiteral("route"), QStringLiteral("replace"), QStringLiteral("default"),
-           QStringLiteral("via"), lab("LAB_SERVER_IP")});
-    QTRY_VERIFY_WITH_TIMEOUT(m_reachability->isReachable(), 5000);
-    disconnectAndWait();
-    QTRY_VERIFY_WITH_TIMEOUT(openVPNProcesses().isEmpty(), 10000);
-    QTRY_VERIFY_WITH_TIMEOUT(tunDevices().isEmpty(), 10000);
-    m_account->setShouldReconnect(false);
-}
-
-void HMVPNEndToEndTest::cleanupTestCase()
-{
-    if (m_vpn) {
-        disconnectAndWait();
-    }
-}
-
-bool HMVPNEndToEndTest::signIn()
-{
-    bool done = false;
-    HMMaybeError result;
-    m_account->loginWithUsername(lab("LAB_USER"), lab("LAB_PASSWORD"), false,
-                                 [&](const HMMaybeError &error) {
-                                     result = error;
-                                     done = true;
-                                 });
-    if (!QTest::qWaitFor([&] { return done; }, 20000) || result) {
-        qWarning("sign-in failed: %s", result ? qPrintable(result->description()) : "no answer");
-        return false;
-    }
-    return m_account->isLoggedIn();
-}
-
-// What the usage loop does every minute: sign in again without a new token.
-bool HMVPNEndToEndTest::refreshAccount()
-{
-    bool done = false;
-    HMMaybeError result;
-    m_account->loginGetToken(false, [&](const HMMaybeError &error) {
-        result = error;
-        done = true;
-    });
-    return QTest::qWaitFor([&] { return done; }, 20000) && !result;
-}
-
-bool HMVPNEndToEndTest::connectAndWait()
-{
-    m_vpn->connect();
-    return QTest::qWaitFor([this] { return m_vpn->state() == VPNState::Connected; },
-                           kConnectTimeoutMs);
-}
-
-void HMVPNEndToEndTest::disconnectAndWait()
-{
-    if (m_vpn->state() == VPNState::Connected || m_vpn->state() == VPNState::Connecting ||
-        m_vpn->socket()) {
+    bool signIn()
+    {
         bool done = false;
-        m_vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
-        if (!QTest::qWaitFor([&] { return done; }, 20000)) {
-            qWarning("the helper did not answer the disconnect within 20 s");
+        HMMaybeError result;
+        m_account->loginWithUsername(lab("LAB_USER"), lab("LAB_PASSWORD"), false,
+                                     [&](const HMMaybeError &error) {
+                                         result = error;
+                                         done = true;
+                                     });
+        if (!QTest::qWaitFor([&] { return done; }, 20000) || result) {
+            qWarning("sign-in failed: %s",
+                     result ? qPrintable(result->description()) : "no answer");
+            return false;
+        }
+        return m_account->isLoggedIn();
+    }
+
+    // What the usage loop does every minute: sign in again without a new token.
+    bool refreshAccount()
+    {
+        bool done = false;
+        HMMaybeError result;
+        m_account->loginGetToken(false, [&](const HMMaybeError &error) {
+            result = error;
+            done = true;
+        });
+        return QTest::qWaitFor([&] { return done; }, 20000) && !result;
+    }
+
+    void setAccountField(const char *key, const QJsonValue &value)
+    {
+        m_service.updateAccount({{QStringLiteral("username"), lab("LAB_USER")}, {key, value}});
+    }
+
+    bool connectAndWait()
+    {
+        m_vpn->connect();
+        return QTest::qWaitFor([this] { return m_vpn->state() == VPNState::Connected; },
+                               kConnectTimeoutMs);
+    }
+
+    void disconnectAndWait()
+    {
+        if (m_vpn->state() == VPNState::Connected || m_vpn->state() == VPNState::Connecting ||
+            m_vpn->socket()) {
+            bool done = false;
+            m_vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
+            if (!QTest::qWaitFor([&] { return done; }, 20000)) {
+                qWarning("the helper did not answer the disconnect within 20 s");
+            }
         }
     }
-}
 
-void HMVPNEndToEndTest::connectsToTheLabServer()
-{
-    QVERIFY(connectAndWait());
-    QCOMPARE(m_vpn->connectedIp(), lab("LAB_SERVER_IP"));
-    QCOMPARE(m_vpn->tapAdapter(), QStringLiteral("tun0"));
-    QVERIFY(m_states.contains(VPNState::Connecting));
-    QCOMPARE(m_states.last(), VPNState::Connected);
-    QCOMPARE(tunDevices(), QStringList{QStringLiteral("tun0")});
-    QVERIFY(trackedOpenVPN() > 0);
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (qEnvironmentVariableIsSet("HM_LAB_UNAVAILABLE")) {
+            QSKIP(qPrintable(qEnvironmentVariable("HM_LAB_UNAVAILABLE")));
+        }
+        if (lab("LAB_HELPER_SOCKET").isEmpty() || lab("LAB_SERVICE_CONTROL").isEmpty()) {
+            QSKIP(
+                "runs inside the VPN lab: testing/lab/vpn-lab.sh run --service ... --helper ... -- "
+                "<this test> (ctest does that)");
+        }
+        QVERIFY2(qEnvironmentVariable("HM_SECRET_SERVICE") == QLatin1String("keyring"),
+                 "runs on a private Secret Service (tests/support/with-secret-service.sh)");
 
-    // The token OpenVPN was answered with is the one the service handed out for this
-    // connection, and the server accepted it.
-    const QJsonObject account = m_service.account(lab("LAB_USER"));
-    QCOMPARE(account.value(QStringLiteral("vpnToken")).toString(), m_account->vpnToken());
-}
+        m_home = HMTestEnvironment::isolateUserDirectories();
+        const QString deployment = qEnvironmentVariable("XDG_CONFIG_HOME") + QLatin1Char('/') +
+                                   HMDeploymentValues::kFileName;
+        QDir().mkpath(QFileInfo(deployment).path());
+        QVERIFY(QFile::copy(lab("LAB_SERVICE_DEPLOYMENT"), deployment));
 
-void HMVPNEndToEndTest::byteCountsChargeTheAllowance()
-{
-    QVERIFY(connectAndWait());
-    const qint64 allowance = m_account->bandwidthAvailable();
-    QCOMPARE(m_vpn->bandwidthAvailable(), allowance);
+        const QString control = lab("LAB_SERVICE_CONTROL");
+        m_service.attach(control.section(QLatin1Char(':'), 0, 0),
+                         control.section(QLatin1Char(':'), 1).toInt());
 
-    // Traffic into the tunnel: datagrams to the server's end of it.
-    QUdpSocket socket;
-    const QByteArray payload(1200, 'x');
-    for (int i = 0; i < 200; ++i) {
-        socket.writeDatagram(payload, QHostAddress(QStringLiteral("10.8.0.1")), 9);
+        m_store =
+            std::make_unique<HMPreferenceStore>(m_home->filePath(QStringLiteral("prefs.json")));
+        m_routing = std::make_unique<HMWisprouteManager>(*m_store);
+        m_account = std::make_unique<HMAccountManager>(*m_store, HMSecretServiceKeychain::shared(),
+                                                       m_routing.get(), m_center);
+        m_reachability = std::make_unique<HMReachabilityManager>(
+            std::make_unique<HMNetlinkReachabilitySource>());
+        m_api = std::make_unique<HMAPIClient>(
+            HMDeploymentValues::loadFromSearchPath(),
+            [this] { return m_reachability->isReachable(); }, HMClock::system(), m_center);
+        m_account->setAPIClient(m_api.get());
+        m_account->setClosestEnabledQuery([] { return false; });
+
+        HMDaemonManager::Paths paths;
+        paths.socketPath = lab("LAB_HELPER_SOCKET");
+        paths.executableDirectory = lab("LAB_HELPER_APP_DIR");
+        paths.resourceDirectory = lab("LAB_HELPER_RESOURCES");
+        m_daemon =
+            std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths);
+        m_daemon->createCommandQueue();
+
+        m_accountAdapter = std::make_unique<HMVPNAccountAdapter>(*m_account);
+        m_reachabilityAdapter = std::make_unique<HMVPNReachabilityAdapter>(*m_reachability);
+        m_helper = std::make_unique<HMVPNDaemonAdapter>(*m_daemon);
+        m_routingAdapter = std::make_unique<HMVPNRoutingAdapter>(*m_routing);
+        HMVPNManager::Collaborators c;
+        c.account = m_accountAdapter.get();
+        c.reachability = m_reachabilityAdapter.get();
+        c.helper = m_helper.get();
+        c.routing = m_routingAdapter.get();
+        c.notifications = &m_center;
+        // The cases choose a country, so the closest-server test never runs; it is wired anyway.
+        m_closest = std::make_unique<HMClosestServerManager>(m_account.get(), HMClock::system(),
+                                                             lab("LAB_SERVICE_DOMAIN"));
+        c.closest = m_closest.get();
+        m_vpn = std::make_unique<HMVPNManager>(c);
+        HMVPNManager *vpn = m_vpn.get();
+        m_daemon->setTunnelInfo([vpn] { return vpn->connectedIp(); },
+                                [vpn] { return vpn->tapAdapter(); });
+        QObject::connect(vpn, &HMVPNManager::stateChanged,
+                         [this](VPNState, VPNState now) { m_states.append(now); });
+        m_center.addObserverForName(HMVPNManager::kOutOfDataNotification,
+                                    [this] { ++m_outOfData; });
+
+        QTRY_VERIFY_WITH_TIMEOUT(m_reachability->isReachable(), 5000);
+        QVERIFY(signIn());
+
+        // What start-up does: the helper's DNS-port check decides the OpenVPN argument form. In
+        // the lab the port is free, so the tunnel carries no default route and losing the link
+        // shows in the kernel's route lookup.
+        bool checked = false;
+        m_daemon->stopDNSProxy([this, &checked](const QVariantMap &, const HMMaybeError &) {
+            m_daemon->checkDNSPortOpen(
+                [this, &checked](const QVariantMap &, const HMMaybeError &error) {
+                    m_routing->setSupported(!error);
+                    checked = true;
+                });
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(checked, 10000);
+        QVERIFY(m_routing->isSupported());
     }
-    QTRY_VERIFY_WITH_TIMEOUT(m_vpn->bandwidthAvailable() < allowance - 200 * 1200, 15000);
-    QVERIFY(m_vpn->totalPrevious() > 200 * 1200);
-    QCOMPARE(m_vpn->state(), VPNState::Connected);
-    QCOMPARE(m_account->bandwidthAvailable(), allowance); // the service's figure stays
-}
 
-void HMVPNEndToEndTest::allowanceGoneTakesTheTunnelDown()
-{
-    QVERIFY(connectAndWait());
-    m_service.updateAccount(
-        {{QStringLiteral("username"), lab("LAB_USER")}, {QStringLiteral("dataAllowed"), 0}});
-    QVERIFY(refreshAccount());
+    void init()
+    {
+        m_states.clear();
+        m_outOfData = 0;
+    }
 
-    QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::OutOfData, 20000);
-    QCOMPARE(m_outOfData, 1);
-    QTRY_VERIFY_WITH_TIMEOUT(openVPNProcesses().isEmpty(), 10000);
-    QTRY_VERIFY_WITH_TIMEOUT(tunDevices().isEmpty(), 10000);
-    QVERIFY(m_vpn->socket() == nullptr);
+    void cleanup()
+    {
+        // Whatever a case did or failed to do: the tunnel goes down and nothing stays behind.
+        restoreLink();
+        QTRY_VERIFY_WITH_TIMEOUT(m_reachability->isReachable(), 5000);
+        disconnectAndWait();
+        QTRY_VERIFY_WITH_TIMEOUT(openVPNProcesses().isEmpty(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(tunDevices().isEmpty(), 10000);
+        m_account->setShouldReconnect(false);
+    }
 
-    // A switch-on without allowance is refused before OpenVPN is started.
-    HMMaybeError refused;
-    int completions = 0;
-    m_vpn->connectWithCompletion([&](const HMMaybeError &error) {
-        refused = error;
-        ++completions;
-    });
-    QTRY_COMPARE_WITH_TIMEOUT(completions, 1, 20000);
-    QCOMPARE(refused->localizedDescription(), QStringLiteral("Out of Data"));
-    QVERIFY(openVPNProcesses().isEmpty());
+    void cleanupTestCase()
+    {
+        if (m_vpn) {
+            disconnectAndWait();
+        }
+    }
 
-    // A top-up brings the switch back.
-    m_service.updateAccount({{QStringLiteral("username"), lab("LAB_USER")},
-                             {QStringLiteral("dataAllowed"), 1073741824}});
-    QVERIFY(refreshAccount());
-    QTRY_COMPARE(m_vpn->state(), VPNState::Disconnected);
-    QCOMPARE(m_outOfData, 1);
-}
+    void connectsToTheLabServer()
+    {
+        QVERIFY(connectAndWait());
+        QCOMPARE(m_vpn->connectedIp(), lab("LAB_SERVER_IP"));
+        QCOMPARE(m_vpn->tapAdapter(), QStringLiteral("tun0"));
+        QVERIFY(m_states.contains(VPNState::Connecting));
+        QCOMPARE(m_states.last(), VPNState::Connected);
+        QCOMPARE(tunDevices(), QStringList{QStringLiteral("tun0")});
+        QVERIFY(trackedOpenVPN() > 0);
 
-void HMVPNEndToEndTest::rotatedTokenIsRenewedOnReconnect()
-{
-    HMLogCapture log;
-    QVERIFY(connectAndWait());
-    const QString oldToken = m_account->vpnToken();
-    const int firstOpenVPN = trackedOpenVPN();
-    QVERIFY(firstOpenVPN > 0);
+        // The token OpenVPN was answered with is the one the service handed out for this
+        // connection, and the server accepted it.
+        const QJsonObject account = m_service.account(lab("LAB_USER"));
+        QCOMPARE(account.value(QStringLiteral("vpnToken")).toString(), m_account->vpnToken());
+    }
 
-    const QString newToken = QStringLiteral("rotated%1").arg(QDateTime::currentMSecsSinceEpoch());
-    m_service.updateAccount(
-        {{QStringLiteral("username"), lab("LAB_USER")}, {QStringLiteral("vpnToken"), newToken}});
-    // OpenVPN restarts its connection (as after a lost peer) and offers the token it holds,
-    // which the server now refuses.
-    m_states.clear();
-    QCOMPARE(::kill(firstOpenVPN, SIGUSR1), 0);
+    void byteCountsChargeTheAllowance()
+    {
+        QVERIFY(connectAndWait());
+        const qint64 allowance = m_account->bandwidthAvailable();
+        QCOMPARE(m_vpn->bandwidthAvailable(), allowance);
 
-    QTRY_VERIFY_WITH_TIMEOUT(m_states.contains(VPNState::Disconnecting), 20000);
-    QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Connected, kConnectTimeoutMs);
-    QCOMPARE(m_account->vpnToken(), newToken);
-    QVERIFY(oldToken != newToken);
-    const int secondOpenVPN = trackedOpenVPN();
-    QVERIFY(secondOpenVPN > 0 && secondOpenVPN != firstOpenVPN);
-    const int failed = m_states.indexOf(VPNState::Disconnecting);
-    QVERIFY(m_states.indexOf(VPNState::Connecting, failed) > failed);
-}
+        // Traffic into the tunnel: datagrams to the server's end of it.
+        QUdpSocket socket;
+        const QByteArray payload(1200, 'x');
+        for (int i = 0; i < 200; ++i) {
+            socket.writeDatagram(payload, QHostAddress(QStringLiteral("10.8.0.1")), 9);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(m_vpn->bandwidthAvailable() < allowance - 200 * 1200, 15000);
+        QVERIFY(m_vpn->totalPrevious() > 200 * 1200);
+        QCOMPARE(m_vpn->state(), VPNState::Connected);
+        QCOMPARE(m_account->bandwidthAvailable(), allowance); // the service's figure stays
+    }
 
-void HMVPNEndToEndTest::killedOpenVPNIsNoLongerConnected()
-{
-    HMLogCapture log;
-    m_account->setShouldReconnect(false);
-    QVERIFY(connectAndWait());
-    const int pid = trackedOpenVPN();
-    QVERIFY(pid > 0);
-    m_states.clear();
-    QCOMPARE(::kill(pid, SIGKILL), 0);
+    void allowanceGoneTakesTheTunnelDown()
+    {
+        QVERIFY(connectAndWait());
+        setAccountField("dataAllowed", 0);
+        QVERIFY(refreshAccount());
 
-    QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Disconnected, 20000);
-    QCOMPARE(m_states.first(), VPNState::Disconnecting);
-    QVERIFY(!m_account->shouldReconnect());
-    QVERIFY(log.contains(QStringLiteral("Lost the connection to OpenVPN")));
-    QTRY_VERIFY_WITH_TIMEOUT(tunDevices().isEmpty(), 10000);
-}
+        QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::OutOfData, 20000);
+        QCOMPARE(m_outOfData, 1);
+        QTRY_VERIFY_WITH_TIMEOUT(openVPNProcesses().isEmpty(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(tunDevices().isEmpty(), 10000);
+        QVERIFY(m_vpn->socket() == nullptr);
 
-void HMVPNEndToEndTest::linkLossDisconnectsAndReturnReconnects()
-{
-    QVERIFY(connectAndWait());
-    m_states.clear();
-    QVERIFY(runIp({QStringLiteral("link"), QStringLiteral("set"), QStringLiteral("lab0"),
-                   QStringLiteral("down")}));
+        // A switch-on without allowance is refused before OpenVPN is started.
+        HMMaybeError refused;
+        int completions = 0;
+        m_vpn->connectWithCompletion([&](const HMMaybeError &error) {
+            refused = error;
+            ++completions;
+        });
+        QTRY_COMPARE_WITH_TIMEOUT(completions, 1, 20000);
+        QCOMPARE(refused->localizedDescription(), QStringLiteral("Out of Data"));
+        QVERIFY(openVPNProcesses().isEmpty());
 
-    QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::NoConnection, 20000);
-    QVERIFY(m_account->shouldReconnect());
-    QCOMPARE(m_states.first(), VPNState::Disconnecting);
-    QTRY_VERIFY_WITH_TIMEOUT(openVPNProcesses().isEmpty(), 10000);
+        // A top-up brings the switch back.
+        setAccountField("dataAllowed", 1073741824);
+        QVERIFY(refreshAccount());
+        QTRY_COMPARE(m_vpn->state(), VPNState::Disconnected);
+        QCOMPARE(m_outOfData, 1);
+    }
 
-    // The link comes back the way a network manager brings it: up, then the default route.
-    QVERIFY(runIp({QStringLiteral("link"), QStringLiteral("set"), QStringLiteral("lab0"),
-                   QStringLiteral("up")}));
-    QVERIFY(runIp({QStringLiteral("route"), QStringLiteral("replace"), QStringLiteral("default"),
-                   QStringLiteral("via"), lab("LAB_SERVER_IP")}));
-    QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Connected, kConnectTimeoutMs);
-    QVERIFY(!m_account->shouldReconnect());
-    QCOMPARE(m_vpn->connectedIp(), lab("LAB_SERVER_IP"));
-}
+    void rotatedTokenIsRenewedOnReconnect()
+    {
+        HMLogCapture log;
+        QVERIFY(connectAndWait());
+        const QString oldToken = m_account->vpnToken();
+        const int firstOpenVPN = trackedOpenVPN();
+        QVERIFY(firstOpenVPN > 0);
+
+        const QString newToken =
+            QStringLiteral("rotated%1").arg(QDateTime::currentMSecsSinceEpoch());
+        setAccountField("vpnToken", newToken);
+        // OpenVPN restarts its connection (as after a lost peer) and offers the token it holds,
+        // which the server now refuses.
+        m_states.clear();
+        QCOMPARE(::kill(firstOpenVPN, SIGUSR1), 0);
+
+        QTRY_VERIFY_WITH_TIMEOUT(m_states.contains(VPNState::Disconnecting), 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Connected, kConnectTimeoutMs);
+        QCOMPARE(m_account->vpnToken(), newToken);
+        QVERIFY(oldToken != newToken);
+        const int secondOpenVPN = trackedOpenVPN();
+        QVERIFY(secondOpenVPN > 0 && secondOpenVPN != firstOpenVPN);
+        const int failed = m_states.indexOf(VPNState::Disconnecting);
+        QVERIFY(m_states.indexOf(VPNState::Connecting, failed) > failed);
+    }
+
+    void killedOpenVPNIsNoLongerConnected()
+    {
+        HMLogCapture log;
+        m_account->setShouldReconnect(false);
+        QVERIFY(connectAndWait());
+        const int pid = trackedOpenVPN();
+        QVERIFY(pid > 0);
+        m_states.clear();
+        QCOMPARE(::kill(pid, SIGKILL), 0);
+
+        QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Disconnected, 20000);
+        QCOMPARE(m_states.first(), VPNState::Disconnecting);
+        QVERIFY(!m_account->shouldReconnect());
+        QVERIFY(log.contains(QStringLiteral("Lost the connection to OpenVPN")));
+        QTRY_VERIFY_WITH_TIMEOUT(tunDevices().isEmpty(), 10000);
+    }
+
+    void linkLossDisconnectsAndReturnReconnects()
+    {
+        QVERIFY(connectAndWait());
+        m_states.clear();
+        QVERIFY(runIp(QStringLiteral("link set lab0 down")));
+
+        QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::NoConnection, 20000);
+        QVERIFY(m_account->shouldReconnect());
+        QCOMPARE(m_states.first(), VPNState::Disconnecting);
+        QTRY_VERIFY_WITH_TIMEOUT(openVPNProcesses().isEmpty(), 10000);
+
+        QVERIFY(restoreLink());
+        QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Connected, kConnectTimeoutMs);
+        QVERIFY(!m_account->shouldReconnect());
+        QCOMPARE(m_vpn->connectedIp(), lab("LAB_SERVER_IP"));
+    }
+};
 
 QTEST_GUILESS_MAIN(HMVPNEndToEndTest)
 #include "HMVPNEndToEndTest.moc"

@@ -7,650 +7,547 @@
 #include <QTest>
 
 namespace {
-const QString kGreeting = QStringLiteral(">INFO:OpenVPN Management Interface Version 5");
 const QString kConnected26 =
     QStringLiteral(">STATE:1795224601,CONNECTED,SUCCESS,10.8.0.6,10.99.0.1,1194,,");
+} // namespace
+
+namespace {
+// One row of the management-line rules: what the manager sends back, asks the helper for and
+// records after `lines` arrive in state `initial`.
+void rule(const char *name, VPNState initial, const QStringList &lines, VPNState expected,
+          const QStringList &commands = {}, const QStringList &helper = {},
+          const QString &connectedIp = {}, const QString &tap = {},
+          const QString &token = QStringLiteral("tok3n"), qint64 allowance = 100 * kMiB)
+{
+    QTest::newRow(name) << initial << allowance << token << lines << expected << commands << helper
+                        << connectedIp << tap;
+}
 } // namespace
 
 class HMVPNManagerTest : public QObject
 {
     Q_OBJECT
-private Q_SLOTS:
-    void initTestCase();
-    void stateStrings_data();
-    void stateStrings();
-    void openingDialogue();
-    void managementRules_data();
-    void managementRules();
-    void linesSplitAcrossWrites();
-    void byteCounts_data();
-    void byteCounts();
-    void byteCountIgnoredWhileConnecting();
-    void allowanceRule_data();
-    void allowanceRule();
-    void allowanceExhaustedWhileConnected();
-    void initialAllowance_data();
-    void initialAllowance();
-    void dnsProxyStartsOnceOnConnected();
-    void observedValues_data();
-    void observedValues();
-    void disconnectOutcomes_data();
-    void disconnectOutcomes();
-    void unexpectedDrop_data();
-    void unexpectedDrop();
 
 private:
     std::unique_ptr<QTemporaryDir> m_home;
-};
 
-void HMVPNManagerTest::initTestCase()
-{
-    m_home = HMTestEnvironment::isolateUserDirectories();
-}
+private Q_SLOTS:
+    void initTestCase() { m_home = HMTestEnvironment::isolateUserDirectories(); }
 
-void HMVPNManagerTest::stateStrings_data()
-{
-    QTest::addColumn<unsigned>("value");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("disconnected") << 0u << QStringLiteral("Disconnected");
-    QTest::newRow("disconnecting") << 1u << QStringLiteral("Disconnecting\u2026");
-    QTest::newRow("connected") << 2u << QStringLiteral("Connected");
-    QTest::newRow("connecting") << 3u << QStringLiteral("Connecting\u2026");
-    QTest::newRow("error") << 4u << QStringLiteral("Error");
-    QTest::newRow("outOfData") << 5u << QStringLiteral("Out of Data");
-    QTest::newRow("noConnection") << 6u << QStringLiteral("No Connection");
-    QTest::newRow("outsideTheTable") << 7u << QString();
-}
-
-void HMVPNManagerTest::stateStrings()
-{
-    QFETCH(unsigned, value);
-    QFETCH(QString, text);
-    QCOMPARE(vpn_state_to_string(static_cast<VPNState>(value)), text);
-}
-
-void HMVPNManagerTest::openingDialogue()
-{
-    HMVPNTestRig rig;
-    QVERIFY(rig.attach());
-    QCOMPARE(rig.server.commands(),
-             (QStringList{"state", "log on", "state on", "hold release", "bytecount 2"}));
-    // The greeting is read and changes nothing; commands that went out in time do not trip
-    // the one-second write time-out.
-    rig.clock.advance(1000);
-    QVERIFY(rig.sync());
-    QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
-    QVERIFY(rig.states.isEmpty());
-}
-
-void HMVPNManagerTest::managementRules_data()
-{
-    QTest::addColumn<VPNState>("initial");
-    QTest::addColumn<qint64>("allowance");
-    QTest::addColumn<QString>("token");
-    QTest::addColumn<QStringList>("lines");
-    QTest::addColumn<VPNState>("expected");
-    QTest::addColumn<QStringList>("commands");
-    QTest::addColumn<QStringList>("helper");
-    QTest::addColumn<QString>("connectedIp");
-    QTest::addColumn<QString>("tap");
-
-    const auto D = VPNState::Disconnected;
-    const auto C = VPNState::Connected;
-    const auto G = VPNState::Connecting;
-    const QStringList none;
-    const QStringList reconnectRequests{"stopVPN", "stopDNSProxy"};
-    const QStringList credentials{"username \"Auth\" tok3n", "password \"Auth\" tok3n"};
-    const qint64 plenty = 100 * kMiB;
-
-    QTest::newRow("holdAnsweredAfterTheFirst")
-        << C << plenty << "tok3n" << QStringList{">HOLD:Waiting for hold release:10"} << C
-        << QStringList{"hold release"} << none << ""
-        << "";
-    QTest::newRow("connectingLine")
-        << D << plenty << "tok3n" << QStringList{">CONNECTING"} << G << none << none << ""
-        << "";
-    QTest::newRow("passwordQueryAnsweredWithToken")
-        << G << plenty << "tok3n" << QStringList{">PASSWORD:Need 'Auth' username/password"} << G
-        << credentials << none << ""
-        << "";
-    QTest::newRow("passwordFailureAnsweredAgainNotReconnected")
-        << G << plenty << "tok3n"
-        << QStringList{">PASSWORD:Verification Failed: 'Auth' ['AUTH_FAILED']"} << G << credentials
-        << none << ""
-        << "";
-    QTest::newRow("tokenWithBlankIsQuoted")
-        << G << plenty << "a b\"c" << QStringList{">PASSWORD:Need 'Auth' username/password"} << G
-        << QStringList{"username \"Auth\" \"a b\\\"c\"", "password \"Auth\" \"a b\\\"c\""} << none
-        << ""
-        << "";
-    QTest::newRow("tokenWithLineBreakNotSent")
-        << G << plenty << "tok\nsignal SIGTERM"
-        << QStringList{">PASSWORD:Need 'Auth' username/password"} << G << none << none << ""
-        << "";
-    QTest::newRow("connectionResetHangsUp")
-        << C << plenty << "tok3n" << QStringList{">WSAECONNRESET:"} << C
-        << QStringList{"signal SIGHUP"} << none << ""
-        << "";
-    QTest::newRow("managementSignalExitDisconnects")
-        << C << plenty << "tok3n"
-        << QStringList{">LOG:1700000000,,Signal received from management interface, exiting"} << D
-        << none << none << ""
-        << "";
-    QTest::newRow("authFailedReconnects")
-        << C << plenty << "tok3n"
-        << QStringList{">LOG:1700000000,F,AUTH: Received control message: AUTH_FAILED"} << G << none
-        << reconnectRequests << ""
-        << "";
-    QTest::newRow("authFailedBeatsStateRules")
-        << C << plenty << "tok3n" << QStringList{">STATE:1700000000,EXITING,AUTH_FAILED,,,,,"} << G
-        << none << reconnectRequests << ""
-        << "";
-    QTest::newRow("stateReconnecting")
-        << C << plenty << "tok3n" << QStringList{">STATE:1700000000,RECONNECTING,ping-restart,,,,,"}
-        << G << none << none << ""
-        << "";
-    QTest::newRow("stateWait") << D << plenty << "tok3n"
-                               << QStringList{">STATE:1700000000,WAIT,,,,,,"} << G << none << none
-                               << ""
-                               << "";
-    QTest::newRow("stateAuth") << D << plenty << "tok3n"
-                               << QStringList{">STATE:1700000000,AUTH,,,,,,"} << G << none << none
-                               << ""
-                               << "";
-    QTest::newRow("stateAuthPending")
-        << D << plenty << "tok3n" << QStringList{">STATE:1700000000,AUTH_PENDING,,,,,,"} << G
-        << none << none << ""
-        << "";
-    QTest::newRow("stateGetConfig")
-        << D << plenty << "tok3n" << QStringList{">STATE:1700000000,GET_CONFIG,,,,,,"} << G << none
-        << none << ""
-        << "";
-    QTest::newRow("stateTcpConnectMatchesNothing")
-        << D << plenty << "tok3n" << QStringList{">STATE:1700000000,TCP_CONNECT,,,,,,"} << D << none
-        << none << ""
-        << "";
-    QTest::newRow("connectedErrorReconnects")
-        << C << plenty << "tok3n"
-        << QStringList{">STATE:1700000000,CONNECTED,ERROR,10.8.0.6,10.99.0.1,1194,,"} << G << none
-        << reconnectRequests << ""
-        << "";
-    QTest::newRow("exitingWithAllowance")
-        << C << plenty << "tok3n" << QStringList{">STATE:1700000000,EXITING,SIGTERM,,,,,"} << D
-        << none << none << ""
-        << "";
-    QTest::newRow("exitingWithoutAllowance")
-        << C << qint64(0) << "tok3n" << QStringList{">STATE:1700000000,EXITING,SIGTERM,,,,,"}
-        << VPNState::OutOfData << none << none << ""
-        << "";
-    QTest::newRow("connectedSuccessCurrentForm")
-        << G << plenty << "tok3n" << QStringList{kConnected26} << C << none << none << "10.99.0.1"
-        << "";
-    QTest::newRow("connectedSuccessOldForm")
-        << G << plenty << "tok3n"
-        << QStringList{">STATE:1700000000,CONNECTED,SUCCESS,10.8.0.6,198.51.100.7"} << C << none
-        << none << "198.51.100.7"
-        << "";
-    QTest::newRow("connectedSuccessWrappedInLog")
-        << G << plenty << "tok3n"
-        << QStringList{">LOG:1700000000,,MANAGEMENT: "
-                       ">STATE:1700000000,CONNECTED,SUCCESS,10.8.0.6,10.99.0.2,1194,,"}
-        << C << none << none << "10.99.0.2"
-        << "";
-    QTest::newRow("connectedSuccessWhileConnectedIgnored")
-        << C << plenty << "tok3n" << QStringList{kConnected26} << C << none << none << ""
-        << "";
-    QTest::newRow("stateCommandReplyIsNoStateLine")
-        << G << plenty << "tok3n"
-        << QStringList{"1700000000,CONNECTED,SUCCESS,10.8.0.6,10.99.0.1,1194,,", "END"} << G << none
-        << none << ""
-        << "";
-    QTest::newRow("tunDeviceOpened")
-        << G << plenty << "tok3n" << QStringList{">LOG:1700000000,,TUN/TAP device tun3 opened"} << G
-        << none << none << ""
-        << "tun3";
-    QTest::newRow("byteCountCarryingHoldOnlyCounts")
-        << C << plenty << "tok3n" << QStringList{">BYTECOUNT:0,0 >HOLD"} << C << none << none << ""
-        << "";
-    QTest::newRow("otherLinesIgnored")
-        << C << plenty << "tok3n"
-        << QStringList{"SUCCESS: real-time state notification set to ON", ">INFO:x",
-                       "\xff\xfe garbage"}
-        << C << none << none << ""
-        << "";
-}
-
-void HMVPNManagerTest::managementRules()
-{
-    QFETCH(VPNState, initial);
-    QFETCH(qint64, allowance);
-    QFETCH(QString, token);
-    QFETCH(QStringList, lines);
-    QFETCH(VPNState, expected);
-    QFETCH(QStringList, commands);
-    QFETCH(QStringList, helper);
-    QFETCH(QString, connectedIp);
-    QFETCH(QString, tap);
-
-    HMVPNTestRig rig(100 * kMiB);
-    if (allowance != rig.account.allowance) {
-        rig.account.setAllowance(allowance);
+    void stateStrings_data()
+    {
+        QTest::addColumn<unsigned>("value");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("disconnected") << 0u << QStringLiteral("Disconnected");
+        QTest::newRow("disconnecting") << 1u << QStringLiteral("Disconnecting\u2026");
+        QTest::newRow("connected") << 2u << QStringLiteral("Connected");
+        QTest::newRow("connecting") << 3u << QStringLiteral("Connecting\u2026");
+        QTest::newRow("error") << 4u << QStringLiteral("Error");
+        QTest::newRow("outOfData") << 5u << QStringLiteral("Out of Data");
+        QTest::newRow("noConnection") << 6u << QStringLiteral("No Connection");
+        QTest::newRow("outsideTheTable") << 7u << QString();
     }
-    rig.account.token = token;
-    rig.account.holdTokenRequests = true; // a reconnect's new attempt stays in Connecting
-    QVERIFY(rig.attach());
-    rig.vpn->setState(initial);
 
-    rig.server.sendLines(lines);
-    if (helper.isEmpty()) {
-        QVERIFY2(rig.sync(), "the management connection went away");
-    } else {
-        QTRY_VERIFY(rig.vpn->socket() == nullptr);
+    void stateStrings()
+    {
+        QFETCH(unsigned, value);
+        QFETCH(QString, text);
+        QCOMPARE(vpn_state_to_string(static_cast<VPNState>(value)), text);
     }
-    QTRY_COMPARE(rig.helper.actions(), helper);
-    HMVPNTestRig::settle();
 
-    QCOMPARE(rig.vpn->state(), expected);
-    QStringList sent = rig.laterCommands();
-    if (!helper.isEmpty()) {
-        QCOMPARE(rig.account.tokenRequests, 1); // the reconnect started a new attempt
-    } else {
-        sent.removeLast(); // the barrier's own answer
-    }
-    QCOMPARE(sent, commands);
-    QCOMPARE(rig.vpn->connectedIp(), connectedIp);
-    QCOMPARE(rig.vpn->tapAdapter(), tap);
-}
-
-void HMVPNManagerTest::linesSplitAcrossWrites()
-{
-    HMVPNTestRig rig;
-    QVERIFY(rig.attach());
-    rig.vpn->setState(VPNState::Connecting);
-    // A line cut in the middle of a word, finished in a write that also carries the next
-    // line: only a reader that joins the halves and splits at CR LF sees CONNECTED,SUCCESS
-    // and then the tunnel device.
-    rig.server.send(">STATE:1700000000,CONNECTED,SUC");
-    rig.server.send(
-        "CESS,10.8.0.6,10.99.0.5,1194,,\r\n>LOG:1700000000,,TUN/TAP device tun1 opened\r\n");
-    QVERIFY(rig.sync());
-    QCOMPARE(rig.vpn->state(), VPNState::Connected);
-    QCOMPARE(rig.vpn->connectedIp(), QStringLiteral("10.99.0.5"));
-    QCOMPARE(rig.vpn->tapAdapter(), QStringLiteral("tun1"));
-    QCOMPARE(rig.states, (QList<VPNState>{VPNState::Connecting, VPNState::Connected}));
-}
-
-void HMVPNManagerTest::byteCounts_data()
-{
-    QTest::addColumn<qint64>("meterBefore");
-    QTest::addColumn<qint64>("accountAllowance");
-    QTest::addColumn<QStringList>("lines");
-    QTest::addColumn<qint64>("expected");
-    QTest::addColumn<qint64>("totalPrevious");
-
-    QTest::newRow("firstReportCharged")
-        << qint64(10000000) << qint64(10000000) << QStringList{">BYTECOUNT:1000,2000"}
-        << qint64(9997000) << qint64(3000);
-    // Each report charges the growth since the previous one against the account's figure.
-    QTest::newRow("chargedByGrowthSinceLastReport")
-        << qint64(10000000) << qint64(10000000)
-        << QStringList{">BYTECOUNT:1000,2000", ">BYTECOUNT:3000,4000"} << qint64(9996000)
-        << qint64(7000);
-    QTest::newRow("smallerGrowthIsASmallIncreaseAndIgnored")
-        << qint64(10000000) << qint64(10000000)
-        << QStringList{">BYTECOUNT:1000,2000", ">BYTECOUNT:1500,3500"} << qint64(9997000)
-        << qint64(5000);
-    // A new OpenVPN process counts from zero again while totalPrevious stays: the computed
-    // value rises above the meter by less than 40 MiB and is dropped.
-    QTest::newRow("restartedCountsIgnored")
-        << qint64(10000000) << qint64(10000000)
-        << QStringList{">BYTECOUNT:1000,2000", ">BYTECOUNT:10,20"} << qint64(9997000) << qint64(30);
-    QTest::newRow("clampedAtZero")
-        << qint64(10000000) << qint64(10000000) << QStringList{">BYTECOUNT:9000000,2000000"}
-        << qint64(0) << qint64(11000000);
-    QTest::newRow("malformedIgnored")
-        << qint64(10000000) << qint64(10000000) << QStringList{">BYTECOUNT:1000"}
-        << qint64(10000000) << qint64(0);
-    QTest::newRow("hugeCountsSaturate")
-        << qint64(10000000) << qint64(10000000)
-        << QStringList{">BYTECOUNT:9223372036854775807,9223372036854775807"} << qint64(0)
-        << std::numeric_limits<qint64>::max();
-}
-
-void HMVPNManagerTest::byteCounts()
-{
-    QFETCH(qint64, meterBefore);
-    QFETCH(qint64, accountAllowance);
-    QFETCH(QStringList, lines);
-    QFETCH(qint64, expected);
-    QFETCH(qint64, totalPrevious);
-
-    HMVPNTestRig rig(100 * kMiB);
-    // Decreases always pass the allowance rule, so the meter can be put anywhere below.
-    rig.account.setAllowance(meterBefore);
-    rig.account.allowance = accountAllowance;
-    QCOMPARE(rig.vpn->bandwidthAvailable(), meterBefore);
-    QVERIFY(rig.attach());
-    rig.vpn->setState(VPNState::Connected);
-
-    rig.server.sendLines(lines);
-    if (expected == 0) {
-        QTRY_VERIFY(rig.vpn->socket() == nullptr);
-    } else {
+    void openingDialogue()
+    {
+        HMVPNTestRig rig;
+        QVERIFY(rig.attach());
+        QCOMPARE(rig.server.commands(),
+                 (QStringList{"state", "log on", "state on", "hold release", "bytecount 2"}));
+        // The greeting is read and changes nothing; commands that went out in time do not trip
+        // the one-second write time-out.
+        rig.clock.advance(1000);
         QVERIFY(rig.sync());
+        QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
+        QVERIFY(rig.states.isEmpty());
     }
-    QCOMPARE(rig.vpn->bandwidthAvailable(), expected);
-    QCOMPARE(rig.vpn->totalPrevious(), totalPrevious);
-    QCOMPARE(rig.account.allowance, accountAllowance); // the account's figure is never written
-}
 
-void HMVPNManagerTest::byteCountIgnoredWhileConnecting()
-{
-    HMVPNTestRig rig(100 * kMiB);
-    QVERIFY(rig.attach());
-    rig.vpn->setState(VPNState::Connecting);
-    rig.server.sendLines({">BYTECOUNT:60000000,60000000"});
-    QVERIFY(rig.sync());
-    QCOMPARE(rig.vpn->bandwidthAvailable(), 100 * kMiB);
-    QCOMPARE(rig.vpn->totalPrevious(), qint64(0));
-}
+    void managementRules_data()
+    {
+        QTest::addColumn<VPNState>("initial");
+        QTest::addColumn<qint64>("allowance");
+        QTest::addColumn<QString>("token");
+        QTest::addColumn<QStringList>("lines");
+        QTest::addColumn<VPNState>("expected");
+        QTest::addColumn<QStringList>("commands");
+        QTest::addColumn<QStringList>("helper");
+        QTest::addColumn<QString>("connectedIp");
+        QTest::addColumn<QString>("tap");
 
-void HMVPNManagerTest::allowanceRule_data()
-{
-    QTest::addColumn<qint64>("current");
-    QTest::addColumn<qint64>("offered");
-    QTest::addColumn<qint64>("expected");
-    QTest::addColumn<int>("outOfDataPosts");
+        const auto D = VPNState::Disconnected;
+        const auto C = VPNState::Connected;
+        const auto G = VPNState::Connecting;
+        const QStringList stop{"stopVPN", "stopDNSProxy"};
+        const QStringList credentials{"username \"Auth\" tok3n", "password \"Auth\" tok3n"};
+        const QString need = QStringLiteral(">PASSWORD:Need 'Auth' username/password");
 
-    QTest::newRow("smallIncreaseIgnored")
-        << qint64(9000000) << qint64(9500000) << qint64(9000000) << 0;
-    QTest::newRow("increaseJustBelow40MiBIgnored")
-        << qint64(9000000) << qint64(9000000 + 41943039) << qint64(9000000) << 0;
-    QTest::newRow("increaseOfExactly40MiBAccepted")
-        << qint64(9000000) << qint64(9000000 + 41943040) << qint64(9000000 + 41943040) << 0;
-    QTest::newRow("decreaseAccepted") << qint64(9000000) << qint64(1) << qint64(1) << 0;
-    QTest::newRow("negativeClampedToZero") << qint64(9000000) << qint64(-5) << qint64(0) << 1;
-    QTest::newRow("dropToZeroPosts") << qint64(9000000) << qint64(0) << qint64(0) << 1;
-    QTest::newRow("zeroToZeroPostsNothing") << qint64(0) << qint64(0) << qint64(0) << 0;
-    QTest::newRow("fromZeroSmallIgnored") << qint64(0) << qint64(1000) << qint64(0) << 0;
-}
+        rule("holdAnsweredAfterTheFirst", C, {">HOLD:Waiting for hold release:10"}, C,
+             {"hold release"});
+        rule("connectingLine", D, {">CONNECTING"}, G);
+        rule("passwordQueryAnsweredWithToken", G, {need}, G, credentials);
+        rule("passwordFailureAnsweredAgainNotReconnected", G,
+             {">PASSWORD:Verification Failed: 'Auth' ['AUTH_FAILED']"}, G, credentials);
+        rule("tokenWithBlankIsQuoted", G, {need}, G,
+             {"username \"Auth\" \"a b\\\"c\"", "password \"Auth\" \"a b\\\"c\""}, {}, {}, {},
+             "a b\"c");
+        rule("tokenWithLineBreakNotSent", G, {need}, G, {}, {}, {}, {}, "tok\nsignal SIGTERM");
+        rule("connectionResetHangsUp", C, {">WSAECONNRESET:"}, C, {"signal SIGHUP"});
+        rule("managementSignalExitDisconnects", C,
+             {">LOG:1700000000,,Signal received from management interface, exiting"}, D);
+        rule("authFailedReconnects", C,
+             {">LOG:1700000000,F,AUTH: Received control message: AUTH_FAILED"}, G, {}, stop);
+        rule("authFailedBeatsStateRules", C, {">STATE:1700000000,EXITING,AUTH_FAILED,,,,,"}, G, {},
+             stop);
+        rule("stateReconnecting", C, {">STATE:1700000000,RECONNECTING,ping-restart,,,,,"}, G);
+        rule("stateWait", D, {">STATE:1700000000,WAIT,,,,,,"}, G);
+        rule("stateAuth", D, {">STATE:1700000000,AUTH,,,,,,"}, G);
+        rule("stateAuthPending", D, {">STATE:1700000000,AUTH_PENDING,,,,,,"}, G);
+        rule("stateGetConfig", D, {">STATE:1700000000,GET_CONFIG,,,,,,"}, G);
+        rule("stateTcpConnectMatchesNothing", D, {">STATE:1700000000,TCP_CONNECT,,,,,,"}, D);
+        rule("connectedErrorReconnects", C,
+             {">STATE:1700000000,CONNECTED,ERROR,10.8.0.6,10.99.0.1,1194,,"}, G, {}, stop);
+        rule("exitingWithAllowance", C, {">STATE:1700000000,EXITING,SIGTERM,,,,,"}, D);
+        rule("exitingWithoutAllowance", C, {">STATE:1700000000,EXITING,SIGTERM,,,,,"},
+             VPNState::OutOfData, {}, {}, {}, {}, "tok3n", 0);
+        rule("connectedSuccessCurrentForm", G, {kConnected26}, C, {}, {}, "10.99.0.1");
+        rule("connectedSuccessOldForm", G,
+             {">STATE:1700000000,CONNECTED,SUCCESS,10.8.0.6,198.51.100.7"}, C, {}, {},
+             "198.51.100.7");
+        rule("connectedSuccessWrappedInLog", G,
+             {">LOG:1700000000,,MANAGEMENT: "
+              ">STATE:1700000000,CONNECTED,SUCCESS,10.8.0.6,10.99.0.2,1194,,"},
+             C, {}, {}, "10.99.0.2");
+        rule("connectedSuccessWhileConnectedIgnored", C, {kConnected26}, C);
+        rule("stateCommandReplyIsNoStateLine", G,
+             {"1700000000,CONNECTED,SUCCESS,10.8.0.6,10.99.0.1,1194,,", "END"}, G);
+        rule("tunDeviceOpened", G, {">LOG:1700000000,,TUN/TAP device tun3 opened"}, G, {}, {}, {},
+             "tun3");
+        rule("byteCountCarryingHoldOnlyCounts", C, {">BYTECOUNT:0,0 >HOLD"}, C);
+        rule("otherLinesIgnored", C,
+             {"SUCCESS: real-time state notification set to ON", ">INFO:x", "\xff\xfe garbage"}, C);
+    }
 
-void HMVPNManagerTest::allowanceRule()
-{
-    QFETCH(qint64, current);
-    QFETCH(qint64, offered);
-    QFETCH(qint64, expected);
-    QFETCH(int, outOfDataPosts);
+    void managementRules()
+    {
+        QFETCH(VPNState, initial);
+        QFETCH(qint64, allowance);
+        QFETCH(QString, token);
+        QFETCH(QStringList, lines);
+        QFETCH(VPNState, expected);
+        QFETCH(QStringList, commands);
+        QFETCH(QStringList, helper);
+        QFETCH(QString, connectedIp);
+        QFETCH(QString, tap);
 
-    HMVPNTestRig rig(100 * kMiB);
-    rig.vpn->setBandwidthAvailable(current);
-    QCOMPARE(rig.vpn->bandwidthAvailable(), current);
-    rig.outOfData = 0;
-    rig.vpn->setBandwidthAvailable(offered);
-    QCOMPARE(rig.vpn->bandwidthAvailable(), expected);
-    QCOMPARE(rig.outOfData, outOfDataPosts);
-}
-
-void HMVPNManagerTest::allowanceExhaustedWhileConnected()
-{
-    HMVPNTestRig rig(100 * kMiB);
-    rig.account.setAllowance(5000);
-    QVERIFY(rig.attach());
-    rig.vpn->setState(VPNState::Connected);
-    rig.server.sendLines({">BYTECOUNT:3000,3000", ">BYTECOUNT:4000,4000"});
-    QTRY_VERIFY(rig.vpn->socket() == nullptr);
-    QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
-    HMVPNTestRig::settle();
-    QCOMPARE(rig.outOfData, 1);
-    QCOMPARE(rig.vpn->state(), VPNState::OutOfData);
-    // The second line was never read: the first one took the connection down.
-    QCOMPARE(rig.vpn->totalPrevious(), qint64(6000));
-}
-
-void HMVPNManagerTest::initialAllowance_data()
-{
-    QTest::addColumn<qint64>("accountAllowance");
-    QTest::addColumn<qint64>("meter");
-    QTest::addColumn<VPNState>("state");
-    QTest::newRow("plenty") << 100 * kMiB << 100 * kMiB << VPNState::Disconnected;
-    QTest::newRow("none") << qint64(0) << qint64(0) << VPNState::OutOfData;
-    // From a meter of 0 anything under 40 MiB is a "small increase" and is dropped.
-    QTest::newRow("belowTheTopUpSize") << 1 * kMiB << qint64(0) << VPNState::OutOfData;
-}
-
-void HMVPNManagerTest::initialAllowance()
-{
-    QFETCH(qint64, accountAllowance);
-    QFETCH(qint64, meter);
-    QFETCH(VPNState, state);
-    HMVPNTestRig rig(accountAllowance);
-    QCOMPARE(rig.vpn->bandwidthAvailable(), meter);
-    QCOMPARE(rig.vpn->state(), state);
-    QCOMPARE(rig.outOfData, 0);
-}
-
-void HMVPNManagerTest::dnsProxyStartsOnceOnConnected()
-{
-    HMVPNTestRig rig;
-    rig.routing.supported = true;
-    rig.routing.mode = 2;
-    QVERIFY(rig.attach());
-    rig.vpn->setState(VPNState::Connecting);
-    rig.server.sendLines(
-        {">LOG:1700000000,,TUN/TAP device tun0 opened", kConnected26, kConnected26});
-    QVERIFY(rig.sync());
-    QCOMPARE(rig.vpn->state(), VPNState::Connected);
-    QCOMPARE(rig.helper.actions(), QStringList{"startDNSProxy"});
-    QCOMPARE(rig.helper.requests.first().tap, QStringLiteral("tun0"));
-    QCOMPARE(rig.helper.requests.first().mode, 2);
-
-    HMVPNTestRig unsupported;
-    unsupported.vpn->setState(VPNState::Connected);
-    HMVPNTestRig::settle();
-    QVERIFY(unsupported.helper.requests.isEmpty());
-}
-
-void HMVPNManagerTest::observedValues_data()
-{
-    QTest::addColumn<VPNState>("initial");
-    QTest::addColumn<bool>("wish");
-    QTest::addColumn<QStringList>("steps");
-    QTest::addColumn<VPNState>("expected");
-    QTest::addColumn<QStringList>("helper");
-    QTest::addColumn<bool>("wishAfter");
-    QTest::addColumn<int>("attempts");
-
-    const auto D = VPNState::Disconnected;
-    const auto C = VPNState::Connected;
-    const auto G = VPNState::Connecting;
-    const auto O = VPNState::OutOfData;
-    const auto N = VPNState::NoConnection;
-    const QStringList none;
-    const QStringList stop{"stopVPN", "stopDNSProxy"};
-
-    QTest::newRow("countryChangeWhileConnectedReconnects")
-        << C << false << QStringList{"country"} << G << stop << false << 1;
-    QTest::newRow("countryChangeWhileConnectingReconnects")
-        << G << false << QStringList{"country"} << G << stop << false << 1;
-    QTest::newRow("countryChangeWhileDisconnectedIgnored")
-        << D << false << QStringList{"country"} << D << none << false << 0;
-    QTest::newRow("sameCountryIgnored")
-        << C << false << QStringList{"sameCountry"} << C << none << false << 0;
-    QTest::newRow("signOutWhileConnectedDisconnects")
-        << C << false << QStringList{"signOut"} << D << stop << false << 0;
-    QTest::newRow("signOutWhileConnectingIgnored")
-        << G << false << QStringList{"signOut"} << G << none << false << 0;
-    QTest::newRow("allowanceGoneWhileConnectedDisconnects")
-        << C << false << QStringList{"allowanceZero"} << O << stop << false << 0;
-    QTest::newRow("allowanceGoneWhileConnectingIsOutOfData")
-        << G << false << QStringList{"allowanceZero"} << O << none << false << 0;
-    QTest::newRow("allowanceRegainedWhileOutOfData")
-        << D << false << QStringList{"allowanceZero", "allowanceBack"} << D << none << false << 0;
-    QTest::newRow("topUpBelow40MiBStaysOutOfData")
-        << D << false << QStringList{"allowanceZero", "allowanceSmall"} << O << none << false << 0;
-    QTest::newRow("networkLostWhileConnected")
-        << C << false << QStringList{"unreachable"} << N << stop << true << 0;
-    QTest::newRow("networkLostWhileConnectingIgnored")
-        << G << false << QStringList{"unreachable"} << G << none << false << 0;
-    QTest::newRow("networkLostWhileDisconnected")
-        << D << false << QStringList{"unreachable"} << N << none << false << 0;
-    QTest::newRow("networkBackWithWishConnects")
-        << N << true << QStringList{"reachable"} << G << none << false << 1;
-    QTest::newRow("networkBackWithoutWishRests")
-        << N << false << QStringList{"reachable"} << D << none << false << 0;
-    QTest::newRow("networkReportWhileConnectedIgnored")
-        << C << false << QStringList{"reachable"} << C << none << false << 0;
-    QTest::newRow("networkLostAndBack")
-        << C << false << QStringList{"unreachable", "reachable"} << G << stop << false << 1;
-}
-
-void HMVPNManagerTest::observedValues()
-{
-    QFETCH(VPNState, initial);
-    QFETCH(bool, wish);
-    QFETCH(QStringList, steps);
-    QFETCH(VPNState, expected);
-    QFETCH(QStringList, helper);
-    QFETCH(bool, wishAfter);
-    QFETCH(int, attempts);
-
-    HMVPNTestRig rig(100 * kMiB);
-    rig.account.holdTokenRequests = true;
-    rig.account.reconnectWish = wish;
-    rig.vpn->setState(initial);
-    for (const QString &step : steps) {
-        if (step == QLatin1String("country")) {
-            rig.account.setCountry(QStringLiteral("DE"));
-        } else if (step == QLatin1String("sameCountry")) {
-            rig.account.setCountry(rig.account.country);
-        } else if (step == QLatin1String("signOut")) {
-            rig.account.setLoggedIn(false);
-        } else if (step == QLatin1String("allowanceZero")) {
-            rig.account.setAllowance(0);
-        } else if (step == QLatin1String("allowanceBack")) {
-            rig.account.setAllowance(100 * kMiB);
-        } else if (step == QLatin1String("allowanceSmall")) {
-            rig.account.setAllowance(kMiB);
-        } else if (step == QLatin1String("unreachable")) {
-            rig.reachability.report(false);
-        } else if (step == QLatin1String("reachable")) {
-            rig.reachability.report(true);
+        HMVPNTestRig rig(100 * kMiB);
+        if (allowance != rig.account.allowance) {
+            rig.account.setAllowance(allowance);
         }
+        rig.account.token = token;
+        rig.account.holdTokenRequests = true; // a reconnect's new attempt stays in Connecting
+        QVERIFY(rig.attach());
+        rig.vpn->setState(initial);
+
+        rig.server.sendLines(lines);
+        if (helper.isEmpty()) {
+            QVERIFY2(rig.sync(), "the management connection went away");
+        } else {
+            QTRY_VERIFY(rig.vpn->socket() == nullptr);
+        }
+        QTRY_COMPARE(rig.helper.actions(), helper);
         HMVPNTestRig::settle();
+
+        QCOMPARE(rig.vpn->state(), expected);
+        QStringList sent = rig.laterCommands();
+        if (!helper.isEmpty()) {
+            QCOMPARE(rig.account.tokenRequests, 1); // the reconnect started a new attempt
+        } else {
+            sent.removeLast(); // the barrier's own answer
+        }
+        QCOMPARE(sent, commands);
+        QCOMPARE(rig.vpn->connectedIp(), connectedIp);
+        QCOMPARE(rig.vpn->tapAdapter(), tap);
     }
-    QCOMPARE(rig.vpn->state(), expected);
-    QCOMPARE(rig.helper.actions(), helper);
-    QCOMPARE(rig.account.reconnectWish, wishAfter);
-    QCOMPARE(rig.account.tokenRequests, attempts);
-}
 
-void HMVPNManagerTest::disconnectOutcomes_data()
-{
-    QTest::addColumn<bool>("stopFails");
-    QTest::addColumn<bool>("proxyStopFails");
-    QTest::addColumn<bool>("viaReconnect");
-    QTest::newRow("clean") << false << false << false;
-    QTest::newRow("helperCannotStopOpenVPN") << true << false << false;
-    QTest::newRow("helperCannotStopProxy") << false << true << false;
-    QTest::newRow("reconnectConnectsAgain") << false << false << true;
-    QTest::newRow("reconnectDespiteStopError") << true << false << true;
-    QTest::newRow("reconnectStopsAtProxyError") << false << true << true;
-}
-
-void HMVPNManagerTest::disconnectOutcomes()
-{
-    QFETCH(bool, stopFails);
-    QFETCH(bool, proxyStopFails);
-    QFETCH(bool, viaReconnect);
-
-    HMLogCapture log;
-    HMVPNTestRig rig;
-    rig.account.holdTokenRequests = true;
-    if (stopFails) {
-        rig.helper.failing.insert("stopVPN", HMError::errorWithDescription("no such process"));
+    void linesSplitAcrossWrites()
+    {
+        HMVPNTestRig rig;
+        QVERIFY(rig.attach());
+        rig.vpn->setState(VPNState::Connecting);
+        // A line cut in the middle of a word, finished in a write that also carries the next
+        // line: only a reader that joins the halves and splits at CR LF sees CONNECTED,SUCCESS
+        // and then the tunnel device.
+        rig.server.send(">STATE:1700000000,CONNECTED,SUC");
+        rig.server.send(
+            "CESS,10.8.0.6,10.99.0.5,1194,,\r\n>LOG:1700000000,,TUN/TAP device tun1 opened\r\n");
+        QVERIFY(rig.sync());
+        QCOMPARE(rig.vpn->state(), VPNState::Connected);
+        QCOMPARE(rig.vpn->connectedIp(), QStringLiteral("10.99.0.5"));
+        QCOMPARE(rig.vpn->tapAdapter(), QStringLiteral("tun1"));
+        QCOMPARE(rig.states, (QList<VPNState>{VPNState::Connecting, VPNState::Connected}));
     }
-    if (proxyStopFails) {
-        rig.helper.failing.insert("stopDNSProxy", HMError::errorWithDescription("proxy stuck"));
+
+    void byteCounts_data()
+    {
+        QTest::addColumn<VPNState>("state");
+        QTest::addColumn<QStringList>("lines");
+        QTest::addColumn<qint64>("expected");
+        QTest::addColumn<qint64>("totalPrevious");
+        const auto row = [](const char *name, const QStringList &lines, qint64 expected,
+                            qint64 total, VPNState state = VPNState::Connected) {
+            QTest::newRow(name) << state << lines << expected << total;
+        };
+        row("firstReportCharged", {">BYTECOUNT:1000,2000"}, 9997000, 3000);
+        // Each report charges the growth since the previous one against the account's figure.
+        row("chargedByGrowthSinceLastReport", {">BYTECOUNT:1000,2000", ">BYTECOUNT:3000,4000"},
+            9996000, 7000);
+        row("smallerGrowthIsASmallIncreaseAndIgnored",
+            {">BYTECOUNT:1000,2000", ">BYTECOUNT:1500,3500"}, 9997000, 5000);
+        // A new OpenVPN process counts from zero again while totalPrevious stays: the computed
+        // value rises above the meter by less than 40 MiB and is dropped.
+        row("restartedCountsIgnored", {">BYTECOUNT:1000,2000", ">BYTECOUNT:10,20"}, 9997000, 30);
+        row("clampedAtZero", {">BYTECOUNT:9000000,2000000"}, 0, 11000000);
+        row("malformedIgnored", {">BYTECOUNT:1000"}, 10000000, 0);
+        row("hugeCountsSaturate", {">BYTECOUNT:9223372036854775807,9223372036854775807"}, 0,
+            std::numeric_limits<qint64>::max());
+        row("ignoredWhileConnecting", {">BYTECOUNT:60000000,60000000"}, 10000000, 0,
+            VPNState::Connecting);
     }
-    QVERIFY(rig.attach());
-    rig.vpn->setState(VPNState::Connected);
-    rig.states.clear();
 
-    int completions = 0;
-    HMMaybeError received;
-    if (viaReconnect) {
-        rig.vpn->reconnect();
-    } else {
-        rig.vpn->disconnectWithCompletion([&](const HMMaybeError &error) {
-            ++completions;
-            received = error;
-        });
+    void byteCounts()
+    {
+        QFETCH(VPNState, state);
+        QFETCH(QStringList, lines);
+        QFETCH(qint64, expected);
+        QFETCH(qint64, totalPrevious);
+
+        HMVPNTestRig rig(100 * kMiB);
+        // Decreases always pass the allowance rule, so the meter can be put anywhere below.
+        rig.account.setAllowance(10000000);
+        QCOMPARE(rig.vpn->bandwidthAvailable(), qint64(10000000));
+        QVERIFY(rig.attach());
+        rig.vpn->setState(state);
+
+        rig.server.sendLines(lines);
+        if (expected == 0) {
+            QTRY_VERIFY(rig.vpn->socket() == nullptr);
+        } else {
+            QVERIFY(rig.sync());
+        }
+        QCOMPARE(rig.vpn->bandwidthAvailable(), expected);
+        QCOMPARE(rig.vpn->totalPrevious(), totalPrevious);
+        QCOMPARE(rig.account.allowance, qint64(10000000)); // the account's figure is never written
     }
-    QCOMPARE(rig.vpn->state(), VPNState::Disconnecting);
-    QVERIFY(rig.vpn->socket() == nullptr);
-    QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
-    HMVPNTestRig::settle();
 
-    QCOMPARE(log.contains("Could not stop daemon: no such process"), stopFails);
-    QCOMPARE(log.contains("proxy stuck"), proxyStopFails);
-    if (viaReconnect) {
-        const bool connectsAgain = !proxyStopFails;
-        QCOMPARE(rig.account.tokenRequests, connectsAgain ? 1 : 0);
-        QCOMPARE(rig.states.last(), connectsAgain ? VPNState::Connecting : VPNState::Disconnected);
-    } else {
-        QCOMPARE(completions, 1);
-        QCOMPARE(bool(received), proxyStopFails);
-        // The resting state is reached whatever the helper said.
-        QCOMPARE(rig.states, (QList<VPNState>{VPNState::Disconnecting, VPNState::Disconnected}));
+    void allowanceRule_data()
+    {
+        QTest::addColumn<qint64>("current");
+        QTest::addColumn<qint64>("offered");
+        QTest::addColumn<qint64>("expected");
+        QTest::addColumn<int>("outOfDataPosts");
+
+        const auto row = [](const char *name, qint64 current, qint64 offered, qint64 expected,
+                            int posts) {
+            QTest::newRow(name) << current << offered << expected << posts;
+        };
+        row("smallIncreaseIgnored", 9000000, 9500000, 9000000, 0);
+        row("increaseJustBelow40MiBIgnored", 9000000, 9000000 + 41943039, 9000000, 0);
+        row("increaseOfExactly40MiBAccepted", 9000000, 9000000 + 41943040, 9000000 + 41943040, 0);
+        row("decreaseAccepted", 9000000, 1, 1, 0);
+        row("negativeClampedToZero", 9000000, -5, 0, 1);
+        row("dropToZeroPosts", 9000000, 0, 0, 1);
+        row("zeroToZeroPostsNothing", 0, 0, 0, 0);
     }
-}
 
-void HMVPNManagerTest::unexpectedDrop_data()
-{
-    QTest::addColumn<VPNState>("initial");
-    QTest::addColumn<QStringList>("lastLines");
-    QTest::addColumn<bool>("wish");
-    QTest::addColumn<QList<VPNState>>("states");
+    void allowanceRule()
+    {
+        QFETCH(qint64, current);
+        QFETCH(qint64, offered);
+        QFETCH(qint64, expected);
+        QFETCH(int, outOfDataPosts);
 
-    const QList<VPNState> toRest{VPNState::Disconnecting, VPNState::Disconnected};
-    QTest::newRow("whileConnected") << VPNState::Connected << QStringList() << false << toRest;
-    QTest::newRow("whileConnectedReconnectWishKept")
-        << VPNState::Connected << QStringList() << true << toRest;
-    QTest::newRow("whileConnectingWithoutAttempt")
-        << VPNState::Connecting << QStringList() << false << toRest;
-    // OpenVPN said goodbye first: its last lines are handled, then only the helper cleans up.
-    QTest::newRow("afterExitingLine")
-        << VPNState::Connected << QStringList{">STATE:1700000000,EXITING,SIGTERM,,,,,"} << false
-        << QList<VPNState>{VPNState::Disconnected};
-    QTest::newRow("whileResting") << VPNState::Error << QStringList() << false << QList<VPNState>();
-}
+        HMVPNTestRig rig(100 * kMiB);
+        rig.vpn->setBandwidthAvailable(current);
+        QCOMPARE(rig.vpn->bandwidthAvailable(), current);
+        rig.outOfData = 0;
+        rig.vpn->setBandwidthAvailable(offered);
+        QCOMPARE(rig.vpn->bandwidthAvailable(), expected);
+        QCOMPARE(rig.outOfData, outOfDataPosts);
+    }
 
-void HMVPNManagerTest::unexpectedDrop()
-{
-    QFETCH(VPNState, initial);
-    QFETCH(QStringList, lastLines);
-    QFETCH(bool, wish);
-    QFETCH(QList<VPNState>, states);
+    void allowanceExhaustedWhileConnected()
+    {
+        HMVPNTestRig rig(100 * kMiB);
+        rig.account.setAllowance(5000);
+        QVERIFY(rig.attach());
+        rig.vpn->setState(VPNState::Connected);
+        rig.server.sendLines({">BYTECOUNT:3000,3000", ">BYTECOUNT:4000,4000"});
+        QTRY_VERIFY(rig.vpn->socket() == nullptr);
+        QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.outOfData, 1);
+        QCOMPARE(rig.vpn->state(), VPNState::OutOfData);
+        // The second line was never read: the first one took the connection down.
+        QCOMPARE(rig.vpn->totalPrevious(), qint64(6000));
+    }
 
-    HMLogCapture log;
-    HMVPNTestRig rig;
-    rig.account.reconnectWish = wish;
-    QVERIFY(rig.attach());
-    rig.vpn->setState(initial);
-    rig.states.clear();
+    void initialAllowance_data()
+    {
+        QTest::addColumn<qint64>("accountAllowance");
+        QTest::addColumn<qint64>("meter");
+        QTest::addColumn<VPNState>("state");
+        QTest::newRow("plenty") << 100 * kMiB << 100 * kMiB << VPNState::Disconnected;
+        QTest::newRow("none") << qint64(0) << qint64(0) << VPNState::OutOfData;
+        // From a meter of 0 anything under 40 MiB is a "small increase" and is dropped.
+        QTest::newRow("belowTheTopUpSize") << 1 * kMiB << qint64(0) << VPNState::OutOfData;
+    }
 
-    rig.server.sendLines(lastLines);
-    rig.server.closeClient();
-    QTRY_VERIFY(rig.vpn->socket() == nullptr);
-    QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
-    HMVPNTestRig::settle();
+    void initialAllowance()
+    {
+        QFETCH(qint64, accountAllowance);
+        QFETCH(qint64, meter);
+        QFETCH(VPNState, state);
+        HMVPNTestRig rig(accountAllowance);
+        QCOMPARE(rig.vpn->bandwidthAvailable(), meter);
+        QCOMPARE(rig.vpn->state(), state);
+        QCOMPARE(rig.outOfData, 0);
+    }
 
-    QCOMPARE(rig.states, states);
-    QCOMPARE(rig.account.reconnectWish, wish);
-    QCOMPARE(rig.account.tokenRequests, 0);
-    QVERIFY(log.contains("Lost the connection to OpenVPN"));
-    QCOMPARE(rig.connectionDidFail, 0);
-}
+    void dnsProxyStartsOnceOnConnected()
+    {
+        HMVPNTestRig rig;
+        rig.routing.supported = true;
+        rig.routing.mode = 2;
+        QVERIFY(rig.attach());
+        rig.vpn->setState(VPNState::Connecting);
+        rig.server.sendLines(
+            {">LOG:1700000000,,TUN/TAP device tun0 opened", kConnected26, kConnected26});
+        QVERIFY(rig.sync());
+        QCOMPARE(rig.vpn->state(), VPNState::Connected);
+        QCOMPARE(rig.helper.actions(), QStringList{"startDNSProxy"});
+        QCOMPARE(rig.helper.requests.first().tap, QStringLiteral("tun0"));
+        QCOMPARE(rig.helper.requests.first().mode, 2);
+
+        HMVPNTestRig unsupported;
+        unsupported.vpn->setState(VPNState::Connected);
+        HMVPNTestRig::settle();
+        QVERIFY(unsupported.helper.requests.isEmpty());
+    }
+
+    void observedValues_data()
+    {
+        QTest::addColumn<VPNState>("initial");
+        QTest::addColumn<bool>("wish");
+        QTest::addColumn<QStringList>("steps");
+        QTest::addColumn<VPNState>("expected");
+        QTest::addColumn<QStringList>("helper");
+        QTest::addColumn<bool>("wishAfter");
+        QTest::addColumn<int>("attempts");
+
+        const auto D = VPNState::Disconnected;
+        const auto C = VPNState::Connected;
+        const auto G = VPNState::Connecting;
+        const auto O = VPNState::OutOfData;
+        const auto N = VPNState::NoConnection;
+        const QStringList none;
+        const QStringList stop{"stopVPN", "stopDNSProxy"};
+
+        QTest::newRow("countryChangeWhileConnectedReconnects")
+            << C << false << QStringList{"country"} << G << stop << false << 1;
+        QTest::newRow("countryChangeWhileConnectingReconnects")
+            << G << false << QStringList{"country"} << G << stop << false << 1;
+        QTest::newRow("countryChangeWhileDisconnectedIgnored")
+            << D << false << QStringList{"country"} << D << none << false << 0;
+        QTest::newRow("sameCountryIgnored")
+            << C << false << QStringList{"sameCountry"} << C << none << false << 0;
+        QTest::newRow("signOutWhileConnectedDisconnects")
+            << C << false << QStringList{"signOut"} << D << stop << false << 0;
+        QTest::newRow("signOutWhileConnectingIgnored")
+            << G << false << QStringList{"signOut"} << G << none << false << 0;
+        QTest::newRow("allowanceGoneWhileConnectedDisconnects")
+            << C << false << QStringList{"allowanceZero"} << O << stop << false << 0;
+        QTest::newRow("allowanceGoneWhileConnectingIsOutOfData")
+            << G << false << QStringList{"allowanceZero"} << O << none << false << 0;
+        QTest::newRow("allowanceRegainedWhileOutOfData")
+            << D << false << QStringList{"allowanceZero", "allowanceBack"} << D << none << false
+            << 0;
+        QTest::newRow("topUpBelow40MiBStaysOutOfData")
+            << D << false << QStringList{"allowanceZero", "allowanceSmall"} << O << none << false
+            << 0;
+        QTest::newRow("networkLostWhileConnected")
+            << C << false << QStringList{"unreachable"} << N << stop << true << 0;
+        QTest::newRow("networkLostWhileConnectingIgnored")
+            << G << false << QStringList{"unreachable"} << G << none << false << 0;
+        QTest::newRow("networkLostWhileDisconnected")
+            << D << false << QStringList{"unreachable"} << N << none << false << 0;
+        QTest::newRow("networkBackWithWishConnects")
+            << N << true << QStringList{"reachable"} << G << none << false << 1;
+        QTest::newRow("networkBackWithoutWishRests")
+            << N << false << QStringList{"reachable"} << D << none << false << 0;
+        QTest::newRow("networkReportWhileConnectedIgnored")
+            << C << false << QStringList{"reachable"} << C << none << false << 0;
+        QTest::newRow("networkLostAndBack")
+            << C << false << QStringList{"unreachable", "reachable"} << G << stop << false << 1;
+    }
+
+    void observedValues()
+    {
+        QFETCH(VPNState, initial);
+        QFETCH(bool, wish);
+        QFETCH(QStringList, steps);
+        QFETCH(VPNState, expected);
+        QFETCH(QStringList, helper);
+        QFETCH(bool, wishAfter);
+        QFETCH(int, attempts);
+
+        HMVPNTestRig rig(100 * kMiB);
+        rig.account.holdTokenRequests = true;
+        rig.account.reconnectWish = wish;
+        rig.vpn->setState(initial);
+        for (const QString &step : steps) {
+            if (step == QLatin1String("country")) {
+                rig.account.setCountry(QStringLiteral("DE"));
+            } else if (step == QLatin1String("sameCountry")) {
+                rig.account.setCountry(rig.account.country);
+            } else if (step == QLatin1String("signOut")) {
+                rig.account.setLoggedIn(false);
+            } else if (step == QLatin1String("allowanceZero")) {
+                rig.account.setAllowance(0);
+            } else if (step == QLatin1String("allowanceBack")) {
+                rig.account.setAllowance(100 * kMiB);
+            } else if (step == QLatin1String("allowanceSmall")) {
+                rig.account.setAllowance(kMiB);
+            } else if (step == QLatin1String("unreachable")) {
+                rig.reachability.report(false);
+            } else if (step == QLatin1String("reachable")) {
+                rig.reachability.report(true);
+            }
+            HMVPNTestRig::settle();
+        }
+        QCOMPARE(rig.vpn->state(), expected);
+        QCOMPARE(rig.helper.actions(), helper);
+        QCOMPARE(rig.account.reconnectWish, wishAfter);
+        QCOMPARE(rig.account.tokenRequests, attempts);
+    }
+
+    void disconnectOutcomes_data()
+    {
+        QTest::addColumn<bool>("stopFails");
+        QTest::addColumn<bool>("proxyStopFails");
+        QTest::addColumn<bool>("viaReconnect");
+        QTest::newRow("clean") << false << false << false;
+        QTest::newRow("helperCannotStopOpenVPN") << true << false << false;
+        QTest::newRow("helperCannotStopProxy") << false << true << false;
+        QTest::newRow("reconnectConnectsAgain") << false << false << true;
+        QTest::newRow("reconnectDespiteStopError") << true << false << true;
+        QTest::newRow("reconnectStopsAtProxyError") << false << true << true;
+    }
+
+    void disconnectOutcomes()
+    {
+        QFETCH(bool, stopFails);
+        QFETCH(bool, proxyStopFails);
+        QFETCH(bool, viaReconnect);
+
+        HMLogCapture log;
+        HMVPNTestRig rig;
+        rig.account.holdTokenRequests = true;
+        if (stopFails) {
+            rig.helper.failing.insert("stopVPN", HMError::errorWithDescription("no such process"));
+        }
+        if (proxyStopFails) {
+            rig.helper.failing.insert("stopDNSProxy", HMError::errorWithDescription("proxy stuck"));
+        }
+        QVERIFY(rig.attach());
+        rig.vpn->setState(VPNState::Connected);
+        rig.states.clear();
+
+        int completions = 0;
+        HMMaybeError received;
+        if (viaReconnect) {
+            rig.vpn->reconnect();
+        } else {
+            rig.vpn->disconnectWithCompletion([&](const HMMaybeError &error) {
+                ++completions;
+                received = error;
+            });
+        }
+        QCOMPARE(rig.vpn->state(), VPNState::Disconnecting);
+        QVERIFY(rig.vpn->socket() == nullptr);
+        QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
+        HMVPNTestRig::settle();
+
+        QCOMPARE(log.contains("Could not stop daemon: no such process"), stopFails);
+        QCOMPARE(log.contains("proxy stuck"), proxyStopFails);
+        if (viaReconnect) {
+            const bool connectsAgain = !proxyStopFails;
+            QCOMPARE(rig.account.tokenRequests, connectsAgain ? 1 : 0);
+            QCOMPARE(rig.states.last(),
+                     connectsAgain ? VPNState::Connecting : VPNState::Disconnected);
+        } else {
+            QCOMPARE(completions, 1);
+            QCOMPARE(bool(received), proxyStopFails);
+            // The resting state is reached whatever the helper said.
+            QCOMPARE(rig.states,
+                     (QList<VPNState>{VPNState::Disconnecting, VPNState::Disconnected}));
+        }
+    }
+
+    void unexpectedDrop_data()
+    {
+        QTest::addColumn<VPNState>("initial");
+        QTest::addColumn<QStringList>("lastLines");
+        QTest::addColumn<bool>("wish");
+        QTest::addColumn<QList<VPNState>>("states");
+
+        const QList<VPNState> toRest{VPNState::Disconnecting, VPNState::Disconnected};
+        QTest::newRow("whileConnected") << VPNState::Connected << QStringList() << false << toRest;
+        QTest::newRow("whileConnectedReconnectWishKept")
+            << VPNState::Connected << QStringList() << true << toRest;
+        QTest::newRow("whileConnectingWithoutAttempt")
+            << VPNState::Connecting << QStringList() << false << toRest;
+        // OpenVPN said goodbye first: its last lines are handled, then only the helper cleans up.
+        QTest::newRow("afterExitingLine")
+            << VPNState::Connected << QStringList{">STATE:1700000000,EXITING,SIGTERM,,,,,"} << false
+            << QList<VPNState>{VPNState::Disconnected};
+        QTest::newRow("whileResting")
+            << VPNState::Error << QStringList() << false << QList<VPNState>();
+    }
+
+    void unexpectedDrop()
+    {
+        QFETCH(VPNState, initial);
+        QFETCH(QStringList, lastLines);
+        QFETCH(bool, wish);
+        QFETCH(QList<VPNState>, states);
+
+        HMLogCapture log;
+        HMVPNTestRig rig;
+        rig.account.reconnectWish = wish;
+        QVERIFY(rig.attach());
+        rig.vpn->setState(initial);
+        rig.states.clear();
+
+        rig.server.sendLines(lastLines);
+        rig.server.closeClient();
+        QTRY_VERIFY(rig.vpn->socket() == nullptr);
+        QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
+        HMVPNTestRig::settle();
+
+        QCOMPARE(rig.states, states);
+        QCOMPARE(rig.account.reconnectWish, wish);
+        QCOMPARE(rig.account.tokenRequests, 0);
+        QVERIFY(log.contains("Lost the connection to OpenVPN"));
+        QCOMPARE(rig.connectionDidFail, 0);
+    }
+};
 
 QTEST_GUILESS_MAIN(HMVPNManagerTest)
 #include "HMVPNManagerTest.moc"
