@@ -352,56 +352,45 @@ private Q_SLOTS:
         QTest::addColumn<QJsonObject>("overrides");
         QTest::addColumn<QString>("field");
         QTest::addColumn<QVariant>("expected");
-        QTest::newRow("allowance as text")
-            << QJsonObject{{"dataAllowed", "1024"}} << "bandwidthAvailable" << QVariant(1024LL);
-        QTest::newRow("allowance as junk text")
-            << QJsonObject{{"dataAllowed", "lots"}} << "bandwidthAvailable" << QVariant(0LL);
-        QTest::newRow("allowance as object") << QJsonObject{{"dataAllowed", QJsonObject{{"n", 1}}}}
-                                             << "bandwidthAvailable" << QVariant(0LL);
-        QTest::newRow("allowance null")
-            << QJsonObject{{"dataAllowed", QJsonValue()}} << "bandwidthAvailable" << QVariant(0LL);
-        QTest::newRow("cap as huge number")
-            << QJsonObject{{"dataCap", 1e300}} << "maxBandwidth" << QVariant(0LL);
-        QTest::newRow("confirmed as text")
-            << QJsonObject{{"emailConfirmed", "true"}} << "accountVerified" << QVariant(true);
-        QTest::newRow("paid as number")
-            << QJsonObject{{"fullVersion", 1}} << "fullVersion" << QVariant(true);
-        QTest::newRow("yearly as list")
-            << QJsonObject{{"isYearly", QJsonArray{true}}} << "canyon" << QVariant(false);
-        QTest::newRow("twitter id as number")
-            << QJsonObject{{"twitterId", 42}} << "twitterID" << QVariant(QString());
-        QTest::newRow("payment status as object") << QJsonObject{{"paymentStatus", QJsonObject()}}
-                                                  << "paymentStatus" << QVariant(QString());
-        QTest::newRow("servers as object")
-            << QJsonObject{{"vpnServers", QJsonObject{{"host", "x"}}}} << "vpnServers"
-            << QVariant(QVariantList());
-        QTest::newRow("servers with junk entries")
-            << QJsonObject{{"vpnServers", QJsonArray{"x", QJsonObject{{"host", "10.0.0.9"},
-                                                                      {"port", 443},
-                                                                      {"isUdp", false}}}}}
-            << "vpnServers"
-            << QVariant(QVariantList{
-                   QVariantMap{{"host", "10.0.0.9"}, {"port", 443}, {"isUdp", false}}});
-        QTest::newRow("countries as object")
-            << QJsonObject{{"countryList", QJsonObject{{"US", "1"}}}} << "countries"
-            << QVariant(QVariantList());
-        QTest::newRow("countries with junk entries")
-            << QJsonObject{{"countryList", QJsonArray{QJsonArray{"US"}, 5, QJsonArray{1, 2},
-                                                      QJsonArray{"DE", QJsonValue()},
-                                                      QJsonArray{"FR", "4", "extra"}}}}
-            << "countries" << QVariant(QVariantList{QVariantMap{{"id", "4"}, {"code", "FR"}}});
-        QTest::newRow("remaining time null") << QJsonObject{{"fullRemainingTime", QJsonValue()}}
-                                             << "fullRemainingTime" << QVariant();
-        QTest::newRow("remaining time as text")
-            << QJsonObject{{"fullRemainingTime", "12 days"}} << "fullRemainingTime"
-            << QVariant(QString("12 days"));
-        QTest::newRow("closest groups as text")
-            << QJsonObject{{"fastestServers", "US"}} << "closestServers" << QVariant();
-        QTest::newRow("banner as text")
-            << QJsonObject{{"bannerDisplay", "x"}} << "salePromoImageURL" << QVariant(QString());
-        QTest::newRow("banner fields as numbers")
-            << QJsonObject{{"bannerDisplay", QJsonObject{{"imageUrlRetina", 1}, {"clickLink", 2}}}}
-            << "salePromoClickURL" << QVariant(QString());
+        const auto row = [](const char *name, const QJsonObject &overrides, const char *field,
+                            const QVariant &expected) {
+            QTest::newRow(name) << overrides << QString(field) << expected;
+        };
+        row("allowance as text", {{"dataAllowed", "1024"}}, "bandwidthAvailable", 1024LL);
+        row("allowance as junk text", {{"dataAllowed", "lots"}}, "bandwidthAvailable", 0LL);
+        row("allowance as object", {{"dataAllowed", QJsonObject{{"n", 1}}}}, "bandwidthAvailable",
+            0LL);
+        row("allowance null", {{"dataAllowed", QJsonValue()}}, "bandwidthAvailable", 0LL);
+        row("cap as huge number", {{"dataCap", 1e300}}, "maxBandwidth", 0LL);
+        row("confirmed as text", {{"emailConfirmed", "true"}}, "accountVerified", true);
+        row("paid as number", {{"fullVersion", 1}}, "fullVersion", true);
+        row("yearly as list", {{"isYearly", QJsonArray{true}}}, "canyon", false);
+        row("twitter id as number", {{"twitterId", 42}}, "twitterID", QString());
+        row("payment status as object", {{"paymentStatus", QJsonObject()}}, "paymentStatus",
+            QString());
+        row("servers as object", {{"vpnServers", QJsonObject{{"host", "x"}}}}, "vpnServers",
+            QVariantList());
+        row("servers with junk entries",
+            {{"vpnServers",
+              QJsonArray{"x", QJsonObject{{"host", "10.0.0.9"}, {"port", 443}, {"isUdp", false}}}}},
+            "vpnServers",
+            QVariantList{QVariantMap{{"host", "10.0.0.9"}, {"port", 443}, {"isUdp", false}}});
+        row("countries as object", {{"countryList", QJsonObject{{"US", "1"}}}}, "countries",
+            QVariantList());
+        row("countries with junk entries",
+            {{"countryList",
+              QJsonArray{QJsonArray{"US"}, 5, QJsonArray{1, 2}, QJsonArray{"DE", QJsonValue()},
+                         QJsonArray{"FR", "4", "extra"}}}},
+            "countries", QVariantList{QVariantMap{{"id", "4"}, {"code", "FR"}}});
+        row("remaining time null", {{"fullRemainingTime", QJsonValue()}}, "fullRemainingTime",
+            QVariant());
+        row("remaining time as text", {{"fullRemainingTime", "12 days"}}, "fullRemainingTime",
+            QString("12 days"));
+        row("closest groups as text", {{"fastestServers", "US"}}, "closestServers", QVariant());
+        row("banner as text", {{"bannerDisplay", "x"}}, "salePromoImageURL", QString());
+        row("banner fields as numbers",
+            {{"bannerDisplay", QJsonObject{{"imageUrlRetina", 1}, {"clickLink", 2}}}},
+            "salePromoClickURL", QString());
     }
 
     void wrongFieldTypesReadAsDefined()

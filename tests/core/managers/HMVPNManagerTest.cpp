@@ -356,45 +356,30 @@ private Q_SLOTS:
         const auto G = VPNState::Connecting;
         const auto O = VPNState::OutOfData;
         const auto N = VPNState::NoConnection;
-        const QStringList none;
         const QStringList stop{"stopVPN", "stopDNSProxy"};
-
-        QTest::newRow("countryChangeWhileConnectedReconnects")
-            << C << false << QStringList{"country"} << G << stop << false << 1;
-        QTest::newRow("countryChangeWhileConnectingReconnects")
-            << G << false << QStringList{"country"} << G << stop << false << 1;
-        QTest::newRow("countryChangeWhileDisconnectedIgnored")
-            << D << false << QStringList{"country"} << D << none << false << 0;
-        QTest::newRow("sameCountryIgnored")
-            << C << false << QStringList{"sameCountry"} << C << none << false << 0;
-        QTest::newRow("signOutWhileConnectedDisconnects")
-            << C << false << QStringList{"signOut"} << D << stop << false << 0;
-        QTest::newRow("signOutWhileConnectingIgnored")
-            << G << false << QStringList{"signOut"} << G << none << false << 0;
-        QTest::newRow("allowanceGoneWhileConnectedDisconnects")
-            << C << false << QStringList{"allowanceZero"} << O << stop << false << 0;
-        QTest::newRow("allowanceGoneWhileConnectingIsOutOfData")
-            << G << false << QStringList{"allowanceZero"} << O << none << false << 0;
-        QTest::newRow("allowanceRegainedWhileOutOfData")
-            << D << false << QStringList{"allowanceZero", "allowanceBack"} << D << none << false
-            << 0;
-        QTest::newRow("topUpBelow40MiBStaysOutOfData")
-            << D << false << QStringList{"allowanceZero", "allowanceSmall"} << O << none << false
-            << 0;
-        QTest::newRow("networkLostWhileConnected")
-            << C << false << QStringList{"unreachable"} << N << stop << true << 0;
-        QTest::newRow("networkLostWhileConnectingIgnored")
-            << G << false << QStringList{"unreachable"} << G << none << false << 0;
-        QTest::newRow("networkLostWhileDisconnected")
-            << D << false << QStringList{"unreachable"} << N << none << false << 0;
-        QTest::newRow("networkBackWithWishConnects")
-            << N << true << QStringList{"reachable"} << G << none << false << 1;
-        QTest::newRow("networkBackWithoutWishRests")
-            << N << false << QStringList{"reachable"} << D << none << false << 0;
-        QTest::newRow("networkReportWhileConnectedIgnored")
-            << C << false << QStringList{"reachable"} << C << none << false << 0;
-        QTest::newRow("networkLostAndBack")
-            << C << false << QStringList{"unreachable", "reachable"} << G << stop << false << 1;
+        const auto row = [](const char *name, VPNState initial, const QStringList &steps,
+                            VPNState expected, const QStringList &helper = {}, int attempts = 0,
+                            bool wish = false, bool wishAfter = false) {
+            QTest::newRow(name) << initial << wish << steps << expected << helper << wishAfter
+                                << attempts;
+        };
+        row("countryChangeWhileConnectedReconnects", C, {"country"}, G, stop, 1);
+        row("countryChangeWhileConnectingReconnects", G, {"country"}, G, stop, 1);
+        row("countryChangeWhileDisconnectedIgnored", D, {"country"}, D);
+        row("sameCountryIgnored", C, {"sameCountry"}, C);
+        row("signOutWhileConnectedDisconnects", C, {"signOut"}, D, stop);
+        row("signOutWhileConnectingIgnored", G, {"signOut"}, G);
+        row("allowanceGoneWhileConnectedDisconnects", C, {"allowanceZero"}, O, stop);
+        row("allowanceGoneWhileConnectingIsOutOfData", G, {"allowanceZero"}, O);
+        row("allowanceRegainedWhileOutOfData", D, {"allowanceZero", "allowanceBack"}, D);
+        row("topUpBelow40MiBStaysOutOfData", D, {"allowanceZero", "allowanceSmall"}, O);
+        row("networkLostWhileConnected", C, {"unreachable"}, N, stop, 0, false, true);
+        row("networkLostWhileConnectingIgnored", G, {"unreachable"}, G);
+        row("networkLostWhileDisconnected", D, {"unreachable"}, N);
+        row("networkBackWithWishConnects", N, {"reachable"}, G, {}, 1, true);
+        row("networkBackWithoutWishRests", N, {"reachable"}, D);
+        row("networkReportWhileConnectedIgnored", C, {"reachable"}, C);
+        row("networkLostAndBack", C, {"unreachable", "reachable"}, G, stop, 1);
     }
 
     void observedValues()
