@@ -1,7 +1,7 @@
 #include "HMClosestServerManager.h"
 #include "HMAccountManager.h"
+#include "HMAccountWorld.h"
 #include "HMEchoLab.h"
-#include "HMMemoryKeychain.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
@@ -124,11 +124,7 @@ class HMClosestServerManagerTest : public QObject
 
 private:
     std::unique_ptr<QTemporaryDir> m_home;
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<HMPreferenceStore> m_store;
-    std::unique_ptr<HMMemoryKeychain> m_keychain;
-    std::unique_ptr<HMNotificationCenter> m_center;
-    std::unique_ptr<HMAccountManager> m_account;
+    std::unique_ptr<HMAccountWorld> m_world;
     std::unique_ptr<FakeProber> m_prober;
     std::unique_ptr<HMClosestServerManager> m_manager;
     std::unique_ptr<HMEchoLab> m_lab;
@@ -152,22 +148,17 @@ private Q_SLOTS:
 
     void init()
     {
-        m_dir = std::make_unique<QTemporaryDir>();
-        m_store =
-            std::make_unique<HMPreferenceStore>(m_dir->filePath(QStringLiteral("prefs.json")));
-        m_keychain = std::make_unique<HMMemoryKeychain>();
-        m_center = std::make_unique<HMNotificationCenter>();
-        m_account = std::make_unique<HMAccountManager>(*m_store, *m_keychain, nullptr, *m_center);
+        m_world = std::make_unique<HMAccountWorld>(false);
         m_prober = std::make_unique<FakeProber>();
-        m_manager = std::make_unique<HMClosestServerManager>(m_account.get(), HMClock::system(),
-                                                             QStringLiteral("service.test"),
-                                                             m_prober->factory());
+        m_manager = std::make_unique<HMClosestServerManager>(
+            m_world->account.get(), HMClock::system(), QStringLiteral("service.test"),
+            m_prober->factory());
     }
     void cleanup()
     {
         m_manager.reset();
         m_prober.reset();
-        m_account.reset();
+        m_world.reset();
     }
 
     void availability_data()
@@ -258,12 +249,13 @@ private Q_SLOTS:
         if (status == 0) {
             const QString key = calls.first();
             QCOMPARE(results.servers.first(), m_three.value(key).toList());
-            QCOMPARE(m_account->currentClosestCountry(), key);
-            QCOMPARE(m_account->selectedClosestServer(), m_three.value(key).toList().first());
+            QCOMPARE(m_world->account->currentClosestCountry(), key);
+            QCOMPARE(m_world->account->selectedClosestServer(),
+                     m_three.value(key).toList().first());
             QCOMPARE(m_manager->currentPingCount(), 0);
         } else {
             QVERIFY(results.servers.first().isEmpty());
-            QVERIFY(m_account->currentClosestCountry().isEmpty());
+            QVERIFY(m_world->account->currentClosestCountry().isEmpty());
         }
         // The others are only forgotten, never stopped.
         for (const auto &probe : m_prober->probes) {
@@ -405,7 +397,7 @@ private Q_SLOTS:
         // Real probes, watched so the test knows when every one of them is gone.
         QList<QPointer<SimplePingHelper>> probes;
         HMClosestServerManager manager(
-            m_account.get(), HMClock::system(), QStringLiteral("unused.test"),
+            m_world->account.get(), HMClock::system(), QStringLiteral("unused.test"),
             [&probes](const QString &host, QObject *target, SimplePingHelper::SuccessCallback s,
                       SimplePingHelper::FailureCallback f) {
                 QPointer<SimplePingHelper> probe =
@@ -436,7 +428,7 @@ private Q_SLOTS:
             const int deadline = answering.size() > 1 ? answering.at(1) : 1000;
             QVERIFY2(decidedMs >= answering.first() && decidedMs < deadline,
                      qPrintable(QString::number(decidedMs)));
-            QCOMPARE(m_account->currentClosestCountry(), expected);
+            QCOMPARE(m_world->account->currentClosestCountry(), expected);
         }
     }
 
@@ -453,7 +445,7 @@ private Q_SLOTS:
         QString error;
         const QString host = answers ? QStringLiteral("127.0.0.1") : m_lab->addBlackHole(&error);
         QVERIFY2(!host.isEmpty(), qPrintable(error));
-        HMClosestServerManager manager(m_account.get(), HMClock::system(), host);
+        HMClosestServerManager manager(m_world->account.get(), HMClock::system(), host);
         QStringList calls;
         manager.isClosestEnabledWithCompletion([&calls](bool enabled, const HMMaybeError &e) {
             calls << QStringLiteral("%1 %2").arg(enabled).arg(e ? e->localizedDescription()

@@ -1,9 +1,9 @@
 // The argument lists the helper's start requests carry, built from the account's servers,
 // the routing manager and the preferences.
 #include "HMAccountManager.h"
+#include "HMAccountWorld.h"
 #include "HMDaemonManager.h"
 #include "HMExpectedArguments.h"
-#include "HMMemoryKeychain.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
@@ -34,12 +34,7 @@ class HMDaemonLaunchConfigTest : public QObject
 
 private:
     std::unique_ptr<QTemporaryDir> m_home;
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<HMPreferenceStore> m_store;
-    HMMemoryKeychain m_keychain;
-    HMNotificationCenter m_center;
-    std::unique_ptr<HMWisprouteManager> m_routing;
-    std::unique_ptr<HMAccountManager> m_account;
+    std::unique_ptr<HMAccountWorld> m_world;
     std::unique_ptr<HMDaemonManager> m_daemon;
 
 private Q_SLOTS:
@@ -47,25 +42,19 @@ private Q_SLOTS:
 
     void init()
     {
-        m_dir = std::make_unique<QTemporaryDir>();
-        m_store = std::make_unique<HMPreferenceStore>(m_dir->filePath("prefs.json"));
-        m_routing = std::make_unique<HMWisprouteManager>(*m_store);
-        m_account =
-            std::make_unique<HMAccountManager>(*m_store, m_keychain, m_routing.get(), m_center);
+        m_world = std::make_unique<HMAccountWorld>();
         HMDaemonManager::Paths paths;
         paths.socketPath = "/nonexistent/helper.socket";
         paths.executableDirectory = "/opt/hollowmere/bin";
         paths.resourceDirectory = kResources;
-        m_daemon =
-            std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths);
+        m_daemon = std::make_unique<HMDaemonManager>(*m_world->store, m_world->account.get(),
+                                                     m_world->routing.get(), paths);
     }
 
     void cleanup()
     {
         m_daemon.reset();
-        m_account.reset();
-        m_routing.reset();
-        m_store.reset();
+        m_world.reset();
     }
 
     void daemonConfigNamesTheCompanionsBesideTheExecutable()
@@ -86,7 +75,7 @@ private Q_SLOTS:
     {
         QFETCH(bool, supported);
         QFETCH(int, size);
-        m_routing->setSupported(supported);
+        m_world->routing->setSupported(supported);
         const QStringList config = m_daemon->getVPNConfig();
         QCOMPARE(config, HMExpectedArguments::vpnConfig(kResources, supported));
         QCOMPARE(config.size(), size);
@@ -117,9 +106,9 @@ private Q_SLOTS:
         QFETCH(QVariantList, servers);
         QFETCH(QVariant, forceTCP);
         QFETCH(QString, tail);
-        m_routing->setSupported(true);
-        m_account->setVpnServers(servers);
-        m_store->setValue("vpnForceTCP", forceTCP);
+        m_world->routing->setSupported(true);
+        m_world->account->setVpnServers(servers);
+        m_world->store->setValue("vpnForceTCP", forceTCP);
         const QStringList config = m_daemon->getVPNConfig();
         QCOMPARE(config.mid(0, 47), HMExpectedArguments::vpnConfig(kResources, true));
         QCOMPARE(config.mid(47), tail.split(' '));
@@ -127,10 +116,10 @@ private Q_SLOTS:
 
     void operatorConfigFileReplacesTheBodyOnlyWhenItExists()
     {
-        m_routing->setSupported(true);
-        m_account->setVpnServers({server("a.example.net", "1194", true)});
-        const QString file = m_dir->filePath("operator.ovpn");
-        m_store->setValue("vpnConfigFile", file);
+        m_world->routing->setSupported(true);
+        m_world->account->setVpnServers({server("a.example.net", "1194", true)});
+        const QString file = m_world->dir.filePath("operator.ovpn");
+        m_world->store->setValue("vpnConfigFile", file);
         const QStringList remote{"--remote", "a.example.net", "1194", "udp"};
 
         // Missing: silently the built-in body.
@@ -181,7 +170,7 @@ private Q_SLOTS:
     {
         QFETCH(QVariant, stored);
         QFETCH(QStringList, debug);
-        m_store->setValue("debugWisproute", stored);
+        m_world->store->setValue("debugWisproute", stored);
         const QStringList config = m_daemon->getDNSProxyConfigWithWisproute(0, "tun3");
         QCOMPARE(config.mid(10), debug);
         // Without a VPN manager attached the server address is empty, not made up.

@@ -2,9 +2,9 @@
 // with a recorder standing in for OpenVPN: the application's own requests, built from its
 // own launch configuration, as the helper accepts, refuses and answers them.
 #include "HMAccountManager.h"
+#include "HMAccountWorld.h"
 #include "HMDaemonManager.h"
 #include "HMHelperInstance.h"
-#include "HMMemoryKeychain.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
@@ -35,12 +35,7 @@ class HMDaemonManagerHelperTest : public QObject
 
 private:
     std::unique_ptr<QTemporaryDir> m_home;
-    QTemporaryDir m_dir;
-    std::unique_ptr<HMPreferenceStore> m_store;
-    HMMemoryKeychain m_keychain;
-    HMNotificationCenter m_center;
-    std::unique_ptr<HMWisprouteManager> m_routing;
-    std::unique_ptr<HMAccountManager> m_account;
+    std::unique_ptr<HMAccountWorld> m_world;
     std::unique_ptr<HMHelperInstance> m_helper;
     std::unique_ptr<HMDaemonManager> m_daemon;
 
@@ -73,20 +68,17 @@ private Q_SLOTS:
         m_helper->setFakeOpenVPNMode("serve"); // listens on the namespace's :5678 until SIGTERM
         QVERIFY2(m_helper->start(&error), qPrintable(error));
 
-        m_store = std::make_unique<HMPreferenceStore>(m_dir.filePath("prefs.json"));
-        m_routing = std::make_unique<HMWisprouteManager>(*m_store);
-        m_account =
-            std::make_unique<HMAccountManager>(*m_store, m_keychain, m_routing.get(), m_center);
-        m_account->setVpnServers(
+        m_world = std::make_unique<HMAccountWorld>();
+        m_world->account->setVpnServers(
             {QVariantMap{{"host", "vpn-a.example.net"}, {"port", "1194"}, {"isUdp", true}},
              QVariantMap{{"host", "198.51.100.7"}, {"port", 443}, {"isUdp", false}}});
         HMDaemonManager::Paths paths;
         paths.socketPath = m_helper->socketPath();
         paths.executableDirectory = m_helper->path("app");
         paths.resourceDirectory = m_helper->resourceDir();
-        paths.unitDirectories = {m_dir.filePath("units")};
-        m_daemon =
-            std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths);
+        paths.unitDirectories = {m_world->dir.filePath("units")};
+        m_daemon = std::make_unique<HMDaemonManager>(*m_world->store, m_world->account.get(),
+                                                     m_world->routing.get(), paths);
         m_daemon->createCommandQueue();
     }
 
@@ -131,16 +123,17 @@ private Q_SLOTS:
         QFETCH(bool, forceTCP);
         QFETCH(QByteArray, configFile);
         QFETCH(QStringList, protocols);
-        m_routing->setSupported(selectiveRouting);
-        m_store->setValue("vpnForceTCP", forceTCP);
-        const QString file = m_dir.filePath("operator.ovpn");
+        m_world->routing->setSupported(selectiveRouting);
+        m_world->store->setValue("vpnForceTCP", forceTCP);
+        const QString file = m_world->dir.filePath("operator.ovpn");
         QVERIFY(HMTestEnvironment::writeFile(file, configFile));
-        m_store->setValue("vpnConfigFile", configFile.isEmpty() ? QVariant() : QVariant(file));
+        m_world->store->setValue("vpnConfigFile",
+                                 configFile.isEmpty() ? QVariant() : QVariant(file));
         const qsizetype before = m_helper->invocations().size();
 
         auto started = send([](HMDaemonManager &d, auto c) { d.startVPN(c); });
         QTRY_VERIFY_WITH_TIMEOUT(started->called, 15000);
-        m_store->setValue("vpnConfigFile", QVariant());
+        m_world->store->setValue("vpnConfigFile", QVariant());
         if (protocols.isEmpty()) {
             QVERIFY(started->error.has_value());
             QCOMPARE(started->status(), QStringLiteral("error"));
@@ -190,11 +183,11 @@ private Q_SLOTS:
     // Last: the helper exits.
     void oldHelperIsAskedToExitAndKeepsItsProgram()
     {
-        const QString program = m_dir.filePath("hmwispd-old");
+        const QString program = m_world->dir.filePath("hmwispd-old");
         QVERIFY(QFile::copy(HMHelperInstance::helperProgram(), program));
-        QVERIFY(
-            HMTestEnvironment::writeFile(m_dir.filePath("units/com.hollowmere.mac.hmwispd.service"),
-                                         "[Service]\nExecStart=" + program.toLocal8Bit() + "\n"));
+        QVERIFY(HMTestEnvironment::writeFile(
+            m_world->dir.filePath("units/com.hollowmere.mac.hmwispd.service"),
+            "[Service]\nExecStart=" + program.toLocal8Bit() + "\n"));
         m_daemon->removeOldDaemonIfPresent("com.hollowmere.mac.hmwispd");
         QTRY_VERIFY_WITH_TIMEOUT(!m_helper->isRunning(), 10000);
         QVERIFY(QFileInfo::exists(program));

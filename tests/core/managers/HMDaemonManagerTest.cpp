@@ -3,10 +3,10 @@
 // assertion, and a helper that accepts and never answers.
 #include "HMDaemonManager.h"
 #include "HMAccountManager.h"
+#include "HMAccountWorld.h"
 #include "HMException.h"
 #include "HMHelperPeerProcess.h"
 #include "HMLogCapture.h"
-#include "HMMemoryKeychain.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
@@ -78,12 +78,7 @@ class HMDaemonManagerTest : public QObject
 
 private:
     std::unique_ptr<QTemporaryDir> m_home;
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<HMPreferenceStore> m_store;
-    HMMemoryKeychain m_keychain;
-    HMNotificationCenter m_center;
-    std::unique_ptr<HMWisprouteManager> m_routing;
-    std::unique_ptr<HMAccountManager> m_account;
+    std::unique_ptr<HMAccountWorld> m_world;
     std::unique_ptr<HMHelperPeerProcess> m_peer;
     std::unique_ptr<HMDaemonManager> m_daemon;
 
@@ -93,7 +88,7 @@ private:
         paths.socketPath = socketPath;
         paths.executableDirectory = QStringLiteral("/opt/hollowmere/bin");
         paths.resourceDirectory = QStringLiteral("/usr/share/hollowmere");
-        paths.unitDirectories = {m_dir->filePath(QStringLiteral("units"))};
+        paths.unitDirectories = {m_world->dir.filePath(QStringLiteral("units"))};
         return paths;
     }
 
@@ -116,16 +111,12 @@ private Q_SLOTS:
 
     void init()
     {
-        m_dir = std::make_unique<QTemporaryDir>();
-        m_store =
-            std::make_unique<HMPreferenceStore>(m_dir->filePath(QStringLiteral("prefs.json")));
-        m_routing = std::make_unique<HMWisprouteManager>(*m_store);
-        m_account =
-            std::make_unique<HMAccountManager>(*m_store, m_keychain, m_routing.get(), m_center);
+        m_world = std::make_unique<HMAccountWorld>();
         m_peer = std::make_unique<HMHelperPeerProcess>();
         QVERIFY2(m_peer->start(), qPrintable(m_peer->errorString()));
-        m_daemon = std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(),
-                                                     paths(m_peer->socketPath()));
+        m_daemon =
+            std::make_unique<HMDaemonManager>(*m_world->store, m_world->account.get(),
+                                              m_world->routing.get(), paths(m_peer->socketPath()));
         m_daemon->createCommandQueue();
     }
 
@@ -134,9 +125,7 @@ private Q_SLOTS:
         // The client first: its destruction wakes an exchange blocked on a silent peer.
         m_daemon.reset();
         m_peer.reset();
-        m_account.reset();
-        m_routing.reset();
-        m_store.reset();
+        m_world.reset();
     }
 
     void everyRequestAssertsBeforeTheQueueExists_data()
@@ -156,7 +145,8 @@ private Q_SLOTS:
     void everyRequestAssertsBeforeTheQueueExists()
     {
         QFETCH(Operation, operation);
-        HMDaemonManager fresh(*m_store, m_account.get(), nullptr, paths(m_peer->socketPath()));
+        HMDaemonManager fresh(*m_world->store, m_world->account.get(), nullptr,
+                              paths(m_peer->socketPath()));
         auto outcome = std::make_shared<Outcome>();
         QString reason;
         try {
@@ -253,8 +243,8 @@ private Q_SLOTS:
     void requestDictionaries()
     {
         m_peer->setStep("*", QJsonObject{{"reply", QJsonObject{{"status", "ok"}}}});
-        m_routing->setSupported(true);
-        m_account->setVpnServers(
+        m_world->routing->setSupported(true);
+        m_world->account->setVpnServers(
             {QVariantMap{{"host", "vpn.example.net"}, {"port", "1194"}, {"isUdp", true}}});
         m_daemon->setTunnelInfo([] { return QStringLiteral("10.99.0.1"); }, nullptr);
 
@@ -353,8 +343,8 @@ private Q_SLOTS:
     void missingHelperIsAnErrorForTheCaller()
     {
         HMLogCapture log;
-        HMDaemonManager absent(*m_store, m_account.get(), nullptr,
-                               paths(m_dir->filePath("no-such.socket")));
+        HMDaemonManager absent(*m_world->store, m_world->account.get(), nullptr,
+                               paths(m_world->dir.filePath("no-such.socket")));
         absent.createCommandQueue();
         auto outcome = std::make_shared<Outcome>();
         absent.getLogs(recorder(outcome));
@@ -370,8 +360,8 @@ private Q_SLOTS:
 
     void socketIsClosedOnEveryPath()
     {
-        HMDaemonManager absent(*m_store, m_account.get(), nullptr,
-                               paths(m_dir->filePath("no-such.socket")));
+        HMDaemonManager absent(*m_world->store, m_world->account.get(), nullptr,
+                               paths(m_world->dir.filePath("no-such.socket")));
         absent.createCommandQueue();
         m_peer->setReply("checkDNSPortOpen", QJsonObject{{"status", "ok"}});
         m_peer->setReply("stopDNSProxy", QJsonObject{{"status", "error"}, {"error", "no"}});
@@ -418,11 +408,11 @@ private Q_SLOTS:
         QFETCH(QByteArray, unitText);
         QFETCH(bool, asked);
         HMLogCapture log;
-        const QString program = m_dir->filePath("old-hmwispd");
+        const QString program = m_world->dir.filePath("old-hmwispd");
         QVERIFY(HMTestEnvironment::writeFile(program, QByteArray()));
         if (!unitText.isEmpty()) {
             QVERIFY(HMTestEnvironment::writeFile(
-                m_dir->filePath("units/com.hollowmere.mac.hmwispd.service"),
+                m_world->dir.filePath("units/com.hollowmere.mac.hmwispd.service"),
                 unitText.replace("%1", program.toUtf8())));
         }
         m_peer->setReply("suicide",
@@ -446,10 +436,10 @@ private Q_SLOTS:
         m_peer->setReply("startDNSProxy", QJsonObject{{"status", "ok"}});
         m_daemon->setTunnelInfo([] { return QStringLiteral("10.99.0.1"); },
                                 [] { return QStringLiteral("tun0\r\n"); });
-        m_routing->setWisprouteMode(HMWisprouteManager::ModeExclusion);
+        m_world->routing->setWisprouteMode(HMWisprouteManager::ModeExclusion);
 
         std::optional<HMMaybeError> result;
-        m_routing->restartDnsDaemonWithCompletion(
+        m_world->routing->restartDnsDaemonWithCompletion(
             [&result](const HMMaybeError &error) { result = error; });
         QTRY_VERIFY(result.has_value());
         QVERIFY(!result->has_value());
@@ -463,7 +453,7 @@ private Q_SLOTS:
         m_peer->setReply("startDNSProxy",
                          QJsonObject{{"status", "error"}, {"error", "no DNS proxy here"}});
         result.reset();
-        m_routing->restartDnsDaemonWithCompletion(
+        m_world->routing->restartDnsDaemonWithCompletion(
             [&result](const HMMaybeError &error) { result = error; });
         QTRY_VERIFY(result.has_value());
         QCOMPARE(result->value().localizedDescription(), QStringLiteral("no DNS proxy here"));
@@ -472,7 +462,7 @@ private Q_SLOTS:
     void restartWithoutAKnownTunnelIsRefused()
     {
         std::optional<HMMaybeError> result;
-        m_routing->restartDnsDaemonWithCompletion(
+        m_world->routing->restartDnsDaemonWithCompletion(
             [&result](const HMMaybeError &error) { result = error; });
         QTRY_VERIFY(result.has_value());
         QCOMPARE(result->value().localizedDescription(),
@@ -481,7 +471,7 @@ private Q_SLOTS:
         // Once the client is gone the routing manager no longer reaches it.
         m_daemon.reset();
         result.reset();
-        m_routing->restartDnsDaemonWithCompletion(
+        m_world->routing->restartDnsDaemonWithCompletion(
             [&result](const HMMaybeError &error) { result = error; });
         QTRY_VERIFY(result.has_value());
         QVERIFY(result->has_value());
