@@ -1,6 +1,8 @@
 #include "HMConfigFileSanitizer.h"
 
+#include "HMInlineMaterial.h"
 #include "HMOpenVPNArguments.h"
+#include "HMOpenVPNConfigReader.h"
 
 #include <QHash>
 #include <QRegularExpression>
@@ -9,9 +11,6 @@
 #include <QStringList>
 
 namespace {
-
-constexpr int kMaxLineLength = 1024;
-constexpr int kMaxTokenLength = 256;
 
 enum class Value
 {
@@ -118,86 +117,26 @@ const QSet<QString> &inlineTags()
     return tags;
 }
 
-// Splits a line the way OpenVPN does: blanks separate, '#' or ';' at a token start ends the
-// line, double quotes group with backslash escapes, single quotes group literally.
-std::optional<QStringList> tokenize(const QString &line, QString *error)
+// The tokens as texts for the directive table. Control characters could only be smuggled in
+// by quoting; non-UTF-8 bytes would not survive the re-quoting unchanged.
+std::optional<QStringList> texts(const QList<QByteArray> &tokens, QString *error)
 {
-    QStringList tokens;
-    QString current;
-    bool inToken = false;
-    enum
-    {
-        Bare,
-        Double,
-        Single
-    } quote = Bare;
-    for (int i = 0; i < line.size(); ++i) {
-        const QChar c = line.at(i);
-        if (quote == Bare && !inToken) {
-            if (c.isSpace()) {
-                continue;
-            }
-            if (c == QLatin1Char('#') || c == QLatin1Char(';')) {
-                break;
-            }
-            inToken = true;
-        }
-        if (quote == Single) {
-            if (c == QLatin1Char('\'')) {
-                quote = Bare;
-            } else {
-                current += c;
-            }
-            continue;
-        }
-        if (c == QLatin1Char('\\')) {
-            if (++i >= line.size()) {
-                *error = QStringLiteral("line ends with a backslash");
-                return std::nullopt;
-            }
-            current += line.at(i);
-            continue;
-        }
-        if (quote == Double) {
-            if (c == QLatin1Char('"')) {
-                quote = Bare;
-            } else {
-                current += c;
-            }
-            continue;
-        }
-        if (c == QLatin1Char('"')) {
-            quote = Double;
-        } else if (c == QLatin1Char('\'')) {
-            quote = Single;
-        } else if (c.isSpace()) {
-            tokens << current;
-            current.clear();
-            inToken = false;
-        } else {
-            current += c;
-        }
-    }
-    if (quote != Bare) {
-        *error = QStringLiteral("unterminated quote");
-        return std::nullopt;
-    }
-    if (inToken) {
-        tokens << current;
-    }
-    for (const QString &token : tokens) {
-        if (token.size() > kMaxTokenLength) {
-            *error = QStringLiteral("a value is longer than %1 characters").arg(kMaxTokenLength);
-            return std::nullopt;
-        }
-        for (const QChar c : token) {
-            if (c.unicode() < 0x20 || c.unicode() == 0x7f) {
+    QStringList result;
+    for (const QByteArray &token : tokens) {
+        for (const char c : token) {
+            if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
                 *error = QStringLiteral("a value contains a control character");
                 return std::nullopt;
             }
         }
+        const QString text = QString::fromUtf8(token);
+        if (text.toUtf8() != token) {
+            *error = QStringLiteral("a value is not UTF-8 text");
+            return std::nullopt;
+        }
+        result << text;
     }
-    return tokens;
+    return result;
 }
 
 QString quoted(const QString &token)
@@ -251,6 +190,7 @@ QString checkValue(Value kind, const QStringList &arguments)
 
 std::optional<QByteArray> HMConfigFileSanitizer::sanitize(const QByteArray &text, QString *error)
 {
+    using Reader = HMOpenVPNConfigReader;
     if (text.size() > kMaxFileSize) {
         *error = QStringLiteral("configuration file is larger than %1 bytes").arg(kMaxFileSize);
         return std::nullopt;
@@ -259,52 +199,67 @@ std::optional<QByteArray> HMConfigFileSanitizer::sanitize(const QByteArray &text
         *error = QStringLiteral("configuration file contains a NUL byte");
         return std::nullopt;
     }
-    const QString content = QString::fromUtf8(text);
-    const QStringList lines = content.split(QLatin1Char('\n'));
-    QStringList output = {QStringLiteral("# checked copy made by hmwispd")};
-    QString openTag;
+    QList<QByteArray> lines = text.split('\n');
+    if (text.endsWith('\n')) {
+        lines.removeLast();
+    }
+    QByteArray output = "# checked copy made by hmwispd\n";
+    QByteArray openTag;
+    QList<QByteArray> block;
     for (int number = 1; number <= lines.size(); ++number) {
-        QString line = lines.at(number - 1);
-        if (line.endsWith(QLatin1Char('\r'))) {
-            line.chop(1);
-        }
+        const QByteArray &line = lines.at(number - 1);
         const auto fail = [&](const QString &why) {
             *error = QStringLiteral("configuration file line %1: %2").arg(number).arg(why);
             return std::nullopt;
         };
+        // OpenVPN would read a longer line in pieces, each judged on its own.
+        if (line.size() > Reader::kMaxLineBytes) {
+            return fail(QStringLiteral("line is longer than %1 bytes").arg(Reader::kMaxLineBytes));
+        }
         if (!openTag.isEmpty()) {
-            if (line.trimmed() == QStringLiteral("</%1>").arg(openTag)) {
-                output << QStringLiteral("</%1>").arg(openTag);
+            if (Reader::closesBlock(line, openTag)) {
+                // OpenVPN ignores whatever follows the closing tag; nothing may hide there.
+                if (!line.trimmed().endsWith('>') || line.trimmed().size() != openTag.size() + 3) {
+                    return fail(
+                        QStringLiteral("text follows </%1>").arg(QString::fromLatin1(openTag)));
+                }
+                const std::optional<QByteArray> material =
+                    HMInlineMaterial::reemit(openTag, block, error);
+                if (!material) {
+                    return fail(
+                        QStringLiteral("<%1>: %2").arg(QString::fromLatin1(openTag), *error));
+                }
+                output += '<' + openTag + ">\n" + *material + "</" + openTag + ">\n";
                 openTag.clear();
-            } else if (line.trimmed().startsWith(QLatin1Char('<'))) {
-                return fail(
-                    QStringLiteral("unexpected '%1' inside <%2>").arg(line.trimmed(), openTag));
+                block.clear();
+            } else if (line.contains('<')) {
+                return fail(QStringLiteral("unexpected '%1' inside <%2>")
+                                .arg(QString::fromUtf8(line.trimmed().left(64)),
+                                     QString::fromLatin1(openTag)));
             } else {
-                output << line;
+                block << line;
             }
-            continue;
-        }
-        if (line.size() > kMaxLineLength) {
-            return fail(QStringLiteral("line is longer than %1 characters").arg(kMaxLineLength));
-        }
-        const QString trimmed = line.trimmed();
-        if (trimmed.startsWith(QLatin1Char('<'))) {
-            static const QRegularExpression tag(QStringLiteral("^<([a-z0-9-]+)>$"));
-            const QRegularExpressionMatch match = tag.match(trimmed);
-            if (!match.hasMatch() || !inlineTags().contains(match.captured(1))) {
-                return fail(QStringLiteral("inline block '%1' is not allowed").arg(trimmed));
-            }
-            openTag = match.captured(1);
-            output << trimmed;
             continue;
         }
         QString why;
-        const std::optional<QStringList> tokens = tokenize(line, &why);
-        if (!tokens) {
+        const std::optional<QList<QByteArray>> raw = Reader::tokenize(line, &why);
+        if (!raw) {
             return fail(why);
         }
-        if (tokens->isEmpty()) {
+        if (raw->isEmpty()) {
             continue;
+        }
+        if (const std::optional<QByteArray> tag = Reader::openedTag(*raw)) {
+            if (!inlineTags().contains(QString::fromLatin1(*tag))) {
+                return fail(QStringLiteral("inline block '<%1>' is not allowed")
+                                .arg(QString::fromUtf8(tag->left(64))));
+            }
+            openTag = *tag;
+            continue;
+        }
+        const std::optional<QStringList> tokens = texts(*raw, &why);
+        if (!tokens) {
+            return fail(why);
         }
         QString name = tokens->first();
         // OpenVPN accepts "--name" in files too; the check must see the same name.
@@ -313,7 +268,7 @@ std::optional<QByteArray> HMConfigFileSanitizer::sanitize(const QByteArray &text
         }
         const auto directive = allowed().constFind(name);
         if (directive == allowed().constEnd()) {
-            return fail(QStringLiteral("directive '%1' is not allowed").arg(name));
+            return fail(QStringLiteral("directive '%1' is not allowed").arg(name.left(64)));
         }
         const QStringList arguments = tokens->mid(1);
         if (arguments.size() < directive->minArgs || arguments.size() > directive->maxArgs) {
@@ -333,13 +288,19 @@ std::optional<QByteArray> HMConfigFileSanitizer::sanitize(const QByteArray &text
         for (const QString &argument : arguments) {
             quotedLine << quoted(argument);
         }
-        output << quotedLine.join(QLatin1Char(' '));
+        const QByteArray checked = quotedLine.join(QLatin1Char(' ')).toUtf8();
+        if (checked.size() > Reader::kMaxLineBytes) {
+            return fail(QStringLiteral("line is longer than %1 bytes once quoted")
+                            .arg(Reader::kMaxLineBytes));
+        }
+        output += checked + '\n';
     }
     if (!openTag.isEmpty()) {
-        *error = QStringLiteral("configuration file ends inside <%1>").arg(openTag);
+        *error =
+            QStringLiteral("configuration file ends inside <%1>").arg(QString::fromLatin1(openTag));
         return std::nullopt;
     }
-    return (output.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8();
+    return output;
 }
 
 QString HMConfigFileSanitizer::writeCopy(const QByteArray &sanitised, const QString &runDir,

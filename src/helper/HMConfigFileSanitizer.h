@@ -2,10 +2,12 @@
 // Only directives that shape the connection itself are allowed; anything that runs
 // programs, loads code, reads or writes other files, or changes where OpenVPN lives or logs
 // (up, down, plugin, script-security, setenv, config, cd, log, writepid, management, iproute,
-// ...) is refused with its line number. Certificates and keys may come inline or as a bare
-// file name, which OpenVPN then finds in the helper's resource directory. The result is
-// re-quoted line by line, so OpenVPN parses exactly what was checked, and written as the
-// helper's own copy in its private run directory.
+// ...) is refused with its line number. Every line is judged on the tokens OpenVPN itself
+// will see (HMOpenVPNConfigReader), and a line OpenVPN would read in pieces is refused.
+// Certificates and keys may come inline, re-emitted as bare armour and base64/hex
+// (HMInlineMaterial), or as a plain file name, which OpenVPN then finds in the helper's
+// resource directory. Directives are re-quoted, so the copy written into the helper's
+// private run directory reads one way only.
 #pragma once
 
 #include <QByteArray>

@@ -135,6 +135,11 @@ private:
         QCOMPARE(::chown(QFile::encodeName(userFile(name)).constData(), owner, owner), 0);
     }
 
+    QStringList runDirEntries() const
+    {
+        return QDir(m_helper.runDir()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries);
+    }
+
     int openVPNPid() const
     {
         return HMTestEnvironment::readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
@@ -163,9 +168,16 @@ private Q_SLOTS:
         QCOMPARE(::chmod(QFile::encodeName(m_userDir).constData(), 0755), 0);
         writeUserFile("good.conf", "client\nverb 3\n", 0);
         writeUserFile("nobodys.conf", "client\n", kNobody);
-        writeUserFile("up.conf", "client\nup /tmp/evil.sh\n", 0);
-        writeUserFile("plugin.conf", "plugin /tmp/evil.so\n", 0);
-        writeUserFile("script-security.conf", "script-security 3\n", 0);
+        writeUserFile("plugin.conf", "client\nplugin /tmp/evil.so\n", 0);
+        // Desynchronisation: files that OpenVPN and a naive checker would read differently.
+        writeUserFile(
+            "early-close.conf",
+            "<ca>\n" + QByteArray(255, 'A') + "</ca>\nplugin /tmp/evil.so\n\"<ca>\"\n</ca>\n", 0);
+        writeUserFile("never-closed.conf", "client\n<key>\nAAAA\n", 0);
+        writeUserFile("tag-in-block.conf", "<cert>\n<tls-auth>\n</cert>\n", 0);
+        writeUserFile("cr-blank.conf", "setenv\rPATH\r/tmp\r\n", 0);
+        writeUserFile("nul.conf", QByteArray("verb 3\0\nup x\n", 13), 0);
+        writeUserFile("quotes.conf", "\"<ca>\"\nAAAA\n  </ca> up x\n", 0);
         QVERIFY(QFile::link(userFile("good.conf"), userFile("link.conf")));
         QCOMPARE(::mkfifo(QFile::encodeName(userFile("fifo.conf")).constData(), 0644), 0);
         QVERIFY(QFile::copy(m_helper.openVPNPath(), userFile("openvpn-copy")));
@@ -230,13 +242,19 @@ private Q_SLOTS:
             << send(withConfigFile(userFile("link.conf"))) << "symbolic link";
         QTest::newRow("--config of a FIFO")
             << send(withConfigFile(userFile("fifo.conf"))) << "is not a regular file";
-        QTest::newRow("--config with up")
-            << send(withConfigFile(userFile("up.conf"))) << "line 2: directive 'up' is not allowed";
-        QTest::newRow("--config with plugin")
-            << send(withConfigFile(userFile("plugin.conf"))) << "directive 'plugin' is not allowed";
-        QTest::newRow("--config with script-security")
-            << send(withConfigFile(userFile("script-security.conf")))
-            << "directive 'script-security' is not allowed";
+        QTest::newRow("--config with plugin") << send(withConfigFile(userFile("plugin.conf")))
+                                              << "line 2: directive 'plugin' is not allowed";
+        const QList<QPair<const char *, const char *>> desync = {
+            {"early-close.conf", "line 2: line is longer than 254 bytes"},
+            {"never-closed.conf", "ends inside <key>"},
+            {"tag-in-block.conf", "line 2: unexpected '<tls-auth>' inside <cert>"},
+            {"cr-blank.conf", "directive 'setenv' is not allowed"},
+            {"nul.conf", "contains a NUL byte"},
+            {"quotes.conf", "line 3: text follows </ca>"},
+        };
+        for (const auto &[file, reason] : desync) {
+            QTest::addRow("--config %s", file) << send(withConfigFile(userFile(file))) << reason;
+        }
         QCborMap extraKey = withArguments([](QStringList &) {});
         extraKey.insert(QStringLiteral("exec"), QStringLiteral("/bin/sh"));
         QTest::newRow("startVPN with an extra key")
@@ -283,6 +301,7 @@ private Q_SLOTS:
         QFETCH(QString, reason);
         const qsizetype startedBefore = m_helper.invocations().size();
         const qsizetype logBefore = m_helper.daemonLog().size();
+        const QStringList runBefore = runDirEntries();
 
         const QCborMap reply = exchange(m_helper);
         QCOMPARE(status(reply), QString("error"));
@@ -290,6 +309,7 @@ private Q_SLOTS:
 
         QCOMPARE(m_helper.invocations().size(), startedBefore);
         QVERIFY(!QFile::exists(m_helper.runDir() + "/openvpn.pid"));
+        QCOMPARE(runDirEntries(), runBefore);
         const QString logged = m_helper.daemonLog().mid(logBefore);
         QVERIFY2(logged.contains("refused") && logged.contains(reason), qPrintable(logged));
         QVERIFY(m_helper.isRunning());
