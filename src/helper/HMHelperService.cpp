@@ -47,7 +47,7 @@ std::optional<QStringList> stringList(const QCborValue &value, const QString &wh
 } // namespace
 
 HMHelperService::HMHelperService(const HMHelperConfig &config, HMHelperLog &log)
-    : m_config(config), m_log(log), m_openVPN(config, log)
+    : m_config(config), m_log(log), m_openVPN(config, log), m_ownership(config)
 {}
 
 QCborMap HMHelperService::okReply()
@@ -140,6 +140,11 @@ HMHelperService::Outcome HMHelperService::handle(const QCborMap &request,
         return outcome;
     }
     const QString action = actionValue.toString();
+    const QString foreign = m_ownership.check(peer, action);
+    if (!foreign.isEmpty()) {
+        outcome.reply = refuse(peer, action, foreign);
+        return outcome;
+    }
 
     const auto shape = [&](const QStringList &required, const QStringList &optional) {
         return checkKeys(request, QStringList{kAction} + required, optional,
@@ -249,6 +254,9 @@ QCborMap HMHelperService::startVPN(const QCborMap &request, const HMPeerCredenti
         return refuse(peer, action, problem);
     }
     m_log.write(QStringLiteral("startVPN from %1").arg(peer.describe()));
+    if (!m_ownership.claim(peer, &problem)) {
+        return failure(peer, action, problem);
+    }
     const QString why =
         m_openVPN.start(HMOpenVPNArguments::build(*launch, m_config, sanitisedPath));
     return why.isEmpty() ? okReply() : failure(peer, action, why);
@@ -257,6 +265,9 @@ QCborMap HMHelperService::startVPN(const QCborMap &request, const HMPeerCredenti
 QCborMap HMHelperService::stopVPN(const HMPeerCredentials &peer)
 {
     const QString why = m_openVPN.stop();
+    if (why.isEmpty()) {
+        m_ownership.release();
+    }
     return why.isEmpty() ? okReply() : failure(peer, QStringLiteral("stopVPN"), why);
 }
 

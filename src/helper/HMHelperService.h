@@ -7,6 +7,7 @@
 
 #include "HMHelperConfig.h"
 #include "HMOpenVPNController.h"
+#include "HMTunnelOwnership.h"
 
 #include <QCborMap>
 #include <QString>
@@ -46,4 +47,5 @@ private:
     HMHelperConfig m_config;
     HMHelperLog &m_log;
     HMOpenVPNController m_openVPN;
+    HMTunnelOwnership m_ownership;
 };

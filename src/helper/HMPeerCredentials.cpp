@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <grp.h>
+#include <pwd.h>
 #include <sys/socket.h>
 
 #ifndef SO_PEERGROUPS
@@ -45,27 +46,73 @@ std::optional<HMPeerCredentials> HMPeerCredentials::fromSocket(int fd, QString *
     return peer;
 }
 
-bool HMPeerCredentials::isMemberOf(gid_t group) const
+namespace {
+
+// Calls a reentrant group/passwd lookup with a buffer that grows until the entry fits.
+// The entry found points into the buffer, which the caller keeps.
+template <typename Lookup> bool lookUp(std::vector<char> &buffer, Lookup lookup)
 {
-    return gid == group || std::find(groups.begin(), groups.end(), group) != groups.end();
+    buffer.resize(4096);
+    for (;;) {
+        const int result = lookup(buffer);
+        if (result != ERANGE || buffer.size() >= (1u << 24)) {
+            return result == 0;
+        }
+        buffer.resize(buffer.size() * 2);
+    }
 }
+
+} // namespace
 
 bool HMPeerCredentials::isAllowed(const QString &groupName) const
 {
     if (isRoot()) {
         return true;
     }
-    struct group entry
+    const QByteArray name = groupName.toLocal8Bit();
+    struct group groupEntry
     {
     };
-    struct group *found = nullptr;
-    std::vector<char> buffer(16384);
-    const QByteArray name = groupName.toLocal8Bit();
-    if (::getgrnam_r(name.constData(), &entry, buffer.data(), buffer.size(), &found) != 0 ||
-        !found) {
+    struct group *group = nullptr;
+    std::vector<char> groupBuffer;
+    if (!lookUp(groupBuffer,
+                [&](std::vector<char> &buffer) {
+                    return ::getgrnam_r(name.constData(), &groupEntry, buffer.data(), buffer.size(),
+                                        &group);
+                }) ||
+        !group) {
         return false;
     }
-    return isMemberOf(found->gr_gid);
+    const gid_t wanted = group->gr_gid;
+
+    // The group database as it stands now decides, not the groups the peer's process was
+    // started with: a user just added is served without logging in again, and one just
+    // removed no longer is.
+    struct passwd userEntry
+    {
+    };
+    struct passwd *user = nullptr;
+    std::vector<char> userBuffer;
+    if (!lookUp(userBuffer,
+                [&](std::vector<char> &buffer) {
+                    return ::getpwuid_r(uid, &userEntry, buffer.data(), buffer.size(), &user);
+                }) ||
+        !user) {
+        return false;
+    }
+    if (user->pw_gid == wanted) {
+        return true;
+    }
+    std::vector<gid_t> listed(64);
+    int count = static_cast<int>(listed.size());
+    while (::getgrouplist(user->pw_name, user->pw_gid, listed.data(), &count) < 0) {
+        if (count <= static_cast<int>(listed.size()) || count > 65536) {
+            return false;
+        }
+        listed.resize(static_cast<size_t>(count));
+    }
+    listed.resize(static_cast<size_t>(count));
+    return std::find(listed.begin(), listed.end(), wanted) != listed.end();
 }
 
 QString HMPeerCredentials::describe() const

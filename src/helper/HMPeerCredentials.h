@@ -1,6 +1,7 @@
 // Who is on the other end of a helper connection, as the kernel reports it for the socket
 // (SO_PEERCRED and SO_PEERGROUPS, fixed when the client connected). The helper serves only
-// root and members of its group; everyone else gets an error and nothing runs. Files that a
+// root and the users its group has in the system's group database at that moment, whatever
+// groups the connecting process carries; everyone else gets an error and nothing runs. Files that a
 // request names are read with these credentials (HMPeerFileReader), never as root.
 #pragma once
 
@@ -20,9 +21,8 @@ public:
     static std::optional<HMPeerCredentials> fromSocket(int fd, QString *error);
 
     bool isRoot() const { return uid == 0; }
-    bool isMemberOf(gid_t group) const;
-    // Root, or a member of the named group (primary or supplementary). A group that does not
-    // exist on this machine admits nobody but root.
+    // Root, or a user whom the group database lists in the named group now (as primary or
+    // supplementary group). A group that does not exist on this machine admits nobody but root.
     bool isAllowed(const QString &groupName) const;
     QString describe() const;
 };

@@ -1,13 +1,14 @@
 // hm-test-helper-probe: one request to the helper from whatever user runs it (tests start
 // it through setpriv as another user). Prints the reply as JSON, or "transport: <error>".
 //
-//   hm-test-helper-probe <socket> <action>
+//   hm-test-helper-probe <socket> <action | whole request as a JSON object>
 #include "HMWireCodec.h"
 #include "HMWireServer.h"
 #include "HMWireSocket.h"
 
 #include <QCborMap>
 #include <QJsonDocument>
+#include <QJsonObject>
 
 #include <cstdio>
 #include <unistd.h>
@@ -25,7 +26,12 @@ int main(int argc, char **argv)
         return 1;
     }
     QCborMap request;
-    request.insert(QStringLiteral("action"), QString::fromLocal8Bit(argv[2]));
+    const QByteArray action(argv[2]);
+    if (action.startsWith('{')) {
+        request = QCborMap::fromJsonObject(QJsonDocument::fromJson(action).object());
+    } else {
+        request.insert(QStringLiteral("action"), QString::fromLocal8Bit(action));
+    }
     // A refused peer may be answered before its request is read; its write can then fail
     // while the reply is still there to read.
     write_data(fd, encode_dictionary(request));

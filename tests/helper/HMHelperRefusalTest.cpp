@@ -28,7 +28,32 @@ Q_DECLARE_METATYPE(Exchange)
 namespace {
 
 constexpr uid_t kNobody = 65534;
-const QString kTestGroup = QStringLiteral("users");
+// A second group member: the system account "daemon".
+constexpr uid_t kDaemon = 1;
+// The helper's group, private to this test process: members are added and removed while
+// the helper runs, and other test processes must not see that.
+const QString kTestGroup = QStringLiteral("hmt%1").arg(::getpid());
+
+// groupadd, groupdel and gpasswd, retried while another process holds the group file's lock.
+bool editGroups(const QString &tool, const QStringList &arguments)
+{
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        QProcess process;
+        process.start(HMTestEnvironment::findProgram(tool), arguments);
+        if (process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit &&
+            process.exitCode() == 0) {
+            return true;
+        }
+        QTest::qWait(100);
+    }
+    return false;
+}
+
+bool setMember(const QString &user, bool member)
+{
+    return editGroups(QStringLiteral("gpasswd"),
+                      {member ? QStringLiteral("-a") : QStringLiteral("-d"), user, kTestGroup});
+}
 
 QByteArray frame(quint64 length, const QByteArray &payload = QByteArray())
 {
@@ -50,16 +75,27 @@ QString errorText(const QCborMap &reply)
     return reply.value(QStringLiteral("error")).toString();
 }
 
-// One request from a process running as nobody, in `groups` (none when empty).
-QCborMap callAsNobody(HMHelperInstance &helper, const QString &groups)
+// One request from a process running as uid (its own group, plus `groups`, none when
+// empty). The process starts first and connects only once `beforeConnecting` has run, so a
+// change to the group database lands after its credentials were fixed.
+QCborMap callAs(HMHelperInstance &helper, uid_t uid, const QString &groups,
+                const QByteArray &request = "checkDNSPortOpen",
+                const std::function<void()> &beforeConnecting = {})
 {
     QProcess probe;
     probe.start(
         HMTestEnvironment::findProgram(QStringLiteral("setpriv")),
-        {QStringLiteral("--reuid=%1").arg(kNobody), QStringLiteral("--regid=%1").arg(kNobody),
+        {QStringLiteral("--reuid=%1").arg(uid), QStringLiteral("--regid=%1").arg(uid),
          groups.isEmpty() ? QStringLiteral("--clear-groups") : QStringLiteral("--groups=") + groups,
-         helper.path(QStringLiteral("bin/probe")), helper.socketPath(),
-         QStringLiteral("checkDNSPortOpen")});
+         QStringLiteral("/bin/sh"), QStringLiteral("-c"),
+         QStringLiteral("read go && exec \"$0\" \"$@\""), helper.path(QStringLiteral("bin/probe")),
+         helper.socketPath(), QString::fromUtf8(request)});
+    probe.waitForStarted();
+    if (beforeConnecting) {
+        beforeConnecting();
+    }
+    probe.write("go\n");
+    probe.closeWriteChannel();
     probe.waitForFinished(20000);
     const QByteArray output = probe.readAllStandardOutput().trimmed();
     const QJsonDocument reply = QJsonDocument::fromJson(output);
@@ -67,6 +103,11 @@ QCborMap callAsNobody(HMHelperInstance &helper, const QString &groups)
                ? QCborMap::fromJsonObject(reply.object())
                : QCborMap{{QStringLiteral("status"),
                            QString("no reply: " + output + probe.readAllStandardError())}};
+}
+
+QByteArray json(const QCborMap &request)
+{
+    return QJsonDocument(request.toJsonObject()).toJson(QJsonDocument::Compact);
 }
 
 } // namespace
@@ -80,6 +121,7 @@ private:
     HMHelperInstance m_helper;
     QString m_userDir;
     bool m_ready = false;
+    bool m_groupAdded = false;
 
     QString userFile(const QString &name) const { return m_userDir + QLatin1Char('/') + name; }
 
@@ -154,7 +196,8 @@ private Q_SLOTS:
             QSKIP("needs root, network namespaces, systemd-socket-activate and setpriv");
         }
         m_home = HMTestEnvironment::isolateUserDirectories();
-        QVERIFY2(::getgrnam(qPrintable(kTestGroup)), "the group 'users' is missing");
+        QVERIFY2(editGroups(QStringLiteral("groupadd"), {kTestGroup}), "cannot add a group");
+        m_groupAdded = true;
         HMHelperInstance::Options options;
         options.openVPN = HMHelperInstance::testProgram(QStringLiteral("hm-test-fake-openvpn"));
         options.group = kTestGroup;
@@ -188,6 +231,13 @@ private Q_SLOTS:
         m_ready = true;
     }
 
+    void cleanupTestCase()
+    {
+        if (m_groupAdded) {
+            editGroups(QStringLiteral("groupdel"), {kTestGroup});
+        }
+    }
+
     void init()
     {
         if (!m_ready || m_helper.isRunning()) {
@@ -203,9 +253,6 @@ private Q_SLOTS:
         QTest::addColumn<Exchange>("exchange");
         QTest::addColumn<QString>("reason");
 
-        QTest::newRow("peer neither root nor in the group")
-            << Exchange([](HMHelperInstance &h) { return callAsNobody(h, QString()); })
-            << "only root and members of the group 'users' may use the helper";
         QTest::newRow("daemonConfig naming another executable")
             << send(withOpenVPNPath("/bin/sh"))
             << "daemonConfig names '/bin/sh', which is not the helper's OpenVPN";
@@ -315,11 +362,81 @@ private Q_SLOTS:
         QVERIFY(m_helper.isRunning());
     }
 
-    void groupMemberIsServed()
+    void membershipIsReadFromTheGroupDatabase_data()
     {
+        QTest::addColumn<bool>("listed");
+        QTest::addColumn<bool>("carried");
+        QTest::addColumn<QString>("reason");
+        const QString refusal = "only root and members of the group '" + kTestGroup + "'";
+        QTest::newRow("neither listed nor carried") << false << false << refusal;
+        QTest::newRow("carried by the process, no longer listed") << false << true << refusal;
+        QTest::newRow("listed after the process started") << true << false << QString();
+    }
+
+    void membershipIsReadFromTheGroupDatabase()
+    {
+        QFETCH(bool, listed);
+        QFETCH(bool, carried);
+        QFETCH(QString, reason);
+        const QString gid = QString::number(::getgrnam(qPrintable(kTestGroup))->gr_gid);
+        bool changed = true;
         const QCborMap reply =
-            callAsNobody(m_helper, QString::number(::getgrnam(qPrintable(kTestGroup))->gr_gid));
-        QCOMPARE(status(reply), QString("ok"));
+            callAs(m_helper, kNobody, carried ? gid : QString(), "checkDNSPortOpen",
+                   [&] { changed = !listed || setMember("nobody", true); });
+        if (listed) {
+            setMember(QStringLiteral("nobody"), false);
+        }
+        QVERIFY(changed);
+        QVERIFY2(errorText(reply).contains(reason), qPrintable(errorText(reply)));
+        QCOMPARE(status(reply), reason.isEmpty() ? QString("ok") : QString("error"));
+        if (!reason.isEmpty()) {
+            QVERIFY(m_helper.daemonLog().contains("refused request from uid 65534"));
+        }
+    }
+
+    // A tunnel started by one member is stopped, read, steered or replaced by nobody else but
+    // root; once it is gone, any member may start one.
+    void tunnelBelongsToTheUserWhoStartedIt()
+    {
+        QVERIFY(setMember(QStringLiteral("nobody"), true));
+        QVERIFY(setMember(QStringLiteral("daemon"), true));
+        const auto cleanup = qScopeGuard([] {
+            setMember(QStringLiteral("nobody"), false);
+            setMember(QStringLiteral("daemon"), false);
+        });
+        m_helper.setFakeOpenVPNMode("serve");
+        const QCborMap start = m_helper.startVPNRequest(m_helper.applicationArguments(false, {}));
+        QCOMPARE(status(callAs(m_helper, kNobody, QString(), json(start))), QString("ok"));
+        const int pid = openVPNPid();
+        QVERIFY(pid > 1);
+
+        QCborMap proxy = HMHelperInstance::request("stopDNSProxy");
+        proxy.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
+        const QList<QCborMap> foreign = {start, HMHelperInstance::request("stopVPN"),
+                                         HMHelperInstance::request("getLogs"), proxy,
+                                         HMHelperInstance::request("suicide")};
+        for (const QCborMap &request : foreign) {
+            const QString action = request.value(QStringLiteral("action")).toString();
+            const QCborMap reply = callAs(m_helper, kDaemon, QString(), json(request));
+            QCOMPARE(status(reply), QString("error"));
+            QVERIFY2(errorText(reply).contains("the running tunnel belongs to uid 65534; only "
+                                               "that user or root may use " +
+                                               action),
+                     qPrintable(action + ": " + errorText(reply)));
+            QVERIFY(m_helper.daemonLog().contains("refused " + action + " from uid 1 "));
+            QCOMPARE(openVPNPid(), pid);
+            QVERIFY(m_helper.isRunning());
+        }
+        QCOMPARE(status(callAs(m_helper, kNobody, QString(),
+                               json(HMHelperInstance::request("getLogs")))),
+                 QString("ok"));
+        QCOMPARE(status(m_helper.call(HMHelperInstance::request("stopVPN"))), QString("ok"));
+        QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
+
+        QCOMPARE(status(callAs(m_helper, kDaemon, QString(), json(start))), QString("ok"));
+        QCOMPARE(status(callAs(m_helper, kDaemon, QString(),
+                               json(HMHelperInstance::request("stopVPN")))),
+                 QString("ok"));
     }
 
     void acceptedRequestRunsOnlyTheTrustedOpenVPN()
