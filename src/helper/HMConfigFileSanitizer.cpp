@@ -188,6 +188,16 @@ QString checkValue(Value kind, const QStringList &arguments)
 
 } // namespace
 
+bool HMConfigFileSanitizer::isAllowedDirective(const QString &name)
+{
+    return allowed().contains(name);
+}
+
+bool HMConfigFileSanitizer::isInlineTag(const QString &tag)
+{
+    return inlineTags().contains(tag);
+}
+
 std::optional<QByteArray> HMConfigFileSanitizer::sanitize(const QByteArray &text, QString *error)
 {
     using Reader = HMOpenVPNConfigReader;

@@ -20,6 +20,9 @@ public:
     static constexpr qint64 kMaxFileSize = 256 * 1024;
 
     static std::optional<QByteArray> sanitize(const QByteArray &text, QString *error);
+    // Whether a checked copy may hold this directive, or this inline block.
+    static bool isAllowedDirective(const QString &name);
+    static bool isInlineTag(const QString &tag);
     // Writes the copy (0600) into runDir, replacing any earlier one; its path, or empty.
     static QString writeCopy(const QByteArray &sanitised, const QString &runDir, QString *error);
 };

@@ -412,6 +412,8 @@ private Q_SLOTS:
 
         QCborMap proxy = HMHelperInstance::request("stopDNSProxy");
         proxy.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
+        QCborMap startProxy = proxy;
+        startProxy.insert(QStringLiteral("action"), QStringLiteral("startDNSProxy"));
         const QList<QCborMap> foreign = {start, HMHelperInstance::request("stopVPN"),
                                          HMHelperInstance::request("getLogs"), proxy,
                                          HMHelperInstance::request("suicide")};
