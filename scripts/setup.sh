@@ -13,8 +13,10 @@ packages=(
   openvpn iproute2 dbus dbus-x11 systemd procps psmisc
   # test-only: real Secret Service, notification daemon, certificates, display
   gnome-keyring libsecret-tools dunst openssl xvfb xauth
-  # sanitizer runtime
-  libclang-rt-14-dev
+  # sanitizer and libFuzzer runtime, and the compiler for the fuzz targets
+  libclang-rt-14-dev clang
+  # group edits in the helper's tests
+  passwd
 )
 
 missing=()

@@ -269,8 +269,15 @@ private Q_SLOTS:
         };
         QString output;
         QCOMPARE(loadsPlugin(text, &output), rawLoadsPlugin);
-
+        // The model of OpenVPN's reading that the fuzz target relies on agrees with OpenVPN.
         QString error;
+        const auto rawDirectives = HMOpenVPNConfigReader::reread(text, &error);
+        QVERIFY2(rawDirectives, qPrintable(error));
+        QCOMPARE(std::any_of(rawDirectives->begin(), rawDirectives->end(),
+                             [](const auto &d) { return d.tokens.first() == "plugin"; }),
+                 rawLoadsPlugin);
+
+        error.clear();
         const std::optional<QByteArray> copy = HMConfigFileSanitizer::sanitize(text, &error);
         QCOMPARE(error.isEmpty(), refusal.isEmpty());
         QVERIFY2(error.contains(refusal), qPrintable(error));
