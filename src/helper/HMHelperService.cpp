@@ -157,7 +157,7 @@ HMHelperService::Outcome HMHelperService::handle(const QCborMap &request,
     } else if (action == QLatin1String("checkDNSPortOpen")) {
         problem = shape({}, {});
         if (problem.isEmpty()) {
-            const QString busy = HMDNSPortCheck::check();
+            const QString busy = HMDNSPortCheck::check(m_config.dnsProxyPath);
             outcome.reply = busy.isEmpty() ? okReply() : errorReply(busy);
         }
     } else if (action == QLatin1String("startDNSProxy")) {
