@@ -5,6 +5,7 @@
 // "status" "error" with the reason in "error". Nothing runs for a refused request.
 #pragma once
 
+#include "HMDNSProxyController.h"
 #include "HMHelperConfig.h"
 #include "HMOpenVPNController.h"
 
@@ -46,4 +47,5 @@ private:
     HMHelperConfig m_config;
     HMHelperLog &m_log;
     HMOpenVPNController m_openVPN;
+    HMDNSProxyController m_dnsProxy;
 };
