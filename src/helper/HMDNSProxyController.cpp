@@ -204,11 +204,8 @@ QString HMDNSProxyController::start(const Request &request, const HMPeerCredenti
                                     bool *refused)
 {
     *refused = true;
-    QString why = checkTunnel(request);
-    if (!why.isEmpty()) {
-        return why;
-    }
-    QString checkedFile;
+    QString why;
+    QByteArray checkedList;
     if (!request.domainFile.isEmpty()) {
         const std::optional<QByteArray> text = HMPeerFileReader::read(
             request.domainFile, peer, HMDomainFileChecker::kMaxFileSize, &why);
@@ -221,20 +218,28 @@ QString HMDNSProxyController::start(const Request &request, const HMPeerCredenti
                             .arg(checked.skipped)
                             .arg(request.domainFile, checked.examples.join(QStringLiteral(", "))));
         }
-        *refused = false;
+        checkedList = checked.checked;
+    }
+    why = checkTunnel(request);
+    if (!why.isEmpty()) {
+        return why;
+    }
+    *refused = false;
+    // A start replaces: the running proxy goes first, with its routes and its list.
+    why = stop();
+    if (!why.isEmpty()) {
+        return QStringLiteral("the DNS proxy already running could not be stopped: %1").arg(why);
+    }
+    QString checkedFile;
+    if (!request.domainFile.isEmpty()) {
         checkedFile = checkedFilePath();
         QSaveFile copy(checkedFile);
         if (!copy.open(QIODevice::WriteOnly) ||
             !copy.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) ||
-            copy.write(checked.checked) != checked.checked.size() || !copy.commit()) {
+            copy.write(checkedList) != checkedList.size() || !copy.commit()) {
             return QStringLiteral("cannot write the checked domain list: %1")
                 .arg(copy.errorString());
         }
-    }
-    *refused = false;
-    why = stop();
-    if (!why.isEmpty()) {
-        return QStringLiteral("the DNS proxy already running could not be stopped: %1").arg(why);
     }
     const QStringList arguments = proxyArguments(request, checkedFile);
     const pid_t pid = m_process.spawn(arguments, &why);
@@ -249,7 +254,8 @@ QString HMDNSProxyController::start(const Request &request, const HMPeerCredenti
         int status = 0;
         if (::waitpid(pid, &status, WNOHANG) == pid) {
             QFile::remove(m_process.pidFile());
-            return QStringLiteral("the DNS proxy stopped before it listened: %1").arg(lastLogLine());
+            return QStringLiteral("the DNS proxy stopped before it listened: %1")
+                .arg(lastLogLine());
         }
         if (HMOpenVPNController::isListening(pid, 53)) {
             return QString();

@@ -28,8 +28,8 @@ bool HMDomainFileChecker::isHostName(const QByteArray &name)
             return false;
         }
         for (char c : label) {
-            const bool allowed = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-                                 c == '_';
+            const bool allowed =
+                (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
             if (!allowed) {
                 return false;
             }

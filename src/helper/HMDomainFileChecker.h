@@ -17,7 +17,7 @@ public:
 
     struct Result
     {
-        QByteArray checked;   // one valid name per line
+        QByteArray checked; // one valid name per line
         int kept = 0;
         int skipped = 0;
         QStringList examples; // the first few skipped lines, printable and short

@@ -77,7 +77,8 @@ bool HMHelperConfig::apply(const QString &key, const QString &value, QString *er
         static const QRegularExpression addresses(
             QStringLiteral("^\\d{1,3}(\\.\\d{1,3}){3}(,\\d{1,3}(\\.\\d{1,3}){3}){0,3}$"));
         if (!addresses.match(value).hasMatch()) {
-            *error = QStringLiteral("tunnel-dns must list one to four IPv4 addresses, comma-separated");
+            *error =
+                QStringLiteral("tunnel-dns must list one to four IPv4 addresses, comma-separated");
             return false;
         }
         tunnelResolvers = value;

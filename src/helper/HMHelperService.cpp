@@ -169,8 +169,8 @@ HMHelperService::Outcome HMHelperService::handle(const QCborMap &request,
         }
         if (problem.isEmpty()) {
             const QString why = m_dnsProxy.stop();
-            outcome.reply = why.isEmpty() ? okReply()
-                                          : failure(peer, QStringLiteral("stopDNSProxy"), why);
+            outcome.reply =
+                why.isEmpty() ? okReply() : failure(peer, QStringLiteral("stopDNSProxy"), why);
         }
     } else if (action == QLatin1String("suicide")) {
         problem = shape({}, {kParams});
