@@ -31,8 +31,11 @@ bool HMProxyRouting::setUp(const HMProxyOptions &options, const std::vector<uint
             return false;
         }
         if (options.mode == Mode::Exclusion) {
+            // Each resolver keeps the way it had (it may sit on the local network, off the
+            // gateway's path); answers follow the way to the VPN server.
             for (uint32_t resolver : originals) {
-                if (!routes.addHostRoute(resolver, HMRouteTable::Via::Original, error)) {
+                const auto hop = routes.lookup(resolver, error);
+                if (!hop || !routes.addRoute(resolver, 32, *hop, error)) {
                     return false;
                 }
             }
