@@ -5,11 +5,11 @@
 #include "HMProxyOptions.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <ldns/ldns.h>
 #include <poll.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,13 +41,11 @@ int boundSocket(int type, uint32_t address, uint16_t port, std::string *error)
     return fd;
 }
 
+// Unpredictable, so that nobody off the path can forge a resolver's answer; from the C
+// library's own generator, which needs no system call per query.
 uint16_t randomId()
 {
-    uint16_t id = 0;
-    if (::getrandom(&id, sizeof(id), 0) != sizeof(id)) {
-        id = static_cast<uint16_t>(std::rand());
-    }
-    return id;
+    return static_cast<uint16_t>(::arc4random() & 0xffff);
 }
 
 const char *pathName(HMDNSQueryHandler::Path path)
@@ -59,7 +57,7 @@ const char *pathName(HMDNSQueryHandler::Path path)
 
 HMDNSProxy::HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProxyClock &clock,
                        HMHostRoutes *routes)
-    : m_handler(handler), m_log(log), m_clock(clock), m_routes(routes)
+    : m_handler(handler), m_log(log), m_clock(clock), m_routes(routes), m_buffer(kDatagramSize)
 {}
 
 HMDNSProxy::~HMDNSProxy()
@@ -124,14 +122,17 @@ void HMDNSProxy::run(int stopFd)
         if (fds[0].revents) {
             return;
         }
-        if (fds[1].revents) {
-            readUdpClients();
-        }
         if (fds[2].revents) {
             acceptTcp();
         }
-        if (fds[3].revents) {
-            readUpstream();
+        // Under load, answers come back while queries are still being read: keep serving
+        // both sockets until neither has anything, rather than paying a poll for each.
+        if (fds[1].revents || fds[3].revents) {
+            for (int round = 0; round < 16; ++round) {
+                if (readUdpClients() + readUpstream() == 0) {
+                    break;
+                }
+            }
         }
         for (size_t i = 0; i < numbers.size(); ++i) {
             if (fds[4 + i].revents) {
@@ -142,19 +143,21 @@ void HMDNSProxy::run(int stopFd)
     }
 }
 
-void HMDNSProxy::readUdpClients()
+int HMDNSProxy::readUdpClients()
 {
-    std::vector<uint8_t> buffer(kDatagramSize);
-    for (int i = 0; i < 64; ++i) {
+    std::vector<uint8_t> &buffer = m_buffer;
+    int handled = 0;
+    for (; handled < 64; ++handled) {
         Client client;
         socklen_t length = sizeof(client.udp);
         const ssize_t size = ::recvfrom(m_udp, buffer.data(), buffer.size(), 0,
                                         reinterpret_cast<sockaddr *>(&client.udp), &length);
         if (size < 0) {
-            return;
+            break;
         }
         handleQuery(buffer.data(), static_cast<size_t>(size), client);
     }
+    return handled;
 }
 
 void HMDNSProxy::acceptTcp()
@@ -247,8 +250,10 @@ void HMDNSProxy::handleQuery(const uint8_t *data, size_t size, const Client &cli
     pending.clientId = ldns_read_uint16(data);
     ldns_write_uint16(pending.query.data(), id);
     pending.client = client;
-    m_log.debug(1, "query " + question.name + " type " + std::to_string(question.type) +
-                       (question.listed ? " (listed)" : "") + " via " + pathName(question.path));
+    if (m_log.level() >= 1) {
+        m_log.write("query " + question.name + " type " + std::to_string(question.type) +
+                    (question.listed ? " (listed)" : "") + " via " + pathName(question.path));
+    }
     if (sendUpstream(pending)) {
         m_pending.emplace(id, std::move(pending));
     }
@@ -278,16 +283,17 @@ bool HMDNSProxy::sendUpstream(Pending &pending)
     return false;
 }
 
-void HMDNSProxy::readUpstream()
+int HMDNSProxy::readUpstream()
 {
-    std::vector<uint8_t> buffer(kDatagramSize);
-    for (int i = 0; i < 64; ++i) {
+    std::vector<uint8_t> &buffer = m_buffer;
+    int handled = 0;
+    for (; handled < 64; ++handled) {
         sockaddr_in from{};
         socklen_t length = sizeof(from);
         const ssize_t size = ::recvfrom(m_upstream, buffer.data(), buffer.size(), 0,
                                         reinterpret_cast<sockaddr *>(&from), &length);
         if (size < 0) {
-            return;
+            break;
         }
         if (size < LDNS_HEADER_SIZE) {
             continue;
@@ -311,12 +317,15 @@ void HMDNSProxy::readUpstream()
         if (done.reply.empty()) {
             continue;
         }
-        m_log.debug(2, pending.question.name + ": " + std::to_string(done.routesAdded) +
-                           " route(s), " + std::to_string(done.recordsRemoved) +
-                           " AAAA record(s) removed");
+        if (m_log.level() >= 2) {
+            m_log.write(pending.question.name + ": " + std::to_string(done.routesAdded) +
+                        " route(s), " + std::to_string(done.recordsRemoved) +
+                        " AAAA record(s) removed");
+        }
         answer(pending.client, done.reply);
         m_pending.erase(found);
     }
+    return handled;
 }
 
 void HMDNSProxy::answer(const Client &client, const std::vector<uint8_t> &reply)

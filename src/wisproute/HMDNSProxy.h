@@ -62,10 +62,11 @@ private:
         int64_t lastMs = 0;
     };
 
-    void readUdpClients();
+    // Each returns how many datagrams it handled.
+    int readUdpClients();
     void acceptTcp();
     void readTcp(uint64_t number);
-    void readUpstream();
+    int readUpstream();
     void handleQuery(const uint8_t *data, size_t size, const Client &client);
     bool sendUpstream(Pending &pending);
     void answer(const Client &client, const std::vector<uint8_t> &reply);
@@ -85,5 +86,6 @@ private:
     std::unordered_map<uint16_t, Pending> m_pending;
     std::unordered_map<uint64_t, TcpClient> m_tcpClients;
     uint64_t m_nextTcp = 1;
+    std::vector<uint8_t> m_buffer; // one datagram at a time
     int64_t m_nextSweepMs = 0;
 };

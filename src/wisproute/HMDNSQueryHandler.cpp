@@ -39,13 +39,28 @@ std::vector<uint8_t> wire(const ldns_pkt *packet)
     return bytes;
 }
 
+// The owner in presentation form without the final dot, from the name ldns has already
+// read and checked (labels of at most 63 bytes, 255 in all). A "." or "\\" inside a label is
+// escaped, as ldns would print it, so such a label can never pass for two.
 std::string ownerName(const ldns_rr *rr)
 {
-    char *text = ldns_rdf2str(ldns_rr_owner(rr));
-    std::string name = text ? text : "";
-    std::free(text);
-    if (!name.empty() && name.back() == '.') {
-        name.pop_back();
+    const ldns_rdf *owner = ldns_rr_owner(rr);
+    const uint8_t *data = ldns_rdf_data(owner);
+    const size_t size = ldns_rdf_size(owner);
+    std::string name;
+    name.reserve(size);
+    for (size_t at = 0; at < size && data[at] != 0;) {
+        const size_t length = data[at++];
+        if (!name.empty()) {
+            name += '.';
+        }
+        for (size_t i = 0; i < length && at < size; ++i, ++at) {
+            const char c = static_cast<char>(data[at]);
+            if (c == '.' || c == '\\') {
+                name += '\\';
+            }
+            name += c;
+        }
     }
     return name;
 }
@@ -171,6 +186,18 @@ HMDNSQueryHandler::Completion HMDNSQueryHandler::complete(const Question &questi
                                                           const uint8_t *data, size_t size)
 {
     Completion result;
+    // An answer that earns no route and loses no record is passed on as the resolver sent
+    // it: the id and the resolver's address and port already tie it to this query, and the
+    // client checks the question itself.
+    const bool routed = m_routes && question.listed;
+    if (!routed && question.path == Path::Original) {
+        if (size < LDNS_HEADER_SIZE || !LDNS_QR_WIRE(data)) {
+            result.problem = "an answer without a reply header";
+            return result;
+        }
+        result.reply.assign(data, data + size);
+        return result;
+    }
     ldns_status status;
     const Packet answer = parse(data, size, &status);
     if (!answer) {
@@ -186,7 +213,7 @@ HMDNSQueryHandler::Completion HMDNSQueryHandler::complete(const Question &questi
         return result;
     }
 
-    if (m_routes && question.listed) {
+    if (routed) {
         const HMRouteTable::Via via =
             question.path == Path::Tunnel ? HMRouteTable::Via::Tunnel : HMRouteTable::Via::Original;
         const ldns_rr_list *records = ldns_pkt_answer(answer.get());

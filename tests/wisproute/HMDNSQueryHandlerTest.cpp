@@ -151,6 +151,8 @@ private Q_SLOTS:
             << Mode::Inclusion << "WWW.Example.COM." << true << Path::Tunnel;
         QTest::newRow("inclusion: same ending, other name")
             << Mode::Inclusion << "badexample.com" << false << Path::Original;
+        QTest::newRow("inclusion: one label holding a dot")
+            << Mode::Inclusion << "www.example\\.com" << false << Path::Original;
         QTest::newRow("inclusion: parent of an entry")
             << Mode::Inclusion << "com" << false << Path::Original;
         QTest::newRow("exclusion: entry")
