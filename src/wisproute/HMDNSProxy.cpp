@@ -189,11 +189,13 @@ void HMDNSProxy::readTcp(uint64_t number)
     client.buffer.insert(client.buffer.end(), chunk, chunk + size);
     while (client.buffer.size() >= 2) {
         const size_t length = ldns_read_uint16(client.buffer.data());
-        if (length > HMDNSQueryHandler::kMaxQuerySize + 2 && client.buffer.size() >= 14) {
-            // Not worth reading: answer from the header and end the connection.
+        if (length > HMDNSQueryHandler::kMaxQuerySize && client.buffer.size() >= 2 + 2) {
+            // Not worth reading: answer from the id alone and end the connection.
+            m_log.write("refused an oversized query (" + std::to_string(length) + " bytes)");
             Client who;
             who.tcp = number;
-            handleQuery(client.buffer.data() + 2, HMDNSQueryHandler::kMaxQuerySize + 1, who);
+            answer(who, HMDNSQueryHandler::refusal(ldns_read_uint16(client.buffer.data() + 2),
+                                                   LDNS_RCODE_FORMERR));
             closeTcp(number);
             return;
         }

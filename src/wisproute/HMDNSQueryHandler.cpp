@@ -123,6 +123,11 @@ HMDNSQueryHandler::HMDNSQueryHandler(Mode mode, HMDomainMatcher matcher, HMHostR
     : m_mode(mode), m_matcher(std::move(matcher)), m_routes(routes)
 {}
 
+std::vector<uint8_t> HMDNSQueryHandler::refusal(uint16_t id, int rcode)
+{
+    return replyTo(id, nullptr, static_cast<ldns_pkt_rcode>(rcode));
+}
+
 std::vector<uint8_t> HMDNSQueryHandler::errorReply(const uint8_t *query, size_t size, int rcode)
 {
     if (size < LDNS_HEADER_SIZE) {
@@ -143,7 +148,7 @@ HMDNSQueryHandler::Inspection HMDNSQueryHandler::inspect(const uint8_t *data, si
     const uint16_t id = ldns_read_uint16(data);
     if (size > kMaxQuerySize) {
         result.problem = "an oversized query (" + std::to_string(size) + " bytes)";
-        result.reply = replyTo(id, nullptr, LDNS_RCODE_FORMERR);
+        result.reply = refusal(id, LDNS_RCODE_FORMERR);
         return result;
     }
     ldns_status status;

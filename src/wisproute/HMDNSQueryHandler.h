@@ -75,6 +75,8 @@ public:
     // An error answer (SERVFAIL when no resolver answered, for instance) to a query that
     // passed inspect().
     static std::vector<uint8_t> errorReply(const uint8_t *query, size_t size, int rcode);
+    // An error answer that repeats nothing but the query's id.
+    static std::vector<uint8_t> refusal(uint16_t id, int rcode);
 
     Mode mode() const { return m_mode; }
 

@@ -11,7 +11,10 @@
 #include <QProcess>
 #include <QtTest>
 
+#include <arpa/inet.h>
 #include <csignal>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -79,6 +82,28 @@ private:
                  {"-n", ns(), "-4", "route", "show", "proto", "211"});
         ip.waitForFinished(5000);
         return QString::fromUtf8(ip.readAllStandardOutput());
+    }
+
+    // Sends `bytes` to the proxy (over TCP when `stream`) and returns its answer's rcode, or
+    // -1 when none came.
+    int rcodeFor(const QByteArray &bytes, bool stream) const
+    {
+        const int fd = HMTestNamespace::socketIn(ns(), stream ? SOCK_STREAM : SOCK_DGRAM);
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(53);
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        timeval timeout{2, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+        char reply[512];
+        ssize_t n = -1;
+        if (::connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof(to)) == 0 &&
+            ::send(fd, bytes.constData(), size_t(bytes.size()), 0) == bytes.size()) {
+            n = ::recv(fd, reply, sizeof(reply), 0);
+        }
+        ::close(fd);
+        const int header = stream ? 2 : 0;
+        return n >= header + 4 ? reply[header + 3] & 0x0f : -1;
     }
 
     void writeFile(const QString &name, const QByteArray &content, uid_t owner = 0)
@@ -217,6 +242,12 @@ private Q_SLOTS:
             HMTestEnvironment::readFile(QString("/proc/%1/status").arg(inclusion)));
         QVERIFY2(procStatus.contains("CapEff:\t0000000000001400"), qPrintable(procStatus));
         QVERIFY(procStatus.contains("CapPrm:\t0000000000001400"));
+        // Hostile queries get FORMERR over either transport, and the proxy stays.
+        const QByteArray loop = QByteArray::fromHex("123401000001000000000000c00c00010001");
+        QCOMPARE(rcodeFor(loop, false), 1);
+        QCOMPARE(rcodeFor(QByteArray::fromHex("0012") + loop, true), 1);
+        QCOMPARE(rcodeFor(QByteArray::fromHex("ffff1234"), true), 1); // announces 65535 bytes
+        QCOMPARE(proxyPid(), inclusion);
         // Inclusion: the default route stays; the tunnel's resolvers go through it.
         QCOMPARE(ownRoutes(), QString("8.8.4.4 dev tun0 scope link linkdown \n"
                                       "8.8.8.8 dev tun0 scope link linkdown \n"));

@@ -125,10 +125,13 @@ QString run(const QString &program, const QStringList &arguments)
 }
 
 // The addresses (or other data) of the answer the local DNS proxy gives.
-QStringList resolve(const QString &name, const QString &type)
+QStringList resolve(const QString &name, const QString &type, bool tcp = false)
 {
-    const QStringList lines =
-        run(QStringLiteral("drill"), {QStringLiteral("@127.0.0.1"), name, type}).split('\n');
+    QStringList arguments = {QStringLiteral("@127.0.0.1"), name, type};
+    if (tcp) {
+        arguments.prepend(QStringLiteral("-t"));
+    }
+    const QStringList lines = run(QStringLiteral("drill"), arguments).split('\n');
     QStringList data;
     bool inAnswer = false;
     for (const QString &line : lines) {
@@ -514,6 +517,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(proxyPid() > 0, 10000);
         QTRY_COMPARE_WITH_TIMEOUT(resolve("www.listed.lab.test", "A"), QStringList{tunnel}, 5000);
         QCOMPARE(resolve("www.listed.lab.test", "AAAA"), QStringList());
+        QCOMPARE(resolve("tcp.listed.lab.test", "A", true), QStringList{tunnel});
         QCOMPARE(resolve("other.lab.test", "A"), QStringList{original});
         QCOMPARE(resolve("other.lab.test", "AAAA"), QStringList{"fd00::88"});
         QCOMPARE(routeDevice(tunnel), QString("tun0"));
@@ -544,7 +548,7 @@ private Q_SLOTS:
         const QString left = QString::fromUtf8(capture.readAllStandardOutput());
         QVERIFY2(left.contains("other.lab.test") && left.contains("ex.listed.lab.test"),
                  qPrintable(left));
-        for (const char *tunnelled : {"www.listed", "ex-tunnel", "off.listed"}) {
+        for (const char *tunnelled : {"www.listed", "tcp.listed", "ex-tunnel", "off.listed"}) {
             QVERIFY2(!left.contains(tunnelled), qPrintable(left));
         }
 
