@@ -167,7 +167,7 @@ void HMDNSProxy::acceptTcp()
         return;
     }
     if (m_tcpClients.size() >= kMaxTcpClients) {
-        m_log.write("refused a TCP client: too many connections");
+        noteRefusal("a TCP client: too many connections");
         ::close(fd);
         return;
     }
@@ -191,7 +191,7 @@ void HMDNSProxy::readTcp(uint64_t number)
         const size_t length = ldns_read_uint16(client.buffer.data());
         if (length > HMDNSQueryHandler::kMaxQuerySize && client.buffer.size() >= 2 + 2) {
             // Not worth reading: answer from the id alone and end the connection.
-            m_log.write("refused an oversized query (" + std::to_string(length) + " bytes)");
+            noteRefusal("an oversized query (" + std::to_string(length) + " bytes)");
             Client who;
             who.tcp = number;
             answer(who, HMDNSQueryHandler::refusal(ldns_read_uint16(client.buffer.data() + 2),
@@ -214,6 +214,13 @@ void HMDNSProxy::readTcp(uint64_t number)
     }
 }
 
+void HMDNSProxy::noteRefusal(const std::string &what)
+{
+    if (++m_refusals <= kRefusalsLogged) {
+        m_log.write("refused " + what);
+    }
+}
+
 void HMDNSProxy::closeTcp(uint64_t number)
 {
     const auto found = m_tcpClients.find(number);
@@ -227,7 +234,7 @@ void HMDNSProxy::handleQuery(const uint8_t *data, size_t size, const Client &cli
 {
     const HMDNSQueryHandler::Inspection inspection = m_handler.inspect(data, size);
     if (!inspection.question) {
-        m_log.write("refused " + inspection.problem);
+        noteRefusal(inspection.problem);
         if (!inspection.reply.empty()) {
             answer(client, inspection.reply);
         }
@@ -379,11 +386,18 @@ void HMDNSProxy::timeOut()
             ++it;
         }
     }
-    if (m_routes && now >= m_nextSweepMs) {
+    if (now < m_nextSweepMs) {
+        return;
+    }
+    m_nextSweepMs = now + kSweepMs;
+    if (m_refusals > kRefusalsLogged) {
+        m_log.write("refused " + std::to_string(m_refusals - kRefusalsLogged) + " more queries");
+    }
+    m_refusals = 0;
+    if (m_routes) {
         const size_t expired = m_routes->expire();
         if (expired) {
             m_log.debug(2, std::to_string(expired) + " host route(s) expired");
         }
-        m_nextSweepMs = now + kSweepMs;
     }
 }

@@ -27,6 +27,9 @@ public:
     static constexpr int64_t kSweepMs = 5000;
     static constexpr size_t kMaxPending = 4096;
     static constexpr size_t kMaxTcpClients = 64;
+    // Refusals written to the log per sweep; a local program sending garbage must not fill
+    // the disk, so the rest are only counted.
+    static constexpr int kRefusalsLogged = 20;
 
     HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProxyClock &clock,
                HMHostRoutes *routes);
@@ -71,6 +74,7 @@ private:
     bool sendUpstream(Pending &pending);
     void answer(const Client &client, const std::vector<uint8_t> &reply);
     void closeTcp(uint64_t number);
+    void noteRefusal(const std::string &what);
     void timeOut();
     const std::vector<uint32_t> &resolvers(HMDNSQueryHandler::Path path) const;
 
@@ -87,5 +91,6 @@ private:
     std::unordered_map<uint64_t, TcpClient> m_tcpClients;
     uint64_t m_nextTcp = 1;
     std::vector<uint8_t> m_buffer; // one datagram at a time
+    int m_refusals = 0;
     int64_t m_nextSweepMs = 0;
 };
