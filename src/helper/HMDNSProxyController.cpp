@@ -207,8 +207,14 @@ QString HMDNSProxyController::start(const Request &request, const HMPeerCredenti
     QString why;
     QByteArray checkedList;
     if (!request.domainFile.isEmpty()) {
-        const std::optional<QByteArray> text = HMPeerFileReader::read(
+        std::optional<QByteArray> text = HMPeerFileReader::read(
             request.domainFile, peer, HMDomainFileChecker::kMaxFileSize, &why);
+        // A list the user never edited has no file yet: that is an empty list, and the
+        // proxy must run all the same, since the tunnel's only name server is the proxy.
+        if (!text && why.endsWith(QLatin1String(" does not exist"))) {
+            m_log.write(QStringLiteral("%1; the list is empty").arg(why));
+            text = QByteArray();
+        }
         if (!text) {
             return QStringLiteral("the domain file cannot be used: %1").arg(why);
         }

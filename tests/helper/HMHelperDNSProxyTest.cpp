@@ -252,8 +252,10 @@ private Q_SLOTS:
         QCOMPARE(ownRoutes(), QString("8.8.4.4 dev tun0 scope link linkdown \n"
                                       "8.8.8.8 dev tun0 scope link linkdown \n"));
 
-        // A restart with another mode replaces the proxy and its routes.
-        QCOMPARE(status(start(1)), QString("ok"));
+        // A restart with another mode replaces the proxy and its routes; a list the user
+        // never edited has no file yet and counts as empty.
+        QCOMPARE(status(start(1, m_files + "/never-written.txt")), QString("ok"));
+        QCOMPARE(HMTestEnvironment::readFile(m_helper.runDir() + "/domains.checked"), QByteArray());
         const int exclusion = proxyPid();
         QVERIFY(exclusion > 0 && exclusion != inclusion);
         QVERIFY(!QFile::exists(QString("/proc/%1").arg(inclusion)));
