@@ -9,6 +9,8 @@ packages=(
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev libgl-dev
   libsecret-1-dev libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
   libssl-dev libcpp-httplib-dev
+  # the DNS proxy: DNS messages, capabilities
+  libldns-dev libcap-dev
   # run
   openvpn iproute2 dbus dbus-x11 systemd procps psmisc
   # test-only: real Secret Service, notification daemon, certificates, display
@@ -17,6 +19,10 @@ packages=(
   libclang-rt-14-dev clang
   # group edits in the helper's tests
   passwd
+  # test-only: the lab's resolvers, DNS queries and captures for selective routing
+  dnsmasq-base ldnsutils tcpdump
+  # sanitizer runtime
+  libclang-rt-14-dev
 )
 
 missing=()

@@ -34,6 +34,28 @@ hm_state_file() {
     printf '%s/resolv.conf.%s\n' "${HM_STATE_DIR:-/run/hmwispd}" "$1"
 }
 
+# The resolvers in force before the tunnel, one "nameserver" line each: the DNS proxy sends
+# the names that must not use the tunnel there. Loopback addresses are left out: with the
+# proxy on 127.0.0.1 they would be the proxy itself, or a local stub that would ask it back.
+hm_originals_file() {
+    printf '%s/resolvers.original\n' "${HM_STATE_DIR:-/run/hmwispd}"
+}
+
+hm_save_originals() {
+    device="$1"
+    originals="$(hm_originals_file)"
+    mkdir -p "$(dirname "$originals")" || return 1
+    if hm_uses_resolved; then
+        # "Global: a b" and "Link 2 (eth0): a b"; the tunnel's own link is not an original.
+        resolvectl dns 2>/dev/null | grep -v "($device)" | sed 's/^[^:]*://' | tr ' ' '\n'
+    else
+        sed -n 's/^[[:space:]]*nameserver[[:space:]]\{1,\}\([^[:space:]]*\).*/\1/p' \
+            "$HM_RESOLV_CONF" 2>/dev/null
+    fi | grep -E '^[0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$' | grep -v '^127\.' |
+        sed 's/^/nameserver /' >"$originals.new" || true
+    mv -f "$originals.new" "$originals"
+}
+
 # Fills HM_SERVERS and HM_DOMAINS from "dhcp-option DNS|DNS6|DOMAIN|DOMAIN-SEARCH" options.
 hm_collect_options() {
     HM_SERVERS=""
@@ -67,6 +89,10 @@ hm_dns_up() {
     if [ -z "$HM_SERVERS" ]; then
         hm_log "no name servers given for $device; names resolve as before"
         return 0
+    fi
+    # Only the first run knows the originals: after a restart the resolver file is ours.
+    if [ ! -e "$(hm_state_file "$device")" ]; then
+        hm_save_originals "$device" || return 1
     fi
     if hm_uses_resolved; then
         # shellcheck disable=SC2086
@@ -112,6 +138,7 @@ hm_dns_up() {
 
 hm_dns_down() {
     device="$1"
+    rm -f "$(hm_originals_file)"
     saved="$(hm_state_file "$device")"
     if [ ! -e "$saved" ]; then
         if hm_uses_resolved; then

@@ -1,5 +1,7 @@
 #include "HMDNSPortCheck.h"
 
+#include "HMPathTrust.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -37,7 +39,16 @@ QString tryBind(int type, quint16 port)
 
 } // namespace
 
-QString HMDNSPortCheck::check(quint16 port)
+QString HMDNSPortCheck::check(const QString &proxyPath, quint16 port)
+{
+    const QString trust = HMPathTrust::check(proxyPath, HMPathTrust::Kind::Executable);
+    if (!trust.isEmpty()) {
+        return QStringLiteral("the DNS proxy %1 cannot be used: %2").arg(proxyPath, trust);
+    }
+    return checkPort(port);
+}
+
+QString HMDNSPortCheck::checkPort(quint16 port)
 {
     const QString udp = tryBind(SOCK_DGRAM, port);
     if (!udp.isEmpty()) {

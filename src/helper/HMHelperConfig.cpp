@@ -73,6 +73,17 @@ bool HMHelperConfig::apply(const QString &key, const QString &value, QString *er
         allowedGroup = value;
         return true;
     }
+    if (key == QLatin1String("tunnel-dns")) {
+        static const QRegularExpression addresses(
+            QStringLiteral("^\\d{1,3}(\\.\\d{1,3}){3}(,\\d{1,3}(\\.\\d{1,3}){3}){0,3}$"));
+        if (!addresses.match(value).hasMatch()) {
+            *error =
+                QStringLiteral("tunnel-dns must list one to four IPv4 addresses, comma-separated");
+            return false;
+        }
+        tunnelResolvers = value;
+        return true;
+    }
     int *timeout = nullptr;
     if (key == QLatin1String("client-timeout-ms")) {
         timeout = &clientTimeoutMs;

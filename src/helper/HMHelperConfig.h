@@ -4,7 +4,8 @@
 // (HMPathTrust) named on the helper's own command line; nothing a client sends changes them.
 //
 // File format: "key = value" lines, "#" starts a comment. Keys: openvpn, wisproute,
-// resources, logs, run, group, client-timeout-ms, start-timeout-ms, stop-timeout-ms.
+// resources, logs, run, group, client-timeout-ms, start-timeout-ms, stop-timeout-ms,
+// tunnel-dns.
 #pragma once
 
 #include <QString>
@@ -19,6 +20,8 @@ public:
     QString logDir;
     QString runDir;
     QString allowedGroup;
+    // The resolvers the DNS proxy asks through the tunnel, as the full-tunnel form pushes them.
+    QString tunnelResolvers = QStringLiteral("8.8.8.8,8.8.4.4");
     // A client must deliver its whole request within this time.
     int clientTimeoutMs = 5000;
     // OpenVPN must open its management port within this time.

@@ -47,7 +47,8 @@ std::optional<QStringList> stringList(const QCborValue &value, const QString &wh
 } // namespace
 
 HMHelperService::HMHelperService(const HMHelperConfig &config, HMHelperLog &log)
-    : m_config(config), m_log(log), m_openVPN(config, log), m_ownership(config)
+    : m_config(config), m_log(log), m_openVPN(config, log), m_ownership(config),
+      m_dnsProxy(config, log)
 {}
 
 QCborMap HMHelperService::okReply()
@@ -162,7 +163,7 @@ HMHelperService::Outcome HMHelperService::handle(const QCborMap &request,
     } else if (action == QLatin1String("checkDNSPortOpen")) {
         problem = shape({}, {});
         if (problem.isEmpty()) {
-            const QString busy = HMDNSPortCheck::check();
+            const QString busy = HMDNSPortCheck::check(m_config.dnsProxyPath);
             outcome.reply = busy.isEmpty() ? okReply() : errorReply(busy);
         }
     } else if (action == QLatin1String("startDNSProxy")) {
@@ -172,8 +173,11 @@ HMHelperService::Outcome HMHelperService::handle(const QCborMap &request,
         if (problem.isEmpty() && request.value(kDaemon) != QCborValue(QStringLiteral("dns"))) {
             problem = QStringLiteral("'daemon' must be \"dns\"");
         }
-        // No DNS proxy is ever started yet, so there is never one to stop.
-        outcome.reply = problem.isEmpty() ? okReply() : QCborMap();
+        if (problem.isEmpty()) {
+            const QString why = m_dnsProxy.stop();
+            outcome.reply =
+                why.isEmpty() ? okReply() : failure(peer, QStringLiteral("stopDNSProxy"), why);
+        }
     } else if (action == QLatin1String("suicide")) {
         problem = shape({}, {kParams});
         if (problem.isEmpty() && request.contains(kParams)) {
@@ -296,13 +300,23 @@ QCborMap HMHelperService::startDNSProxy(const QCborMap &request, const HMPeerCre
         problem = checkKeys(params, {kDaemonConfig, QStringLiteral("proxyConfig")}, {}, kParams);
     }
     if (problem.isEmpty()) {
-        stringList(params.value(QStringLiteral("proxyConfig")), QStringLiteral("proxyConfig"),
-                   &problem);
+        problem = checkDaemonConfig(params, false);
+    }
+    std::optional<HMDNSProxyController::Request> proxy;
+    if (problem.isEmpty()) {
+        const auto arguments = stringList(params.value(QStringLiteral("proxyConfig")),
+                                          QStringLiteral("proxyConfig"), &problem);
+        if (arguments) {
+            proxy = m_dnsProxy.checkArguments(*arguments, &problem);
+        }
     }
     if (!problem.isEmpty()) {
         return refuse(peer, action, problem);
     }
-    return failure(peer, action,
-                   QStringLiteral("the DNS proxy is not available in this version of the helper, "
-                                  "so selective routing cannot start"));
+    bool refused = false;
+    const QString why = m_dnsProxy.start(*proxy, peer, &refused);
+    if (why.isEmpty()) {
+        return okReply();
+    }
+    return refused ? refuse(peer, action, why) : failure(peer, action, why);
 }

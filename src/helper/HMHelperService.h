@@ -5,6 +5,7 @@
 // "status" "error" with the reason in "error". Nothing runs for a refused request.
 #pragma once
 
+#include "HMDNSProxyController.h"
 #include "HMHelperConfig.h"
 #include "HMOpenVPNController.h"
 #include "HMTunnelOwnership.h"
@@ -48,4 +49,5 @@ private:
     HMHelperLog &m_log;
     HMOpenVPNController m_openVPN;
     HMTunnelOwnership m_ownership;
+    HMDNSProxyController m_dnsProxy;
 };

@@ -17,7 +17,7 @@
 #   vpn-lab.sh run  [OPTIONS] -- COMMAND [ARGS...]
 #
 #   OPTIONS: [--host HOST] [--user USER] [--password PASSWORD]
-#            [--service HM_REFSERVICE [--domain DOMAIN]] [--helper HMWISPD]
+#            [--service HM_REFSERVICE [--domain DOMAIN]] [--helper HMWISPD [--wisproute WISPROUTE]]
 #
 # NAME must be unique per running lab (tests use their pid); DIR is a root-owned working
 # directory. "up" prints the lab's facts as KEY=VALUE lines; "down" removes everything "up"
@@ -27,6 +27,12 @@
 # DIR/server/credentials (add lines there to accept more); with it, USER and PASSWORD sign
 # in to the service, whose account hands out the token the servers check.
 #
+# With --wisproute the helper runs that DNS proxy, and (where dnsmasq is installed) the
+# server namespace answers names as two resolvers: the tunnel's (LAB_TUNNEL_RESOLVER, the
+# helper's tunnel-dns, reached through the tunnel) says every *.lab.test name is
+# 10.231.77.7 / fd00::77, the original one (LAB_ORIGINAL_RESOLVER, the client's resolv.conf,
+# reached over lab0) says 10.231.88.8 / fd00::88, so an answer tells which way a name went.
+#
 # "run" makes a lab of its own (name and directory derived from its pid), runs COMMAND in
 # the client namespace with the facts in its environment, and removes the lab whatever
 # COMMAND did; its exit status is COMMAND's. Labs of "run"s that were killed outright are
@@ -35,14 +41,15 @@
 set -euo pipefail
 
 usage() {
-    sed -n '2,37p' "$0" >&2
+    sed -n '2,40p' "$0" >&2
     exit 2
 }
 
 command=${1:-}
 [ $# -gt 0 ] && shift
 name="" dir="" host="vpn.lab.test" user="lab-user" password="lab-password"
-service="" domain="hollowmere.lab.test" helper=""
+service="" domain="hollowmere.lab.test" helper="" wisproute=""
+tunnel_resolver=10.231.53.1 original_resolver=192.0.2.53
 options=()
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -54,6 +61,7 @@ while [ $# -gt 0 ]; do
     --service) service=$(readlink -f "$2"); options+=("$1" "$2"); shift 2 ;;
     --domain) domain=$2; options+=("$1" "$2"); shift 2 ;;
     --helper) helper=$(readlink -f "$2"); options+=("$1" "$2"); shift 2 ;;
+    --wisproute) wisproute=$(readlink -f "$2"); options+=("$1" "$2"); shift 2 ;;
     --) shift; break ;;
     *) usage ;;
     esac
@@ -299,11 +307,13 @@ start_helper() {
     install -m 644 "$packaged/hollowmere-dns.sh" "$hdir/share/hollowmere-dns.sh"
     install -m 600 "$dir/client/ca.crt" "$dir/client/key.crt" "$dir/client/key.key" "$hdir/share/"
     ln -sf "$(readlink -f "$openvpn")" "$hdir/app/openvpn"
+    # Without --wisproute there is no proxy: "checkDNSPortOpen" then says so.
+    [ -z "$wisproute" ] || install -m 755 "$wisproute" "$hdir/app/wisproute"
     cat >"$hdir/etc/hmwispd.conf" <<CONF
 # the lab's helper
 openvpn = $(readlink -f "$openvpn")
-# no DNS proxy program exists yet: the helper refuses to start one
 wisproute = $hdir/app/wisproute
+tunnel-dns = $tunnel_resolver
 resources = $hdir/share
 logs = $hdir/log
 run = $hdir/run
@@ -321,6 +331,19 @@ CONF
     echo "vpn-lab: the helper's socket did not appear" >&2
     cat "$hdir/activate.log" >&2 || true
     return 1
+}
+
+# The two resolvers of the selective-routing cases (see the header).
+start_resolvers() {
+    local role address answer
+    for role in tunnel original; do
+        if [ "$role" = tunnel ]; then address=$tunnel_resolver answer=77; else address=$original_resolver answer=88; fi
+        ip -n "$srv" addr add "$address/32" dev lo
+        in_srv dnsmasq --conf-file=/dev/null --no-resolv --no-hosts --bind-interfaces \
+            --listen-address="$address" --address="/lab.test/10.231.$answer.$((answer / 11))" \
+            --address="/lab.test/fd00::$answer" --pid-file="$dir/dns-$role.pid" \
+            --log-facility="$dir/dns-$role.log"
+    done
 }
 
 wait_for_servers() {
@@ -378,6 +401,11 @@ up() {
     if [ -n "$helper" ]; then
         start_helper
     fi
+    local resolvers=""
+    if [ -n "$wisproute" ] && command -v dnsmasq >/dev/null; then
+        start_resolvers
+        resolvers=yes
+    fi
     trap - ERR
 
     cat <<FACTS
@@ -408,6 +436,12 @@ LAB_HELPER_APP_DIR=$dir/helper/app
 LAB_HELPER_RESOURCES=$dir/helper/share
 LAB_HELPER_RUN=$dir/helper/run
 LAB_HELPER_LOGS=$dir/helper/log
+FACTS
+    fi
+    if [ -n "$resolvers" ]; then
+        cat <<FACTS
+LAB_TUNNEL_RESOLVER=$tunnel_resolver
+LAB_ORIGINAL_RESOLVER=$original_resolver
 FACTS
     fi
 }

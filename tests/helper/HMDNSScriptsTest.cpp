@@ -87,6 +87,13 @@ private Q_SLOTS:
                "1500 a b init "
                ">/dev/null; show; ls \"$W/state\""
             << "nameserver 192.0.2.1\noptions edns0\n";
+        // What the DNS proxy asks for names kept out of the tunnel; a restart must not save
+        // the tunnel's own resolver file as the original.
+        QTest::newRow("original resolvers saved for the DNS proxy, loopback left out")
+            << "printf 'nameserver 127.0.0.53\\nnameserver 192.0.2.1\\nnameserver "
+               "fd00::1\\nnameserver 192.0.2.2\\n' >/etc/resolv.conf"
+            << "up; up restart; cat \"$W/state/resolvers.original\"; down; ls \"$W/state\""
+            << "nameserver 192.0.2.1\nnameserver 192.0.2.2\n";
         QTest::newRow("down without up") << file << "down; show"
                                          << "nameserver 192.0.2.1\noptions edns0\n";
         // A tunnel whose name servers could not be set must not come up quietly.
@@ -107,6 +114,7 @@ private Q_SLOTS:
         QCOMPARE(exitCode, 0);
         QCOMPARE(output, expected);
     }
+
 };
 
 QTEST_GUILESS_MAIN(HMDNSScriptsTest)

@@ -44,6 +44,11 @@ QString HMHelperInstance::helperProgram()
     return HMTestEnvironment::buildDir() + QStringLiteral("/src/helper/hmwispd");
 }
 
+QString HMHelperInstance::dnsProxyProgram()
+{
+    return HMTestEnvironment::buildDir() + QStringLiteral("/src/wisproute/wisproute");
+}
+
 QString HMHelperInstance::testProgram(const QString &name)
 {
     return HMTestEnvironment::buildDir() + QStringLiteral("/tests/helper/") + name;
@@ -68,6 +73,9 @@ bool HMHelperInstance::prepare(const Options &options, QString *error)
     if (!options.useInPlace) {
         files.append({options.openVPN, QString(), 0755});
     }
+    if (options.dnsProxy) {
+        files.append({dnsProxyProgram(), path(QStringLiteral("bin")), 0755});
+    }
     for (const QString &file : options.resourceFiles) {
         files.append({file, resourceDir(), 0600});
     }
@@ -78,7 +86,9 @@ bool HMHelperInstance::prepare(const Options &options, QString *error)
             return false;
         }
     }
-    if (!QFile::link(m_openVPN, applicationOpenVPNLink())) {
+    if (!QFile::link(path(QStringLiteral("bin/wisproute")),
+                     path(QStringLiteral("app/wisproute"))) ||
+        !QFile::link(m_openVPN, applicationOpenVPNLink())) {
         *error = QStringLiteral("cannot link %1").arg(applicationOpenVPNLink());
         return false;
     }
@@ -174,6 +184,19 @@ QCborMap HMHelperInstance::startVPNRequest(const QStringList &arguments) const
     return request(QStringLiteral("startVPN"),
                    {{QStringLiteral("daemonConfig"), daemonConfig},
                     {QStringLiteral("vpnConfig"), QCborArray::fromStringList(arguments)}});
+}
+
+QCborMap HMHelperInstance::startDNSProxyRequest(const QStringList &proxyConfig) const
+{
+    const QCborMap daemonConfig{
+        {QStringLiteral("openVPNPath"), applicationOpenVPNLink()},
+        {QStringLiteral("dnsProxyPath"), path(QStringLiteral("app/wisproute"))}};
+    QCborMap message =
+        request(QStringLiteral("startDNSProxy"),
+                {{QStringLiteral("daemonConfig"), daemonConfig},
+                 {QStringLiteral("proxyConfig"), QCborArray::fromStringList(proxyConfig)}});
+    message.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
+    return message;
 }
 
 QCborMap HMHelperInstance::call(const QCborMap &request, int timeoutMs) const

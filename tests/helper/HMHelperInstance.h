@@ -25,6 +25,8 @@ public:
         // Run inside this existing namespace; empty: make a namespace of its own.
         QString networkNamespace;
         QString group = QStringLiteral("hollowmere");
+        // Install the built wisproute as the helper's trusted DNS proxy.
+        bool dnsProxy = true;
         // Files copied into the resource directory besides the shipped up/down scripts.
         QStringList resourceFiles;
         int clientTimeoutMs = 1000;
@@ -39,6 +41,7 @@ public:
 
     static QString helperProgram();
     static QString testProgram(const QString &name);
+    static QString dnsProxyProgram();
 
     bool prepare(const Options &options, QString *error);
     bool start(QString *error);
@@ -58,6 +61,7 @@ public:
     // The argument list as the application builds it, aimed at this instance.
     QStringList applicationArguments(bool selectiveRouting, const QStringList &remotes) const;
     QCborMap startVPNRequest(const QStringList &arguments) const;
+    QCborMap startDNSProxyRequest(const QStringList &proxyConfig) const;
     static QCborMap request(const QString &action, const QCborMap &params = QCborMap());
 
     // One exchange. The reply, or {"status": "no reply: <what went wrong>"}, so that a

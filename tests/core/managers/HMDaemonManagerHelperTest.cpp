@@ -80,6 +80,8 @@ private Q_SLOTS:
         m_daemon = std::make_unique<HMDaemonManager>(*m_world->store, m_world->account.get(),
                                                      m_world->routing.get(), paths);
         m_daemon->createCommandQueue();
+        m_daemon->setTunnelInfo([] { return QStringLiteral("198.51.100.7"); },
+                                [] { return QStringLiteral("tun0\r\n"); });
     }
 
     void cleanupTestCase()
@@ -172,9 +174,10 @@ private Q_SLOTS:
             send([](HMDaemonManager &d, auto c) { d.startDNSProxyWithTap("tun0\r\n", 1, c); });
         auto stop = send([](HMDaemonManager &d, auto c) { d.stopDNSProxy(c); });
         QTRY_VERIFY(stop->called);
-        // No DNS proxy ships yet: the helper says so instead of pretending.
+        // The request has the shape the helper accepts (the tap trimmed); with no tunnel up
+        // there is nothing to steer, and the helper says so.
         QVERIFY(proxy->error.has_value());
-        QVERIFY2(proxy->error->localizedDescription().contains("DNS proxy is not available"),
+        QVERIFY2(proxy->error->localizedDescription().contains("no tunnel is up"),
                  proxy->describe());
         QVERIFY2(!stop->error, stop->describe());
         QCOMPARE(m_helper->invocations().size(), before);

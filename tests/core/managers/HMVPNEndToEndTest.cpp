@@ -9,6 +9,7 @@
 #include "HMClosestServerManager.h"
 #include "HMDaemonManager.h"
 #include "HMDeploymentValues.h"
+#include "HMDomainListEditor.h"
 #include "HMLogCapture.h"
 #include "HMNetlinkReachabilitySource.h"
 #include "HMNotificationCenter.h"
@@ -113,6 +114,65 @@ int trackedOpenVPN()
     }
     const int pid = file.readAll().trimmed().toInt();
     return openVPNProcesses().contains(pid) ? pid : 0;
+}
+
+QString run(const QString &program, const QStringList &arguments)
+{
+    QProcess process;
+    process.start(HMTestEnvironment::findProgram(program), arguments);
+    process.waitForFinished(10000);
+    return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+// The addresses (or other data) of the answer the local DNS proxy gives.
+QStringList resolve(const QString &name, const QString &type, bool tcp = false)
+{
+    QStringList arguments = {QStringLiteral("@127.0.0.1"), name, type};
+    if (tcp) {
+        arguments.prepend(QStringLiteral("-t"));
+    }
+    const QStringList lines = run(QStringLiteral("drill"), arguments).split('\n');
+    QStringList data;
+    bool inAnswer = false;
+    for (const QString &line : lines) {
+        if (line.startsWith(QLatin1String(";; ANSWER SECTION"))) {
+            inAnswer = true;
+        } else if (inAnswer && line.trimmed().isEmpty()) {
+            break;
+        } else if (inAnswer) {
+            data << line.simplified().section(QLatin1Char(' '), -1);
+        }
+    }
+    return data;
+}
+
+QString routeDevice(const QString &address)
+{
+    return run(QStringLiteral("ip"),
+               {QStringLiteral("-4"), QStringLiteral("route"), QStringLiteral("get"), address})
+        .section(QStringLiteral(" dev "), 1)
+        .section(QLatin1Char(' '), 0, 0);
+}
+
+// The DNS proxy's own routes (its routing-protocol number).
+QString proxyRoutes()
+{
+    return run(QStringLiteral("ip"),
+               {QStringLiteral("-4"), QStringLiteral("route"), QStringLiteral("show"),
+                QStringLiteral("proto"), QStringLiteral("211")});
+}
+
+int proxyPid()
+{
+    QFile file(lab("LAB_HELPER_RUN") + QStringLiteral("/wisproute.pid"));
+    const int pid = file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+    return pid > 1 && QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).exists() ? pid : 0;
+}
+
+int proxyStarts()
+{
+    QFile log(lab("LAB_HELPER_LOGS") + QStringLiteral("/daemon.log"));
+    return log.open(QIODevice::ReadOnly) ? int(log.readAll().count("started the DNS proxy")) : 0;
 }
 
 } // namespace
@@ -425,6 +485,82 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Connected, kConnectTimeoutMs);
         QVERIFY(!m_account->shouldReconnect());
         QCOMPARE(m_vpn->connectedIp(), lab("LAB_SERVER_IP"));
+    }
+
+    // The lab's two resolvers answer every *.lab.test name differently (77.7 through the
+    // tunnel, 88.8 the original way), so each answer shows which way its query went.
+    void selectiveRoutingSteersNamesInEveryMode()
+    {
+        if (lab("LAB_TUNNEL_RESOLVER").isEmpty() ||
+            HMTestEnvironment::findProgram("drill").isEmpty() ||
+            HMTestEnvironment::findProgram("tcpdump").isEmpty()) {
+            QSKIP("needs the lab's resolvers (dnsmasq, --wisproute), drill and tcpdump");
+        }
+        const QString tunnel = QStringLiteral("10.231.77.7");
+        const QString original = QStringLiteral("10.231.88.8");
+        m_routing->setArrayDomains({QStringLiteral("listed.lab.test")});
+        m_routing->saveDomainsInFileWithExclusion(false);
+        m_routing->setArrayDomainsExclusion({QStringLiteral("listed.lab.test")});
+        m_routing->saveDomainsInFileWithExclusion(true);
+        HMDomainListEditor editor(*m_routing, [this] { return m_vpn->isConnected(); });
+        editor.chooseTag(HMDomainListEditor::TagInclusion);
+
+        // Every query that leaves over the physical link, for the whole case.
+        QProcess capture;
+        capture.start(HMTestEnvironment::findProgram("tcpdump"),
+                      {"-i", "lab0", "-n", "-l", "udp", "port", "53"});
+        capture.setReadChannel(QProcess::StandardError);
+        QVERIFY(capture.waitForReadyRead(5000)); // "listening on lab0"
+        capture.setReadChannel(QProcess::StandardOutput);
+
+        QVERIFY(connectAndWait());
+        QTRY_VERIFY_WITH_TIMEOUT(proxyPid() > 0, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(resolve("www.listed.lab.test", "A"), QStringList{tunnel}, 5000);
+        QCOMPARE(resolve("www.listed.lab.test", "AAAA"), QStringList());
+        QCOMPARE(resolve("tcp.listed.lab.test", "A", true), QStringList{tunnel});
+        QCOMPARE(resolve("other.lab.test", "A"), QStringList{original});
+        QCOMPARE(resolve("other.lab.test", "AAAA"), QStringList{"fd00::88"});
+        QCOMPARE(routeDevice(tunnel), QString("tun0"));
+        QCOMPARE(routeDevice(original), QString("lab0"));
+
+        // A mode change while connected restarts the proxy once and leaves no stale route.
+        const int inclusionPid = proxyPid();
+        const int starts = proxyStarts();
+        editor.chooseTag(HMDomainListEditor::TagExclusion);
+        QTRY_VERIFY_WITH_TIMEOUT(proxyPid() > 0 && proxyPid() != inclusionPid, 10000);
+        QCOMPARE(proxyStarts(), starts + 1);
+        QVERIFY2(!proxyRoutes().contains(tunnel), qPrintable(proxyRoutes()));
+        QTRY_COMPARE_WITH_TIMEOUT(resolve("ex.listed.lab.test", "A"), QStringList{original}, 5000);
+        QCOMPARE(resolve("ex-tunnel.lab.test", "A"), QStringList{tunnel});
+        QCOMPARE(resolve("ex-tunnel.lab.test", "AAAA"), QStringList());
+        QVERIFY2(proxyRoutes().contains(original + " via") ||
+                     proxyRoutes().contains(original + " dev lab0"),
+                 qPrintable(proxyRoutes()));
+        QCOMPARE(routeDevice(original), QString("lab0"));
+        QCOMPARE(routeDevice(tunnel), QString("tun0"));
+
+        editor.chooseTag(HMDomainListEditor::TagOff);
+        QTRY_COMPARE_WITH_TIMEOUT(resolve("off.listed.lab.test", "A"), QStringList{tunnel}, 10000);
+        QCOMPARE(routeDevice(original), QString("tun0"));
+
+        capture.terminate();
+        QVERIFY(capture.waitForFinished(5000));
+        const QString left = QString::fromUtf8(capture.readAllStandardOutput());
+        QVERIFY2(left.contains("other.lab.test") && left.contains("ex.listed.lab.test"),
+                 qPrintable(left));
+        for (const char *tunnelled : {"www.listed", "tcp.listed", "ex-tunnel", "off.listed"}) {
+            QVERIFY2(!left.contains(tunnelled), qPrintable(left));
+        }
+
+        // A proxy killed outright leaves its routes; the next start-up's stop removes them.
+        QCOMPARE(::kill(proxyPid(), SIGKILL), 0);
+        QVERIFY(!proxyRoutes().isEmpty());
+        bool stopped = false;
+        m_daemon->stopDNSProxy(
+            [&stopped](const QVariantMap &, const HMMaybeError &error) { stopped = !error; });
+        QTRY_VERIFY_WITH_TIMEOUT(stopped, 10000);
+        QCOMPARE(proxyRoutes(), QString());
+        editor.chooseTag(HMDomainListEditor::TagOff);
     }
 };
 

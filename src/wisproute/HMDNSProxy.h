@@ -1,0 +1,96 @@
+// The proxy's sockets: UDP and TCP listeners for clients and one UDP socket towards the
+// resolvers, all served by one poll loop (a DNS exchange is short; a thread per client would
+// cost more than it saves). Each forwarded query gets a fresh random id, so answers are
+// matched only to queries this proxy sent, and only from the resolver it asked; a resolver
+// that stays silent for kAttemptMs is replaced by the next of its kind, and when none is
+// left the client gets SERVFAIL. TCP clients are answered over TCP, their queries go to the
+// resolvers over UDP like any other.
+#pragma once
+
+#include "HMDNSQueryHandler.h"
+#include "HMProxyClock.h"
+
+#include <cstdint>
+#include <netinet/in.h>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+class HMHostRoutes;
+class HMProxyLog;
+
+class HMDNSProxy
+{
+public:
+    static constexpr int64_t kAttemptMs = 1500;
+    static constexpr int64_t kTcpIdleMs = 10000;
+    static constexpr int64_t kSweepMs = 5000;
+    static constexpr size_t kMaxPending = 4096;
+    static constexpr size_t kMaxTcpClients = 64;
+    // Refusals written to the log per sweep; a local program sending garbage must not fill
+    // the disk, so the rest are only counted.
+    static constexpr int kRefusalsLogged = 20;
+
+    HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProxyClock &clock,
+               HMHostRoutes *routes);
+    ~HMDNSProxy();
+    HMDNSProxy(const HMDNSProxy &) = delete;
+    HMDNSProxy &operator=(const HMDNSProxy &) = delete;
+
+    bool listen(uint32_t address, uint16_t port, std::string *error);
+    void setResolvers(HMDNSQueryHandler::Path path, std::vector<uint32_t> resolvers);
+
+    // Serves until stopFd becomes readable (a signalfd in the program).
+    void run(int stopFd);
+
+private:
+    struct Client
+    {
+        sockaddr_in udp{};
+        uint64_t tcp = 0; // connection number; 0 for UDP clients
+    };
+    struct Pending
+    {
+        HMDNSQueryHandler::Question question;
+        std::vector<uint8_t> query; // as the resolvers get it (our id)
+        uint16_t clientId = 0;
+        Client client;
+        size_t attempt = 0;
+        int64_t deadlineMs = 0;
+    };
+    struct TcpClient
+    {
+        int fd = -1;
+        std::vector<uint8_t> buffer;
+        int64_t lastMs = 0;
+    };
+
+    // Each returns how many datagrams it handled.
+    int readUdpClients();
+    void acceptTcp();
+    void readTcp(uint64_t number);
+    int readUpstream();
+    void handleQuery(const uint8_t *data, size_t size, const Client &client);
+    bool sendUpstream(Pending &pending);
+    void answer(const Client &client, const std::vector<uint8_t> &reply);
+    void closeTcp(uint64_t number);
+    void noteRefusal(const std::string &what);
+    void timeOut();
+    const std::vector<uint32_t> &resolvers(HMDNSQueryHandler::Path path) const;
+
+    HMDNSQueryHandler &m_handler;
+    HMProxyLog &m_log;
+    const HMProxyClock &m_clock;
+    HMHostRoutes *m_routes;
+    int m_udp = -1;
+    int m_tcp = -1;
+    int m_upstream = -1;
+    std::vector<uint32_t> m_tunnelResolvers;
+    std::vector<uint32_t> m_originalResolvers;
+    std::unordered_map<uint16_t, Pending> m_pending;
+    std::unordered_map<uint64_t, TcpClient> m_tcpClients;
+    uint64_t m_nextTcp = 1;
+    std::vector<uint8_t> m_buffer; // one datagram at a time
+    int m_refusals = 0;
+    int64_t m_nextSweepMs = 0;
+};
