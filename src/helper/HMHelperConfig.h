@@ -4,7 +4,7 @@
 // (HMPathTrust) named on the helper's own command line; nothing a client sends changes them.
 //
 // File format: "key = value" lines, "#" starts a comment. Keys: openvpn, wisproute,
-// resources, logs, run, group, client-timeout-ms, start-timeout-ms, stop-timeout-ms.
+// resources, logs, run, management, group, client-timeout-ms, start-timeout-ms, stop-timeout-ms.
 #pragma once
 
 #include <QString>
@@ -18,6 +18,8 @@ public:
     QString resourceDir;
     QString logDir;
     QString runDir;
+    // Holds one 0700 directory per user for OpenVPN's management socket.
+    QString managementDir;
     QString allowedGroup;
     // A client must deliver its whole request within this time.
     int clientTimeoutMs = 5000;

@@ -249,8 +249,7 @@ QCborMap HMHelperService::startVPN(const QCborMap &request, const HMPeerCredenti
         return refuse(peer, action, problem);
     }
     m_log.write(QStringLiteral("startVPN from %1").arg(peer.describe()));
-    const QString why =
-        m_openVPN.start(HMOpenVPNArguments::build(*launch, m_config, sanitisedPath));
+    const QString why = m_openVPN.start(*launch, sanitisedPath, peer.uid);
     return why.isEmpty() ? okReply() : failure(peer, action, why);
 }
 

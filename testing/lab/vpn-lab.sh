@@ -307,6 +307,7 @@ wisproute = $hdir/app/wisproute
 resources = $hdir/share
 logs = $hdir/log
 run = $hdir/run
+management = $hdir/management
 CONF
     chmod 644 "$hdir/etc/hmwispd.conf"
     ip netns exec "$cli" setsid setpriv --no-new-privs \
@@ -407,6 +408,7 @@ LAB_HELPER_SOCKET=$dir/helper/hmwispd.socket
 LAB_HELPER_APP_DIR=$dir/helper/app
 LAB_HELPER_RESOURCES=$dir/helper/share
 LAB_HELPER_RUN=$dir/helper/run
+LAB_HELPER_MANAGEMENT=$dir/helper/management
 LAB_HELPER_LOGS=$dir/helper/log
 FACTS
     fi

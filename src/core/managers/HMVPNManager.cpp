@@ -19,7 +19,7 @@
 #include "HMWisprouteManager.h"
 
 #include <QPointer>
-#include <QTcpSocket>
+#include <QLocalSocket>
 
 const QString HMVPNManager::kDidStartConnectingNotification =
     QStringLiteral("HMVPNDidStartConnectingNotification");

@@ -2,7 +2,8 @@
 // interface.
 //
 // OpenVPN is started and stopped by the root helper; once it runs, this manager holds the
-// one TCP connection to its management port on the loopback address, turns what OpenVPN
+// one connection to its management interface (a Unix socket the helper opens to this user
+// alone, see HMOpenVPNArgumentForms::managementSocketPath), turns what OpenVPN
 // reports there into the shared VPNState, answers its credential queries with the account's
 // VPN token and charges its byte counts against the data allowance. It also reacts to the
 // account (country, sign-in, allowance) and to the network coming and going. One connect
@@ -30,7 +31,7 @@ class HMVPNConnectionSequence;
 class HMVPNHelperTransport;
 class HMVPNReachabilitySource;
 class HMVPNRoutingSource;
-class QTcpSocket;
+class QLocalSocket;
 
 class HMVPNManager : public QObject
 {
@@ -46,7 +47,6 @@ public:
     static const QString kConnectionDidFailNotification;  // "HMVPNConnectionDidFailNotification"
     static const QString kOutOfDataNotification;          // "HMVPNOutOfDataNotification"
 
-    static constexpr quint16 kManagementPort = 5678;
     // Increases of the metered allowance smaller than this are discarded (see
     // setBandwidthAvailable).
     static constexpr qint64 kSmallIncreaseBytes = 41943040;
@@ -60,8 +60,9 @@ public:
         HMVPNClosestSource *closest = nullptr;
         HMClock *clock = nullptr;                      // the system clock when null
         HMNotificationCenter *notifications = nullptr; // the default centre when null
-        // Production always talks to 5678; tests point the manager at their own server.
-        quint16 managementPort = kManagementPort;
+        // Empty: this user's socket in the helper's management directory. Tests point the
+        // manager at their own server.
+        QString managementSocket;
     };
 
     // The process-wide manager, wired to the real account, reachability, helper, routing and
@@ -85,7 +86,7 @@ public:
     qint64 bandwidthAvailable() const { return m_bandwidthAvailable; }
     void setBandwidthAvailable(qint64 value);
     qint64 totalPrevious() const { return m_totalPrevious; }
-    QTcpSocket *socket() const { return m_socket; }
+    QLocalSocket *socket() const { return m_socket; }
     HMVPNConnectionSequence *connectionSequence() const { return m_connectionSequence.get(); }
 
     // These hide QObject::connect/disconnect inside this class on purpose: the whole client
@@ -132,7 +133,7 @@ private:
     void managementDidConnect();
     void managementDidRead();
     void managementDidWrite(qint64 bytes);
-    void managementWriteTimedOut(QTcpSocket *socket);
+    void managementWriteTimedOut(QLocalSocket *socket);
     void managementConnectionLost(const QString &reason);
     void dropSocket();
 
@@ -147,7 +148,7 @@ private:
     QString m_tap;
     std::shared_ptr<HMVPNConnectionSequence> m_connectionSequence;
 
-    QTcpSocket *m_socket = nullptr;
+    QLocalSocket *m_socket = nullptr;
     QByteArray m_readBuffer;
     bool m_readOutstanding = false;
     bool m_draining = false;

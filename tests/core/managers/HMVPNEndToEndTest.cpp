@@ -12,6 +12,7 @@
 #include "HMLogCapture.h"
 #include "HMNetlinkReachabilitySource.h"
 #include "HMNotificationCenter.h"
+#include "HMOpenVPNArgumentForms.h"
 #include "HMPreferenceStore.h"
 #include "HMReachabilityManager.h"
 #include "HMRefService.h"
@@ -248,6 +249,8 @@ private Q_SLOTS:
         c.helper = m_helper.get();
         c.routing = m_routingAdapter.get();
         c.notifications = &m_center;
+        c.managementSocket =
+            HMOpenVPNArgumentForms::managementSocketPath(lab("LAB_HELPER_MANAGEMENT"), ::getuid());
         // The cases choose a country, so the closest-server test never runs; it is wired anyway.
         m_closest = std::make_unique<HMClosestServerManager>(m_account.get(), HMClock::system(),
                                                              lab("LAB_SERVICE_DOMAIN"));

@@ -13,10 +13,11 @@
 
 #include <QHash>
 #include <QList>
+#include <QLocalServer>
+#include <QLocalSocket>
 #include <QPointer>
 #include <QStringList>
-#include <QTcpServer>
-#include <QTcpSocket>
+#include <QTemporaryDir>
 
 class HMFakeAccount : public HMVPNAccountSource
 {
@@ -140,7 +141,7 @@ class HMFakeManagementServer : public QObject
     Q_OBJECT
 public:
     HMFakeManagementServer();
-    quint16 port() const { return m_server.serverPort(); }
+    QString path() const { return m_server.fullServerName(); }
     bool hasClient() const { return m_client != nullptr; }
     QStringList commands() const { return m_commands; }
     void send(const QByteArray &data);
@@ -149,8 +150,9 @@ public:
     void stopListening() { m_server.close(); }
 
 private:
-    QTcpServer m_server;
-    QPointer<QTcpSocket> m_client;
+    QTemporaryDir m_dir;
+    QLocalServer m_server;
+    QPointer<QLocalSocket> m_client;
     QByteArray m_pending;
     QStringList m_commands;
 };
