@@ -38,6 +38,7 @@
 #include <QFileInfo>
 #include <QLocalSocket>
 #include <QProcess>
+#include <QSslConfiguration>
 #include <QTemporaryDir>
 #include <QThread>
 #include <algorithm>
@@ -144,6 +145,10 @@ int main(int argc, char **argv)
     QDir().mkpath(QFileInfo(deployment).path());
     QFile::copy(fact("LAB_SERVICE_DEPLOYMENT"), deployment);
 
+    // The lab's service authority stands in for one the system trusts.
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.addCaCertificates(fact("LAB_SERVICE_CA"));
+    QSslConfiguration::setDefaultConfiguration(tls);
     HMPreferenceStore store(home.filePath(QStringLiteral("prefs.json")));
     HMNotificationCenter center;
     HMWisprouteManager routing(store);

@@ -238,7 +238,8 @@ CONF
 }
 
 # The reference service: a certificate chain the client's certificate rule accepts (a leaf
-# for "*.DOMAIN" issued by an authority named "RapidSSL CA"), one account whose servers are
+# for "*.DOMAIN" issued by an authority named "RapidSSL CA", which a client must add to
+# its trust store: LAB_SERVICE_CA), one account whose servers are
 # this lab's, and the deployment file that points a client at it.
 start_service() {
     local sdir="$dir/service"
@@ -400,6 +401,7 @@ LAB_SERVICE_DOMAIN=$domain
 LAB_SERVICE_IP=$service_ip
 LAB_SERVICE_CONTROL=$server_ip:$control_port
 LAB_SERVICE_DEPLOYMENT=$dir/service/deployment.json
+LAB_SERVICE_CA=$dir/service/ca.crt
 FACTS
     fi
     if [ -n "$helper" ]; then
