@@ -96,6 +96,21 @@ public:
     void connectWithCompletion(Completion completion);
     void disconnectWithCompletion(Completion completion);
     void reconnect();
+    // For the quit handler (SIGTERM, session end): ends the attempt, drops the management
+    // connection and writes the helper's stop requests before returning, without waiting
+    // for its answer (bounded well under a second), so no OpenVPN outlives the process.
+    void stopBeforeExit();
+    // For start-up, before the reconnect decision: stops a tunnel of this user that an
+    // earlier run left behind (crash, kill), then runs `then`. At once when an attempt of
+    // this run is live.
+    void stopOrphanedTunnel(std::function<void()> then);
+    // Stops the helper's OpenVPN unless a live attempt or a tunnel of this run owns it.
+    void stopUnownedTunnel();
+
+    // Consecutive AUTH_FAILED answers to freshly renewed tokens after which the attempt
+    // ends in Error instead of renewing again.
+    static constexpr int kMaximumRefusedTokens = 3;
+
     // Opens the management connection; an error only when the attempt cannot even start.
     HMMaybeError connectVPN();
     void disconnectVPN();
@@ -130,6 +145,7 @@ private:
     void accountBandwidthAvailableDidChange(qint64 value);
     void reachabilityDidChange(bool reachable);
 
+    void tokenWasRefused();
     void managementDidConnect();
     void managementDidRead();
     void managementDidWrite(qint64 bytes);
@@ -152,6 +168,8 @@ private:
     QByteArray m_readBuffer;
     bool m_readOutstanding = false;
     bool m_draining = false;
+    int m_refusedTokens = 0;
+    bool m_renewingRefusedToken = false;
     qint64 m_bytesQueued = 0;
     qint64 m_bytesWritten = 0;
 };

@@ -7,6 +7,7 @@
 #include "HMVPNConnectionSequence.h"
 #include "HMVPNHelperTransport.h"
 #include "HMVPNManager.h"
+#include "HMVPNReachabilitySource.h"
 
 #include "HMOpenVPNArgumentForms.h"
 
@@ -263,7 +264,7 @@ void HMVPNManager::processVPNCommand(const QString &line)
     } else if (line.contains(QLatin1String("Signal received from management interface, exiting"))) {
         setState(VPNState::Disconnected);
     } else if (line.contains(QLatin1String("AUTH_FAILED"))) {
-        reconnect();
+        tokenWasRefused();
     } else if (line.contains(QLatin1String(">STATE"))) {
         processStateLine(line);
     } else {
@@ -271,6 +272,7 @@ void HMVPNManager::processVPNCommand(const QString &line)
         const QRegularExpressionMatch match = tunDevice.match(line);
         if (match.hasMatch()) {
             m_tap = match.captured(1);
+            m_collaborators.reachability->setTunnelDevice(m_tap);
         }
     }
     readLine();

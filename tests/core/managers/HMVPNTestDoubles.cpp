@@ -103,6 +103,10 @@ void HMFakeHelper::release(const QString &action)
 void HMFakeClosest::initClosestTest(const QVariantMap &serverGroups, Completion completion)
 {
     tests.append(serverGroups);
+    if (hold) {
+        held.append(std::move(completion));
+        return;
+    }
     const QString c = country;
     const QVariantList s = servers;
     const HMMaybeError e = error;

@@ -106,6 +106,7 @@ public:
     {
         answer({QStringLiteral("stopDNSProxy"), {}, -1}, std::move(completion));
     }
+    void stopBeforeExit() override { requests.append({QStringLiteral("stopBeforeExit"), {}, -1}); }
 
     QStringList actions() const;
     int count(const QString &action) const { return int(actions().count(action)); }
@@ -131,6 +132,9 @@ public:
     QString country;
     QVariantList servers;
     HMMaybeError error;
+    // Answers are kept here instead while set.
+    bool hold = false;
+    QList<Completion> held;
     void initClosestTest(const QVariantMap &serverGroups, Completion completion) override;
 };
 
