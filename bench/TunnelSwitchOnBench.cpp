@@ -18,6 +18,7 @@
 #include "HMHelperConfig.h"
 #include "HMNetlinkReachabilitySource.h"
 #include "HMNotificationCenter.h"
+#include "HMOpenVPNArgumentForms.h"
 #include "HMOpenVPNArguments.h"
 #include "HMPreferenceStore.h"
 #include "HMReachabilityManager.h"
@@ -35,14 +36,17 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QLocalSocket>
 #include <QProcess>
-#include <QTcpSocket>
+#include <QSslConfiguration>
 #include <QTemporaryDir>
 #include <QThread>
 #include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <pwd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -78,13 +82,13 @@ double median(QList<double> values)
 }
 
 // The application's side of the management dialogue, for the bare OpenVPN.
-bool driveToConnected(const QString &token, int timeoutMs)
+bool driveToConnected(const QString &path, const QString &token, int timeoutMs)
 {
-    QTcpSocket socket;
+    QLocalSocket socket;
     const QDeadlineTimer deadline(timeoutMs);
-    // OpenVPN opens the port a moment after it starts.
+    // OpenVPN opens the socket a moment after it starts.
     for (;;) {
-        socket.connectToHost(QStringLiteral("127.0.0.1"), HMVPNManager::kManagementPort);
+        socket.connectToServer(path);
         if (socket.waitForConnected(200)) {
             break;
         }
@@ -141,6 +145,10 @@ int main(int argc, char **argv)
     QDir().mkpath(QFileInfo(deployment).path());
     QFile::copy(fact("LAB_SERVICE_DEPLOYMENT"), deployment);
 
+    // The lab's service authority stands in for one the system trusts.
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.addCaCertificates(fact("LAB_SERVICE_CA"));
+    QSslConfiguration::setDefaultConfiguration(tls);
     HMPreferenceStore store(home.filePath(QStringLiteral("prefs.json")));
     HMNotificationCenter center;
     HMWisprouteManager routing(store);
@@ -170,6 +178,8 @@ int main(int argc, char **argv)
     c.routing = &routingAdapter;
     c.closest = &closest;
     c.notifications = &center;
+    c.managementSocket =
+        HMOpenVPNArgumentForms::managementSocketPath(fact("LAB_HELPER_MANAGEMENT"), ::getuid());
     HMVPNManager vpn(c);
     daemon.setTunnelInfo([&] { return vpn.connectedIp(); }, [&] { return vpn.tapAdapter(); });
 
@@ -253,7 +263,9 @@ int main(int argc, char **argv)
     if (!launch) {
         fail(QStringLiteral("the application's list does not parse: ") + why);
     }
-    const QStringList arguments = HMOpenVPNArguments::build(*launch, config);
+    const QString bareManagement = bareDir.filePath(QStringLiteral("management"));
+    const QStringList arguments = HMOpenVPNArguments::build(
+        *launch, config, {bareManagement, QString::fromLocal8Bit(::getpwuid(::getuid())->pw_name)});
     const QString token = account.vpnToken();
 
     QList<double> bare;
@@ -264,7 +276,7 @@ int main(int argc, char **argv)
         QElapsedTimer timer;
         timer.start();
         openvpn.start(config.openVPNPath, arguments);
-        if (!openvpn.waitForStarted(5000) || !driveToConnected(token, 60000)) {
+        if (!openvpn.waitForStarted(5000) || !driveToConnected(bareManagement, token, 60000)) {
             openvpn.kill();
             openvpn.waitForFinished(5000);
             fail(QStringLiteral("round %1: the bare OpenVPN did not reach CONNECTED").arg(i + 1));

@@ -8,6 +8,8 @@
 #include "HMVPNManager.h"
 #include "HMVPNReachabilitySource.h"
 
+#include <utility>
+
 namespace {
 const QString kClosestCountryCode = QStringLiteral("-1");
 }
@@ -29,6 +31,25 @@ void HMVPNConnectionSequence::connectWithCompletion(Completion completion)
         true, [self, completion](const HMMaybeError &error) {
             self->tokenDidRefresh(error, completion);
         });
+}
+
+void HMVPNConnectionSequence::addCompletion(Completion completion)
+{
+    if (completion) {
+        m_joined.append(std::move(completion));
+    }
+}
+
+void HMVPNConnectionSequence::finish(const Completion &completion, const HMError &error)
+{
+    m_finished = true;
+    if (completion) {
+        completion(error);
+    }
+    const QList<Completion> joined = std::exchange(m_joined, {});
+    for (const Completion &other : joined) {
+        other(error);
+    }
 }
 
 void HMVPNConnectionSequence::tokenDidRefresh(const HMMaybeError &error,
@@ -60,6 +81,7 @@ void HMVPNConnectionSequence::tokenDidRefresh(const HMMaybeError &error,
                 if (testError) {
                     HMLogError(QStringLiteral("Closest server test failed: %1")
                                    .arg(testError->description()));
+                    self->m_finished = true;
                     return;
                 }
                 HMVPNAccountSource *acc = self->m_manager->collaborators().account;
@@ -74,19 +96,31 @@ void HMVPNConnectionSequence::tokenDidRefresh(const HMMaybeError &error,
 
 void HMVPNConnectionSequence::startOpenVPN(const Completion &completion)
 {
+    // The closest-server answer does not look at cancellation, but a switch-off during the
+    // test must not leave a root OpenVPN waiting in management hold.
+    if (m_cancelled) {
+        HMLogError(
+            QStringLiteral("Switched off during the closest-server test; OpenVPN not started"));
+        return;
+    }
     // The state was set to Connecting at the start of the attempt; only an observer of the
     // account (an allowance of 0 arriving with the token) can have moved it since.
     if (!m_manager->canConnect()) {
         m_manager->postErrorNotification();
-        if (completion) {
-            completion(HMError::errorWithDescription(QStringLiteral("Out of Data")));
-        }
+        finish(completion, HMError::errorWithDescription(QStringLiteral("Out of Data")));
         return;
     }
     auto self = shared_from_this();
     m_manager->collaborators().helper->startVPN(
         [self, completion](const QVariantMap &, const HMMaybeError &error) {
-            if (self->m_cancelled || !self->m_manager) {
+            if (!self->m_manager) {
+                return;
+            }
+            if (self->m_cancelled) {
+                // Switched off while the helper was starting OpenVPN.
+                if (!error) {
+                    self->m_manager->stopUnownedTunnel();
+                }
                 return;
             }
             if (error) {
@@ -120,8 +154,14 @@ void HMVPNConnectionSequence::handleError(const HMError &error, Completion compl
     }
     HMLogError(error.description());
     m_manager->setState(VPNState::Error);
+    // Final: a cancelled sequence ends here too, and a later request must not join it.
+    m_finished = true;
+    const QList<Completion> joined = std::exchange(m_joined, {});
     if (completion) {
         completion(error);
+    }
+    for (const Completion &other : joined) {
+        other(error);
     }
     m_manager->postErrorNotification();
 }

@@ -5,13 +5,16 @@
 // list, has the helper start OpenVPN and opens the management connection; a failed attempt
 // is retried after 1, 2, 4 and 8 seconds while the network is reachable, five attempts in
 // all. Reaching Connected is not the sequence's business: OpenVPN reports that over the
-// management interface to the VPN manager. The manager creates a sequence for every connect
-// and marks it cancelled on every disconnect; pending steps keep the sequence alive (it is
-// shared), so a dropped but uncancelled sequence runs to its end.
+// management interface to the VPN manager. The manager creates a sequence for a connect
+// request unless one is still live (a second request joins it, so one OpenVPN never has two
+// sequences driving it) and marks it cancelled on every disconnect; pending steps keep the
+// sequence alive (it is shared). A cancelled sequence starts nothing more, and an OpenVPN the
+// helper started for it after all is stopped unless a newer attempt owns it.
 #pragma once
 
 #include "HMError.h"
 
+#include <QList>
 #include <QPointer>
 #include <functional>
 #include <memory>
@@ -30,6 +33,12 @@ public:
     // Starts one attempt. The completion runs only on final failure or when the account is
     // out of data: never on success, never after cancellation.
     void connectWithCompletion(Completion completion);
+    // A later connect request riding on this sequence: its completion runs when this one's
+    // does.
+    void addCompletion(Completion completion);
+    // Still able to bring the tunnel up: not cancelled and not ended in failure, out of
+    // data or a failed closest-server test.
+    bool isLive() const { return !m_cancelled && !m_finished; }
     // Retry with back-off, or final failure.
     void handleError(const HMError &error, Completion completion);
     // The management connection of this attempt closed before the tunnel came up.
@@ -43,9 +52,12 @@ public:
 private:
     void tokenDidRefresh(const HMMaybeError &error, const Completion &completion);
     void startOpenVPN(const Completion &completion);
+    void finish(const Completion &completion, const HMError &error);
 
     QPointer<HMVPNManager> m_manager;
     bool m_cancelled = false;
+    bool m_finished = false;
+    QList<Completion> m_joined;
     unsigned m_numConnectionAttempts = 0;
     Completion m_completion;
 };

@@ -1,6 +1,7 @@
 #include "HMHelperConfig.h"
 
 #include "HMHelperBuildConfig.h"
+#include "HMOpenVPNArgumentForms.h"
 #include "HMPathTrust.h"
 
 #include <QFile>
@@ -32,15 +33,16 @@ HMHelperConfig HMHelperConfig::defaults()
     config.resourceDir = QStringLiteral(HM_HELPER_RESOURCE_DIR);
     config.logDir = QStringLiteral(HM_HELPER_LOG_DIR);
     config.runDir = QStringLiteral(HM_HELPER_RUN_DIR);
+    config.managementDir = HMOpenVPNArgumentForms::managementDirectory();
     config.allowedGroup = QStringLiteral(HM_HELPER_GROUP);
     return config;
 }
 
 bool HMHelperConfig::apply(const QString &key, const QString &value, QString *error)
 {
-    static const QSet<QString> pathKeys = {QStringLiteral("openvpn"), QStringLiteral("wisproute"),
-                                           QStringLiteral("resources"), QStringLiteral("logs"),
-                                           QStringLiteral("run")};
+    static const QSet<QString> pathKeys = {
+        QStringLiteral("openvpn"), QStringLiteral("wisproute"), QStringLiteral("resources"),
+        QStringLiteral("logs"),    QStringLiteral("run"),       QStringLiteral("management")};
     if (pathKeys.contains(key)) {
         if (!value.startsWith(QLatin1Char('/')) || value.contains(QLatin1String("/../")) ||
             value.endsWith(QLatin1String("/.."))) {
@@ -59,8 +61,10 @@ bool HMHelperConfig::apply(const QString &key, const QString &value, QString *er
             resourceDir = path;
         } else if (key == QLatin1String("logs")) {
             logDir = path;
-        } else {
+        } else if (key == QLatin1String("run")) {
             runDir = path;
+        } else {
+            managementDir = path;
         }
         return true;
     }

@@ -4,8 +4,8 @@
 // (HMPathTrust) named on the helper's own command line; nothing a client sends changes them.
 //
 // File format: "key = value" lines, "#" starts a comment. Keys: openvpn, wisproute,
-// resources, logs, run, group, client-timeout-ms, start-timeout-ms, stop-timeout-ms,
-// tunnel-dns.
+// resources, logs, run, management, group, client-timeout-ms, start-timeout-ms,
+// stop-timeout-ms, tunnel-dns.
 #pragma once
 
 #include <QString>
@@ -19,6 +19,8 @@ public:
     QString resourceDir;
     QString logDir;
     QString runDir;
+    // Holds one 0700 directory per user for OpenVPN's management socket.
+    QString managementDir;
     QString allowedGroup;
     // The resolvers the DNS proxy asks through the tunnel, as the full-tunnel form pushes them.
     QString tunnelResolvers = QStringLiteral("8.8.8.8,8.8.4.4");

@@ -261,8 +261,7 @@ QCborMap HMHelperService::startVPN(const QCborMap &request, const HMPeerCredenti
     if (!m_ownership.claim(peer, &problem)) {
         return failure(peer, action, problem);
     }
-    const QString why =
-        m_openVPN.start(HMOpenVPNArguments::build(*launch, m_config, sanitisedPath));
+    const QString why = m_openVPN.start(*launch, sanitisedPath, peer.uid);
     return why.isEmpty() ? okReply() : failure(peer, action, why);
 }
 

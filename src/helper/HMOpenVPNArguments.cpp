@@ -182,9 +182,13 @@ HMOpenVPNArguments::parse(const QStringList &arguments, const QString &resourceD
 }
 
 QStringList HMOpenVPNArguments::build(const Launch &launch, const HMHelperConfig &config,
-                                      const QString &sanitisedConfig)
+                                      const Management &management, const QString &sanitisedConfig)
 {
     QStringList result = HMOpenVPNArgumentForms::head(config.resourceDir);
+    // "--management 127.0.0.1 5678" would let every local user take the interface.
+    const qsizetype address = result.indexOf(QStringLiteral("--management")) + 1;
+    result[address] = management.socketPath;
+    result[address + 1] = QStringLiteral("unix");
     if (launch.body == Body::ConfigFile) {
         result << QStringLiteral("--config") << sanitisedConfig;
     } else {
@@ -208,6 +212,6 @@ QStringList HMOpenVPNArguments::build(const Launch &launch, const HMHelperConfig
     // Last, so that they win over anything before them.
     result << QStringLiteral("--cd") << config.resourceDir << QStringLiteral("--log")
            << config.vpnLogPath() << QStringLiteral("--setenv") << QStringLiteral("HM_STATE_DIR")
-           << config.runDir;
+           << config.runDir << QStringLiteral("--management-client-user") << management.user;
     return result;
 }

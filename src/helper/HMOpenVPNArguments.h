@@ -3,8 +3,10 @@
 // configuration file, or one of the two built-in option sets) and "--remote host port proto"
 // triples with checked values. Everything else is refused with the reason.
 //
-// What actually runs differs on purpose: "--cd" becomes the helper's own resource
-// directory, the log goes to the helper's log directory, the lone word "system" after
+// What actually runs differs on purpose: the management interface becomes a Unix socket
+// that only the requesting user may use (HMOpenVPNController prepares its directory), "--cd"
+// becomes the helper's own resource directory, the log goes to the helper's log directory, the lone
+// word "system" after
 // "--script-security <n>" is dropped (OpenVPN 2.6 refuses the old two-word form that the
 // application still sends), "--daemon" is dropped because the helper detaches OpenVPN itself
 // and keeps it as its own child (so it knows the moment it dies), a configuration file is
@@ -45,6 +47,13 @@ public:
         QList<Remote> remotes;
     };
 
+    // Where OpenVPN's management interface listens and the one user it accepts there.
+    struct Management
+    {
+        QString socketPath;
+        QString user;
+    };
+
     static constexpr int kMaxRemotes = 64;
 
     // Checks the client's list; resourceDir is the helper's own, which "--cd" must name.
@@ -52,6 +61,7 @@ public:
                                        QString *error);
     // The list OpenVPN is started with. sanitisedConfig replaces the operator's file.
     static QStringList build(const Launch &launch, const HMHelperConfig &config,
+                             const Management &management,
                              const QString &sanitisedConfig = QString());
 
     static bool isValidHost(const QString &host);

@@ -2,6 +2,7 @@
 
 #include "HMHelperLog.h"
 #include "HMLogTail.h"
+#include "HMOpenVPNArgumentForms.h"
 
 #include <QDir>
 #include <QFile>
@@ -10,8 +11,11 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <dirent.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,28 +68,89 @@ HMOpenVPNController::HMOpenVPNController(const HMHelperConfig &config, HMHelperL
     : m_config(config), m_log(log), m_process(config.openVPNPath, config.openVPNPidPath())
 {}
 
-bool HMOpenVPNController::isListening(pid_t pid, quint16 port)
+bool HMOpenVPNController::isListening(pid_t pid, const QString &path)
 {
     const QSet<QByteArray> inodes = socketInodes(pid);
     if (inodes.isEmpty()) {
         return false;
     }
-    QFile table(QStringLiteral("/proc/net/tcp"));
+    QFile table(QStringLiteral("/proc/net/unix"));
     if (!table.open(QIODevice::ReadOnly)) {
         return false;
     }
-    // 127.0.0.1 as the kernel prints it (host byte order), the port in hex; 0A is LISTEN.
-    const QByteArray local = QByteArrayLiteral("0100007F:") +
-                             QByteArray::number(port, 16).toUpper().rightJustified(4, '0');
+    // "Num RefCount Protocol Flags Type St Inode Path"; flag 00010000 marks a listener.
+    const QByteArray wanted = QFile::encodeName(path);
     const QList<QByteArray> lines = table.readAll().split('\n');
     for (const QByteArray &line : lines) {
         const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() > 9 && fields.at(1) == local && fields.at(3) == "0A" &&
-            inodes.contains(fields.at(9))) {
+        if (fields.size() == 8 && fields.at(3) == "00010000" && fields.at(7) == wanted &&
+            inodes.contains(fields.at(6))) {
             return true;
         }
     }
     return false;
+}
+
+std::optional<HMOpenVPNArguments::Management>
+HMOpenVPNController::prepareManagement(uid_t owner, QString *error) const
+{
+    struct passwd entry
+    {
+    };
+    struct passwd *found = nullptr;
+    char buffer[4096];
+    if (::getpwuid_r(owner, &entry, buffer, sizeof(buffer), &found) != 0 || !found) {
+        *error = QStringLiteral("user %1 has no entry in the user database").arg(owner);
+        return std::nullopt;
+    }
+    const QByteArray base = QFile::encodeName(m_config.managementDir);
+    struct stat info
+    {
+    };
+    // chmod because the helper's umask would keep users out of their own directories.
+    if (::mkdir(base.constData(), 0755) == 0) {
+        ::chmod(base.constData(), 0755);
+    } else if (errno != EEXIST) {
+        *error = QStringLiteral("cannot make %1: %2")
+                     .arg(m_config.managementDir, QString::fromLocal8Bit(::strerror(errno)));
+        return std::nullopt;
+    }
+    if (::lstat(base.constData(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != 0 ||
+        (info.st_mode & 022) != 0) {
+        *error = QStringLiteral("%1 is not a root-owned directory that only root may change")
+                     .arg(m_config.managementDir);
+        return std::nullopt;
+    }
+    // Only root can make entries here, so the user's directory was made by an earlier start;
+    // it is made again when anything about it is off, and what its user left inside goes.
+    const QString userDir = m_config.managementDir + QLatin1Char('/') + QString::number(owner);
+    const QByteArray dir = QFile::encodeName(userDir);
+    if (::lstat(dir.constData(), &info) == 0 &&
+        (!S_ISDIR(info.st_mode) || info.st_uid != owner || (info.st_mode & 07777) != 0700)) {
+        if (S_ISDIR(info.st_mode)) {
+            QDir(userDir).removeRecursively();
+        } else {
+            ::unlink(dir.constData());
+        }
+    }
+    if (::mkdir(dir.constData(), 0700) == 0) {
+        if (::lchown(dir.constData(), owner, found->pw_gid) != 0) {
+            *error = QStringLiteral("cannot give %1 to user %2: %3")
+                         .arg(userDir)
+                         .arg(owner)
+                         .arg(QString::fromLocal8Bit(::strerror(errno)));
+            ::rmdir(dir.constData());
+            return std::nullopt;
+        }
+    } else if (errno != EEXIST) {
+        *error = QStringLiteral("cannot make %1: %2")
+                     .arg(userDir, QString::fromLocal8Bit(::strerror(errno)));
+        return std::nullopt;
+    }
+    const QString socketPath =
+        HMOpenVPNArgumentForms::managementSocketPath(m_config.managementDir, owner);
+    ::unlink(QFile::encodeName(socketPath).constData());
+    return HMOpenVPNArguments::Management{socketPath, QString::fromLocal8Bit(found->pw_name)};
 }
 
 QString HMOpenVPNController::lastLogLine() const
@@ -95,12 +160,19 @@ QString HMOpenVPNController::lastLogLine() const
     return lines.isEmpty() ? QStringLiteral("(vpn.log is empty)") : lines.last().trimmed();
 }
 
-QString HMOpenVPNController::start(const QStringList &arguments)
+QString HMOpenVPNController::start(const HMOpenVPNArguments::Launch &launch,
+                                   const QString &sanitisedConfig, uid_t owner)
 {
     QString why = stop();
     if (!why.isEmpty()) {
         return QStringLiteral("the OpenVPN already running could not be stopped: %1").arg(why);
     }
+    const std::optional<HMOpenVPNArguments::Management> management = prepareManagement(owner, &why);
+    if (!management) {
+        return QStringLiteral("OpenVPN's management interface cannot be prepared: %1").arg(why);
+    }
+    const QStringList arguments =
+        HMOpenVPNArguments::build(launch, m_config, *management, sanitisedConfig);
 
     const pid_t pid = m_process.spawn(arguments, &why);
     if (pid == 0) {
@@ -121,7 +193,7 @@ QString HMOpenVPNController::start(const QStringList &arguments)
             return QStringLiteral("OpenVPN %1 before its management port opened: %2")
                 .arg(how, lastLogLine());
         }
-        if (isListening(pid, kManagementPort)) {
+        if (isListening(pid, management->socketPath)) {
             m_log.write(QStringLiteral("OpenVPN (pid %1) listens on its management port").arg(pid));
             return QString();
         }

@@ -7,6 +7,16 @@ QString vpnLogPath()
     return QStringLiteral("/var/log/hmwispd/vpn.log");
 }
 
+QString managementDirectory()
+{
+    return QStringLiteral("/run/hmwispd-management");
+}
+
+QString managementSocketPath(const QString &directory, uint uid)
+{
+    return directory + QLatin1Char('/') + QString::number(uid) + QStringLiteral("/management");
+}
+
 QStringList head(const QString &resourceDirectory)
 {
     return {QStringLiteral("--cd"),

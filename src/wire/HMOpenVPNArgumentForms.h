@@ -22,6 +22,13 @@ enum class Body
 // Where OpenVPN writes its log; the helper returns it to the application.
 QString vpnLogPath();
 
+// OpenVPN's management interface is not the TCP port the head names: the helper gives each
+// user a directory of their own below this one (mode 0700, owned by them) and has OpenVPN
+// listen on a Unix socket in it, open to that user alone.
+QString managementDirectory();
+// The socket a user's OpenVPN listens on, below the given management directory.
+QString managementSocketPath(const QString &directory, uint uid);
+
 // "--cd <resourceDirectory>" followed by the management options: seven strings.
 QStringList head(const QString &resourceDirectory);
 

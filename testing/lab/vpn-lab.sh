@@ -246,7 +246,8 @@ CONF
 }
 
 # The reference service: a certificate chain the client's certificate rule accepts (a leaf
-# for "*.DOMAIN" issued by an authority named "RapidSSL CA"), one account whose servers are
+# for "*.DOMAIN" issued by an authority named "RapidSSL CA", which a client must add to
+# its trust store: LAB_SERVICE_CA), one account whose servers are
 # this lab's, and the deployment file that points a client at it.
 start_service() {
     local sdir="$dir/service"
@@ -317,6 +318,7 @@ tunnel-dns = $tunnel_resolver
 resources = $hdir/share
 logs = $hdir/log
 run = $hdir/run
+management = $hdir/management
 CONF
     chmod 644 "$hdir/etc/hmwispd.conf"
     ip netns exec "$cli" setsid setpriv --no-new-privs \
@@ -427,6 +429,7 @@ LAB_SERVICE_DOMAIN=$domain
 LAB_SERVICE_IP=$service_ip
 LAB_SERVICE_CONTROL=$server_ip:$control_port
 LAB_SERVICE_DEPLOYMENT=$dir/service/deployment.json
+LAB_SERVICE_CA=$dir/service/ca.crt
 FACTS
     fi
     if [ -n "$helper" ]; then
@@ -435,6 +438,7 @@ LAB_HELPER_SOCKET=$dir/helper/hmwispd.socket
 LAB_HELPER_APP_DIR=$dir/helper/app
 LAB_HELPER_RESOURCES=$dir/helper/share
 LAB_HELPER_RUN=$dir/helper/run
+LAB_HELPER_MANAGEMENT=$dir/helper/management
 LAB_HELPER_LOGS=$dir/helper/log
 FACTS
     fi

@@ -34,14 +34,19 @@ private Q_SLOTS:
     void backOff_data()
     {
         QTest::addColumn<QString>("failure");
-        QTest::newRow("tokenRefreshFails") << QStringLiteral("token");
-        QTest::newRow("helperCannotStartOpenVPN") << QStringLiteral("helper");
-        QTest::newRow("managementPortRefuses") << QStringLiteral("management");
+        QTest::addColumn<bool>("secondRequest");
+        QTest::newRow("tokenRefreshFails") << QStringLiteral("token") << false;
+        QTest::newRow("helperCannotStartOpenVPN") << QStringLiteral("helper") << false;
+        QTest::newRow("managementSocketRefuses") << QStringLiteral("management") << false;
+        // A second switch-on while the first attempt runs joins it: still five attempts,
+        // each request completed once, one failure notification.
+        QTest::newRow("secondRequestJoins") << QStringLiteral("helper") << true;
     }
 
     void backOff()
     {
         QFETCH(QString, failure);
+        QFETCH(bool, secondRequest);
         HMLogCapture log;
         HMVPNTestRig rig;
         const HMError error = HMError::errorWithDescription(QStringLiteral("attempt failed"));
@@ -57,6 +62,10 @@ private Q_SLOTS:
         rig.center.addObserverForName(HMVPNManager::kDidStartConnectingNotification,
                                       [&] { times.append(rig.clock.monotonicMs()); });
         rig.vpn->connectWithCompletion(outcome.callback());
+        Outcome joined;
+        if (secondRequest) {
+            rig.vpn->connectWithCompletion(joined.callback());
+        }
         for (int guard = 0; guard < 10 && rig.vpn->state() != VPNState::Error; ++guard) {
             QVERIFY(QTest::qWaitFor(
                 [&] {
@@ -73,6 +82,7 @@ private Q_SLOTS:
         QVERIFY(outcome.error);
         QCOMPARE(rig.connectionDidFail, 1);
         QCOMPARE(rig.vpn->connectionSequence()->numConnectionAttempts(), 5u);
+        QCOMPARE(joined.completions, secondRequest ? 1 : 0);
 
         // Nothing is left scheduled: more time brings no sixth attempt.
         rig.clock.advance(120000);
@@ -208,39 +218,91 @@ private Q_SLOTS:
     void cancelledAnswersIgnored_data()
     {
         QTest::addColumn<QString>("pending");
-        QTest::newRow("tokenRefresh") << QStringLiteral("token");
-        QTest::newRow("helperStart") << QStringLiteral("startVPN");
+        QTest::addColumn<QStringList>("actions");
+        const QStringList stops{"stopVPN", "stopDNSProxy"};
+        QTest::newRow("tokenRefresh") << QStringLiteral("token") << stops;
+        // The closest-server answer arrives after the switch-off: nothing is started.
+        QTest::newRow("closestTest") << QStringLiteral("closest") << stops;
+        // OpenVPN started for the switched-off attempt is stopped again.
+        QTest::newRow("helperStart")
+            << QStringLiteral("startVPN")
+            << QStringList{"startVPN", "stopVPN", "stopDNSProxy", "stopVPN"};
     }
 
     void cancelledAnswersIgnored()
     {
         QFETCH(QString, pending);
+        QFETCH(QStringList, actions);
         HMVPNTestRig rig;
-        if (pending == QLatin1String("token")) {
-            rig.account.holdTokenRequests = true;
-        } else {
+        rig.account.holdTokenRequests = pending == QLatin1String("token");
+        rig.closest.hold = pending == QLatin1String("closest");
+        rig.account.countryCode = QStringLiteral("-1");
+        rig.account.groups = {{"DE", QVariantList{QVariantMap{{"host", "de1.example"}}}}};
+        if (pending == QLatin1String("startVPN")) {
             rig.helper.held = QStringList{"startVPN"};
         }
         Outcome outcome;
         rig.vpn->connectWithCompletion(outcome.callback());
         QTRY_VERIFY(rig.account.tokenRequests == 1 &&
-                    (pending == QLatin1String("token") ||
+                    (pending != QLatin1String("closest") || rig.closest.held.size() == 1) &&
+                    (pending != QLatin1String("startVPN") ||
                      rig.helper.count(QStringLiteral("startVPN")) == 1));
         rig.vpn->disconnect();
         QTRY_COMPARE(rig.vpn->state(), VPNState::Disconnected);
 
         if (pending == QLatin1String("token")) {
             rig.account.heldTokenRequests.takeFirst()(std::nullopt);
+        } else if (pending == QLatin1String("closest")) {
+            rig.closest.held.takeFirst()(QStringLiteral("DE"), {}, std::nullopt);
         } else {
             rig.helper.release(QStringLiteral("startVPN"));
         }
         HMVPNTestRig::settle();
         QCOMPARE(rig.vpn->state(), VPNState::Disconnected);
-        QCOMPARE(rig.helper.count(QStringLiteral("startVPN")),
-                 pending == QLatin1String("token") ? 0 : 1);
+        QCOMPARE(rig.helper.actions(), actions);
         QVERIFY(rig.vpn->socket() == nullptr);
         QVERIFY(!rig.server.hasClient());
         QCOMPARE(outcome.completions, 0);
+    }
+
+    void refusedTokensEndInError()
+    {
+        HMLogCapture log;
+        HMVPNTestRig rig;
+        rig.vpn->connect();
+        for (int round = 1; round <= HMVPNManager::kMaximumRefusedTokens; ++round) {
+            QTRY_COMPARE(rig.server.commands().size(), 5 * round);
+            QCOMPARE(rig.account.tokenRequests, round);
+            rig.server.sendLines({">LOG:1795224601,,AUTH: Received control message: AUTH_FAILED"});
+            QTRY_VERIFY(rig.account.tokenRequests > round || rig.vpn->state() == VPNState::Error);
+        }
+        QCOMPARE(rig.vpn->state(), VPNState::Error);
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.account.tokenRequests, HMVPNManager::kMaximumRefusedTokens);
+        QCOMPARE(rig.connectionDidFail, 1);
+        QCOMPARE(rig.helper.actions().mid(rig.helper.actions().size() - 2),
+                 (QStringList{"stopVPN", "stopDNSProxy"}));
+        QVERIFY(log.contains(QStringLiteral("refused 3 freshly renewed tokens")));
+
+        // A switch-on of the user's own starts afresh.
+        rig.vpn->connect();
+        QTRY_COMPARE(rig.account.tokenRequests, HMVPNManager::kMaximumRefusedTokens + 1);
+    }
+
+    void quitWritesTheStopAndEndsTheAttempt()
+    {
+        HMVPNTestRig rig;
+        rig.helper.held = QStringList{"startVPN"};
+        rig.vpn->connect();
+        QTRY_COMPARE(rig.helper.count(QStringLiteral("startVPN")), 1);
+        rig.vpn->stopBeforeExit();
+        QCOMPARE(rig.helper.actions(), (QStringList{"startVPN", "stopBeforeExit"}));
+        // The attempt is over: its late answer opens no management connection, and the
+        // OpenVPN it reports is stopped again.
+        rig.helper.release(QStringLiteral("startVPN"));
+        HMVPNTestRig::settle();
+        QVERIFY(!rig.server.hasClient());
+        QCOMPARE(rig.helper.actions(), (QStringList{"startVPN", "stopBeforeExit", "stopVPN"}));
     }
 
     void managementLostBeforeConnectedRetries()

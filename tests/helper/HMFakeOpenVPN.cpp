@@ -4,7 +4,7 @@
 // one JSON line {"arguments": [...], "environment": [...]} to invocations.jsonl beside
 // itself, then does what the file "mode" beside itself says:
 //   exit      exit with status 3 at once
-//   serve     listen on 127.0.0.1:5678 (as OpenVPN's management interface) until SIGTERM
+//   serve     listen on the "--management <path> unix" socket until SIGTERM
 //   stubborn  listen likewise but ignore SIGTERM, so only SIGKILL ends it
 #include <QFile>
 #include <QFileInfo>
@@ -12,10 +12,10 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <arpa/inet.h>
 #include <csignal>
-#include <netinet/in.h>
+#include <cstring>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 extern char **environ;
@@ -56,13 +56,19 @@ int main(int argc, char **argv)
     if (mode == "stubborn") {
         ::signal(SIGTERM, SIG_IGN);
     }
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(5678);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    QByteArray path;
+    for (int i = 1; i + 2 < argc; ++i) {
+        if (qstrcmp(argv[i], "--management") == 0 && qstrcmp(argv[i + 2], "unix") == 0) {
+            path = argv[i + 1];
+        }
+    }
+    sockaddr_un address{};
+    if (path.isEmpty() || static_cast<size_t>(path.size()) >= sizeof(address.sun_path)) {
+        return 4;
+    }
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    address.sun_family = AF_UNIX;
+    ::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
     if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
         ::listen(fd, 1) != 0) {
         return 4;

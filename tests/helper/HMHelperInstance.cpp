@@ -1,6 +1,7 @@
 #include "HMHelperInstance.h"
 
 #include "HMExpectedArguments.h"
+#include "HMOpenVPNArgumentForms.h"
 #include "HMTestEnvironment.h"
 #include "HMTestNamespace.h"
 #include "HMWireCodec.h"
@@ -95,12 +96,13 @@ bool HMHelperInstance::prepare(const Options &options, QString *error)
     const QByteArray config =
         QStringLiteral("# test instance\nopenvpn = %1\nwisproute = %2\nresources = %3\n"
                        "logs = %4\nrun = %5\ngroup = %6\nclient-timeout-ms = %7\n"
-                       "start-timeout-ms = %8\nstop-timeout-ms = %9\n")
+                       "start-timeout-ms = %8\nstop-timeout-ms = %9\nmanagement = %10\n")
             .arg(m_openVPN, path(QStringLiteral("bin/wisproute")), resourceDir(), logDir(),
                  runDir(), options.group)
             .arg(options.clientTimeoutMs)
             .arg(options.startTimeoutMs)
             .arg(options.stopTimeoutMs)
+            .arg(managementDir())
             .toUtf8();
     if (!HMTestEnvironment::writeFile(path(QStringLiteral("etc/hmwispd.conf")), config)) {
         *error = QStringLiteral("cannot write the configuration");
@@ -255,4 +257,9 @@ QStringList HMHelperInstance::lastInvocationArguments() const
     const QList<QJsonObject> all = invocations();
     return all.isEmpty() ? QStringList()
                          : all.last().value(QStringLiteral("arguments")).toVariant().toStringList();
+}
+
+QString HMHelperInstance::managementSocket(uint uid) const
+{
+    return HMOpenVPNArgumentForms::managementSocketPath(managementDir(), uid);
 }

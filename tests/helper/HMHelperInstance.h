@@ -54,6 +54,9 @@ public:
     QString resourceDir() const { return path(QStringLiteral("share")); }
     QString logDir() const { return path(QStringLiteral("log")); }
     QString runDir() const { return path(QStringLiteral("run")); }
+    QString managementDir() const { return path(QStringLiteral("management")); }
+    // Where OpenVPN started for uid listens for the application.
+    QString managementSocket(uint uid) const;
     QString openVPNPath() const { return m_openVPN; }
     // What the application names: a link beside its executable to the trusted OpenVPN.
     QString applicationOpenVPNLink() const { return path(QStringLiteral("app/openvpn")); }

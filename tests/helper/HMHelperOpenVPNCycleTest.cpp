@@ -14,10 +14,14 @@
 #include <QProcess>
 #include <QtTest>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <cerrno>
+#include <cstring>
+#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -77,15 +81,28 @@ public:
         }
     }
 
-    bool connect(const QString &networkNamespace)
+    bool connect(const QString &path)
     {
-        m_fd = HMTestNamespace::socketIn(networkNamespace, SOCK_STREAM);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(5678);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return m_fd >= 0 &&
-               ::connect(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
+        m_fd = connectTo(path);
+        return m_fd >= 0;
+    }
+
+    static int connectTo(const QString &path)
+    {
+        sockaddr_un address{};
+        const QByteArray name = QFile::encodeName(path);
+        if (static_cast<size_t>(name.size()) >= sizeof(address.sun_path)) {
+            return -1;
+        }
+        address.sun_family = AF_UNIX;
+        ::memcpy(address.sun_path, name.constData(), static_cast<size_t>(name.size()));
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd >= 0 &&
+            ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        return fd;
     }
 
     bool send(const QByteArray &line)
@@ -131,10 +148,50 @@ private:
     QByteArray m_buffer;
 };
 
+// What another local user gets from the management socket: "refused" (cannot connect),
+// "closed" (OpenVPN hung up without a word) or "served" (OpenVPN talked to them).
+QString foreignAttempt(const QString &path, uid_t uid, gid_t group)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const gid_t groups[] = {group};
+        if (::setgroups(group == uid ? 0 : 1, groups) != 0 || ::setgid(uid) != 0 ||
+            ::setuid(uid) != 0) {
+            ::_exit(9);
+        }
+        const int fd = Management::connectTo(path);
+        if (fd < 0) {
+            ::_exit(errno == EACCES ? 1 : 8);
+        }
+        pollfd watch{fd, POLLIN, 0};
+        char byte = 0;
+        if (::poll(&watch, 1, 3000) <= 0) {
+            ::_exit(4); // held the connection, silent
+        }
+        ::_exit(::read(fd, &byte, 1) > 0 ? 3 : 2);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    switch (WIFEXITED(status) ? WEXITSTATUS(status) : -1) {
+    case 1:
+        return QStringLiteral("refused");
+    case 2:
+        return QStringLiteral("closed");
+    case 3:
+        return QStringLiteral("served");
+    case 4:
+        return QStringLiteral("held");
+    default:
+        return QStringLiteral("probe failed (%1)").arg(status);
+    }
+}
+
 QString readFile(const QString &path)
 {
     return QString::fromUtf8(HMTestEnvironment::readFile(path));
 }
+
+constexpr uid_t kNobody = 65534;
 
 bool linkExists(const QString &networkNamespace, const QString &device)
 {
@@ -189,6 +246,7 @@ private Q_SLOTS:
         options.resourceFiles = {client + "/ca.crt", client + "/key.crt", client + "/key.key"};
         options.startTimeoutMs = 20000;
         options.stopTimeoutMs = 10000;
+        options.group = QStringLiteral("users");
         QVERIFY2(m_helper.prepare(options, &error), qPrintable(error));
         QVERIFY2(m_helper.start(&error), qPrintable(error));
     }
@@ -220,10 +278,23 @@ private Q_SLOTS:
                  qPrintable(reply.value("status").toString() + reply.value("error").toString()));
         const int pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
         QVERIFY(pid > 1);
+        const QString socket = m_helper.managementSocket(::getuid());
+        if (selectiveRouting) {
+            // While OpenVPN waits in management hold: another user, in the helper's group or
+            // not, cannot reach the socket; with the directory opened up OpenVPN itself hangs
+            // up on them. Either way the interface stays free for its owner.
+            const gid_t group = ::getgrnam("users")->gr_gid;
+            QCOMPARE(foreignAttempt(socket, kNobody, kNobody), QString("refused"));
+            QCOMPARE(foreignAttempt(socket, kNobody, group), QString("refused"));
+            const QByteArray dir = QFile::encodeName(QFileInfo(socket).path());
+            QCOMPARE(::chmod(dir.constData(), 0711), 0);
+            QCOMPARE(foreignAttempt(socket, kNobody, group), QString("closed"));
+            QCOMPARE(::chmod(dir.constData(), 0700), 0);
+        }
 
         {
             Management management;
-            QVERIFY(management.connect(ns));
+            QVERIFY(management.connect(socket));
             QVERIFY2(management.waitFor(">HOLD:", 10000),
                      qPrintable(management.transcript.join('\n')));
             QVERIFY(management.send("state on"));

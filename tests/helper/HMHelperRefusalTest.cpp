@@ -457,13 +457,15 @@ private Q_SLOTS:
         QCOMPARE(all.size(), before + 1);
         const QStringList ran = m_helper.lastInvocationArguments();
         QCOMPARE(all.last().value("environment").toArray().size(), 0);
-        QCOMPARE(ran.mid(0, 2), QStringList({"--cd", m_helper.resourceDir()}));
+        QCOMPARE(ran.mid(0, 5), QStringList({"--cd", m_helper.resourceDir(), "--management",
+                                             m_helper.managementSocket(0), "unix"}));
         QVERIFY(!ran.contains("system"));
         QVERIFY(!ran.contains("--daemon"));
         QVERIFY(!ran.contains("/var/log/hmwispd/vpn.log"));
         const QStringList own = {
-            "--cd",     m_helper.resourceDir(), "--log",          m_helper.logDir() + "/vpn.log",
-            "--setenv", "HM_STATE_DIR",         m_helper.runDir()};
+            "--cd",     m_helper.resourceDir(), "--log",           m_helper.logDir() + "/vpn.log",
+            "--setenv", "HM_STATE_DIR",         m_helper.runDir(), "--management-client-user",
+            "root"};
         QCOMPARE(ran.mid(ran.size() - own.size()), own);
         QCOMPARE(ran.mid(ran.size() - own.size() - 8, 8), requested.mid(requested.size() - 8));
         QVERIFY(!QFile::exists(m_helper.runDir() + "/openvpn.pid"));

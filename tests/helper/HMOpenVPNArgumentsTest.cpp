@@ -13,6 +13,7 @@ Q_DECLARE_METATYPE(Mutation)
 namespace {
 
 const QString kUp = HMExpectedArguments::upScript();
+const HMOpenVPNArguments::Management kManagement{"/srv/m/1000/management", "alice"};
 
 QStringList applicationList(const QString &cd, bool selectiveRouting)
 {
@@ -192,21 +193,24 @@ private Q_SLOTS:
         QString error;
         const auto launch = HMOpenVPNArguments::parse(requested, m_resources.path(), &error);
         QVERIFY2(launch, qPrintable(error));
-        const QStringList built = HMOpenVPNArguments::build(*launch, m_config);
+        const QStringList built = HMOpenVPNArguments::build(*launch, m_config, kManagement);
 
         // OpenVPN 2.6 refuses the old method word; the helper detaches OpenVPN itself.
         QVERIFY(!built.contains("system"));
         QVERIFY(!built.contains("--daemon"));
         QCOMPARE(built.at(indexOf(built, "--script-security") + 1), QString("3"));
         QCOMPARE(built.at(indexOf(built, "--script-security") + 2), QString("--verb"));
-        QCOMPARE(built.mid(0, 2), QStringList({"--cd", m_resources.path()}));
+        QCOMPARE(built.mid(0, 7),
+                 QStringList({"--cd", m_resources.path(), "--management", "/srv/m/1000/management",
+                              "unix", "--management-hold", "--management-query-passwords"}));
         QCOMPARE(built.at(indexOf(built, "--log") + 1), QString("/srv/logs/vpn.log"));
         QCOMPARE(built.at(indexOf(built, "--up") + 1), kUp);
         QCOMPARE(built.count("--dhcp-option"), selectiveRouting ? 1 : 2);
 
         const QStringList ownOptions = {
-            "--cd",     m_resources.path(), "--log",   "/srv/logs/vpn.log",
-            "--setenv", "HM_STATE_DIR",     "/srv/run"};
+            "--cd",     m_resources.path(), "--log",    "/srv/logs/vpn.log",
+            "--setenv", "HM_STATE_DIR",     "/srv/run", "--management-client-user",
+            "alice"};
         QCOMPARE(built.mid(built.size() - ownOptions.size()), ownOptions);
         const QStringList servers = built.mid(built.size() - ownOptions.size() - 8, 8);
         QCOMPARE(servers, requested.mid(requested.size() - 8));
@@ -224,7 +228,7 @@ private Q_SLOTS:
         QVERIFY2(launch, qPrintable(error));
         QCOMPARE(launch->configFile, QString("/home/u/my.ovpn"));
         const QStringList built =
-            HMOpenVPNArguments::build(*launch, m_config, "/srv/run/copy.conf");
+            HMOpenVPNArguments::build(*launch, m_config, kManagement, "/srv/run/copy.conf");
         QVERIFY(!built.contains("/home/u/my.ovpn"));
         QCOMPARE(built.mid(7, 6), QStringList({"--config", "/srv/run/copy.conf", "--remote",
                                                "10.0.0.7", "443", "tcp"}));

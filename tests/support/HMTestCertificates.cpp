@@ -3,6 +3,24 @@
 #include <QFile>
 #include <QProcess>
 
+namespace {
+
+bool writeCaFiles(QFile &config, const QString &base)
+{
+    const QByteArray text =
+        "[ca]\ndefault_ca = d\n[d]\ndatabase = " + QFile::encodeName(base) +
+        ".index\nnew_certs_dir = " + QFile::encodeName(base.section(QLatin1Char('/'), 0, -2)) +
+        "\nserial = " + QFile::encodeName(base) +
+        ".serial\ndefault_md = sha256\npolicy = p\nunique_subject = no\n"
+        "[p]\ncommonName = supplied\n";
+    QFile index(base + QStringLiteral(".index"));
+    QFile serial(base + QStringLiteral(".serial"));
+    return config.write(text) == text.size() && index.open(QIODevice::WriteOnly) &&
+           serial.open(QIODevice::WriteOnly) && serial.write("01\n") == 3;
+}
+
+} // namespace
+
 HMTestCertificates::HMTestCertificates(const QString &directory) : m_directory(directory) {}
 
 bool HMTestCertificates::openssl(const QStringList &arguments)
@@ -39,7 +57,7 @@ HMTestCertificates::Leaf HMTestCertificates::makeLeaf(const QString &name,
                                                       const QString &commonName,
                                                       const Authority *issuer,
                                                       const QStringList &dnsNames,
-                                                      bool chainIncludesIssuer)
+                                                      bool chainIncludesIssuer, Dates dates)
 {
     const QString base = m_directory + QLatin1Char('/') + name;
     Leaf leaf{base + QStringLiteral(".pem"), base + QStringLiteral(".key"),
@@ -72,7 +90,34 @@ HMTestCertificates::Leaf HMTestCertificates::makeLeaf(const QString &name,
                         QStringLiteral("-out"),     leaf.certificate,
                         QStringLiteral("-days"),    QStringLiteral("30"),
                         QStringLiteral("-extfile"), extensions.fileName()};
-    if (issuer) {
+    if (dates == Dates::Expired && issuer) {
+        // Only "openssl ca" takes dates in the past; it wants a database of its own.
+        QFile config(base + QStringLiteral(".ca"));
+        if (!config.open(QIODevice::WriteOnly) || !writeCaFiles(config, base)) {
+            m_error = QStringLiteral("cannot write the openssl ca files for ") + name;
+            return {};
+        }
+        config.close();
+        signing = {QStringLiteral("ca"),
+                   QStringLiteral("-batch"),
+                   QStringLiteral("-notext"),
+                   QStringLiteral("-config"),
+                   config.fileName(),
+                   QStringLiteral("-cert"),
+                   issuer->certificate,
+                   QStringLiteral("-keyfile"),
+                   issuer->key,
+                   QStringLiteral("-in"),
+                   request,
+                   QStringLiteral("-out"),
+                   leaf.certificate,
+                   QStringLiteral("-extfile"),
+                   extensions.fileName(),
+                   QStringLiteral("-startdate"),
+                   QStringLiteral("20200101000000Z"),
+                   QStringLiteral("-enddate"),
+                   QStringLiteral("20200102000000Z")};
+    } else if (issuer) {
         signing << QStringLiteral("-CA") << issuer->certificate << QStringLiteral("-CAkey")
                 << issuer->key << QStringLiteral("-CAcreateserial");
     } else {

@@ -21,6 +21,12 @@ public:
         QString chain;
     };
 
+    enum class Dates
+    {
+        Current, // valid from now for 30 days
+        Expired  // valid for one day in 2020 (needs an issuer)
+    };
+
     // Files go into `directory`, which must exist.
     explicit HMTestCertificates(const QString &directory);
 
@@ -28,7 +34,8 @@ public:
     Authority makeAuthority(const QString &name, const QString &commonName);
     // `issuer` null: self-signed. `dnsNames`: subject alternative names, none when empty.
     Leaf makeLeaf(const QString &name, const QString &commonName, const Authority *issuer,
-                  const QStringList &dnsNames = {}, bool chainIncludesIssuer = true);
+                  const QStringList &dnsNames = {}, bool chainIncludesIssuer = true,
+                  Dates dates = Dates::Current);
 
     QString error() const { return m_error; }
 

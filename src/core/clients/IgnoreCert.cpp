@@ -5,6 +5,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QSslConfiguration>
+#include <algorithm>
 
 const QString IgnoreCert::kAcceptedIssuer = QStringLiteral("RapidSSL CA");
 
@@ -40,6 +41,13 @@ bool IgnoreCert::acceptsServerTrust(const QString &host, const QList<QSslCertifi
            acceptedIssuers.contains(subjectSummary(chain.at(1)), Qt::CaseSensitive);
 }
 
+bool IgnoreCert::onlyHostNameMismatch(const QList<QSslError> &errors)
+{
+    return !errors.isEmpty() && std::all_of(errors.begin(), errors.end(), [](const QSslError &e) {
+        return e.error() == QSslError::HostNameMismatch;
+    });
+}
+
 void IgnoreCert::install(QNetworkAccessManager *manager, const QStringList &acceptedNames)
 {
     QObject::connect(manager, &QNetworkAccessManager::sslErrors, manager,
@@ -47,7 +55,14 @@ void IgnoreCert::install(QNetworkAccessManager *manager, const QStringList &acce
                          const QString host = reply->url().host();
                          const QList<QSslCertificate> chain =
                              reply->sslConfiguration().peerCertificateChain();
-                         if (acceptsServerTrust(host, chain, acceptedNames)) {
+                         if (!onlyHostNameMismatch(errors)) {
+                             const auto why =
+                                 std::find_if(errors.begin(), errors.end(), [](const QSslError &e) {
+                                     return e.error() != QSslError::HostNameMismatch;
+                                 });
+                             HMLogError(QStringLiteral("Refused the certificate of %1: %2")
+                                            .arg(host, why->errorString()));
+                         } else if (acceptsServerTrust(host, chain, acceptedNames)) {
                              reply->ignoreSslErrors(errors);
                          }
                      });

@@ -1,21 +1,27 @@
 // The client's own server-trust rule for every HTTPS request it makes.
 //
 // The fallback roots reach API servers by bare address, whose certificates cannot match
-// the address, and the static-file host must stay reachable whatever it presents. So when
-// the platform's verification fails (QNetworkReply::sslErrors), the failure is overridden
-// when either
+// the address, and the static-file host must stay reachable under whatever name it
+// serves. So when the platform's verification fails (QNetworkReply::sslErrors) only
+// because the certificate names another host, that mismatch is overlooked when either
 //   - the request's host is one of the accepted names, or
 //   - the server sent at least two certificates, the first one's subject summary is an
 //     accepted name and the second one's is an accepted issuer ("RapidSSL CA").
-// Otherwise the platform's verdict stands: a certificate valid for the host passes anyway
-// (no sslErrors are raised for it), anything else fails the request.
+// Any other failure stands, whatever the names say: the chain must verify against the
+// trust store and be within its dates, so a self-made issuer that merely carries the
+// accepted issuer's name, or a self-signed certificate on the static-file host, is refused.
+// The names alone cannot be trusted (anyone can write them into a certificate); the
+// mismatch alone is what reaching a server by address makes unavoidable. A certificate
+// valid for the host passes anyway (no sslErrors are raised for it).
 //
-// No chain is evaluated and no date is checked, and the comparisons are exact and
-// case-sensitive: this mirrors the service's long-standing contract, not an oversight.
+// The name comparisons are exact and case-sensitive: this mirrors the service's
+// long-standing contract, not an oversight. Tests add their own authority to the trust
+// store (QSslConfiguration::defaultConfiguration); there is no switch to turn checks off.
 #pragma once
 
 #include <QList>
 #include <QSslCertificate>
+#include <QSslError>
 #include <QStringList>
 
 class QNetworkAccessManager;
@@ -32,6 +38,10 @@ public:
     static bool acceptsServerTrust(const QString &host, const QList<QSslCertificate> &chain,
                                    const QStringList &acceptedNames,
                                    const QStringList &acceptedIssuers = {kAcceptedIssuer});
+
+    // True when errors is not empty and says nothing but that the certificate names
+    // another host: the one failure the rule may overlook.
+    static bool onlyHostNameMismatch(const QList<QSslError> &errors);
 
     // The platform's one-line summary of a subject: its common name, else its e-mail
     // address, organisational unit or organisation, whichever comes first.

@@ -9,6 +9,8 @@
 #include "HMSecretServiceKeychain.h"
 #include "HMWisprouteManager.h"
 
+#include <QPointer>
+
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -443,8 +445,41 @@ QString HMAccountManager::password()
     if (error) {
         HMLogError(QStringLiteral("Keychain read failed: %1").arg(error->description()));
     }
+    // Under auto-login the keyring is often still locked when the client starts. The empty
+    // answer is cached like any other (every call would otherwise ask the Secret Service
+    // again, and may prompt), but the account is read again once the keyring unlocks.
+    if (error && error->domain() == HMSecretServiceKeychain::kErrorDomain &&
+        error->code() == HMSecretServiceKeychain::kLockedCode && !m_awaitingUnlock) {
+        m_awaitingUnlock = true;
+        QPointer<HMAccountManager> self(this);
+        m_keychain.setChangeObserver([self] {
+            if (self) {
+                self->keychainDidChange();
+            }
+        });
+    }
     m_cachedPassword = found;
     return found;
+}
+
+void HMAccountManager::keychainDidChange()
+{
+    if (!m_awaitingUnlock || !m_cachedPassword || !m_cachedPassword->isEmpty()) {
+        return;
+    }
+    HMMaybeError error;
+    const QString found =
+        m_keychain.passwordForService(app_bundle_identifier(), username(), &error);
+    if (error || found.isEmpty()) {
+        return; // still locked, or another collection changed
+    }
+    m_awaitingUnlock = false;
+    willChange(Key::password);
+    willChange(Key::loggedIn);
+    m_cachedPassword = found;
+    didChange(Key::loggedIn);
+    didChange(Key::password);
+    Q_EMIT accountRestoredFromKeychain();
 }
 
 void HMAccountManager::setPassword(const QString &newPassword)

@@ -190,6 +190,9 @@ Q_SIGNALS:
     void willChangeValueForKey(const QString &key);
     void didChangeValueForKey(const QString &key);
     void loggedInChanged(bool loggedIn);
+    // The signed-in account became readable after the keyring it lives in was unlocked
+    // (after loggedInChanged(true)): the moment to apply the start-up reconnect rule.
+    void accountRestoredFromKeychain();
     void currentCountryChanged(const QString &currentCountry);
     void currentCountryCodeChanged(const QString &currentCountryCode);
     void bandwidthAvailableChanged(qint64 bandwidthAvailable);
@@ -212,6 +215,7 @@ private:
     // Logs, once per key and process, a stored value that does not have the expected type.
     void noteWrongType(const QString &key, const QVariant &value, Kind expected) const;
 
+    void keychainDidChange();
     void willChange(const QString &key);
     void didChange(const QString &key);
     // will-change, store (an invalid value removes the key), did-change.
@@ -229,6 +233,7 @@ private:
     HMNotificationCenter &m_center;
 
     std::optional<QString> m_cachedPassword;
+    bool m_awaitingUnlock = false;
     QString m_paymentStatus;
     QVariant m_closestServers;
     QVariant m_selectedClosestServer;

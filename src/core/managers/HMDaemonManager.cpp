@@ -17,6 +17,7 @@
 #include <QFileInfo>
 #include <QTextStream>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 const QString HMDaemonManager::kAssertionText =
@@ -222,6 +223,32 @@ void HMDaemonManager::stopVPN(ReplyCompletion completion)
 void HMDaemonManager::stopVPN()
 {
     executeRequest(request(QStringLiteral("stopVPN")), false, nullptr);
+}
+
+bool HMDaemonManager::writeStopRequests(int timeoutMs)
+{
+    bool written = true;
+    for (const QString &action : {QStringLiteral("stopVPN"), QStringLiteral("stopDNSProxy")}) {
+        HMWireMaybeError wireError;
+        const int fd = unix_socket(m_paths.socketPath, &wireError);
+        if (fd < 0) {
+            HMLogError(QStringLiteral("Could not ask the helper to %1 at quit: %2")
+                           .arg(action, errorFromWire(*wireError).description()));
+            written = false;
+            continue;
+        }
+        const timeval bound{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
+        wireError = write_data(fd, encode_dictionary(request(action)));
+        // The helper reads a request it has received also after its client is gone.
+        ::close(fd);
+        if (wireError) {
+            HMLogError(QStringLiteral("Could not ask the helper to %1 at quit: %2")
+                           .arg(action, errorFromWire(*wireError).description()));
+            written = false;
+        }
+    }
+    return written;
 }
 
 void HMDaemonManager::getLogs(ReplyCompletion completion)

@@ -81,6 +81,10 @@ public:
     // Synchronous, no completion: for the moments when the application must not go on
     // before OpenVPN is down.
     void stopVPN();
+    // At quit: writes "stopVPN" and "stopDNSProxy" on the calling thread, past the command
+    // queue (an exchange may be waiting there), and does not wait for the answers; each
+    // write gives up after timeoutMs. False when a request could not be written.
+    bool writeStopRequests(int timeoutMs);
     // On success the reply carries "vpnLog", "daemonLog" and "dnsLog".
     void getLogs(ReplyCompletion completion);
     // The tap name arrives as OpenVPN logged it (line end included) and is trimmed here.

@@ -7,9 +7,9 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
-#include <linux/if.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -103,6 +103,105 @@ struct HMNetlinkReachabilitySource::Route
     unsigned char type = RTN_UNSPEC;
     bool hasGateway = false;
 };
+
+void HMNetlinkReachabilitySource::setTunnelDevice(const QString &name)
+{
+    if (name == m_tunnelDevice) {
+        return;
+    }
+    m_tunnelDevice = name;
+    Q_EMIT flagsReported(currentFlags());
+}
+
+bool HMNetlinkReachabilitySource::lookupRouteAvoiding(int excluded, Route *route)
+{
+    QByteArray request = header(RTM_GETROUTE, ++m_sequence);
+    reinterpret_cast<nlmsghdr *>(request.data())->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    rtmsg query{};
+    query.rtm_family = AF_INET;
+    append(request, query);
+    finish(request);
+    if (send(m_querySocket, request.constData(), static_cast<size_t>(request.size()), 0) < 0) {
+        HMLogError(QStringLiteral("Reachability: route dump failed (%1)").arg(errnoText(errno)));
+        return false;
+    }
+    in_addr probe{};
+    inet_pton(AF_INET, kProbeAddress, &probe);
+    const quint32 target = ntohl(probe.s_addr);
+    int bestLength = -1;
+    quint32 bestPriority = 0;
+    QByteArray buffer(32768, Qt::Uninitialized);
+    for (;;) {
+        const ssize_t got =
+            recv(m_querySocket, buffer.data(), static_cast<size_t>(buffer.size()), 0);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            HMLogError(QStringLiteral("Reachability: no answer to the route dump (%1)")
+                           .arg(errnoText(errno)));
+            return false;
+        }
+        const QByteArray bytes = buffer.left(got);
+        qsizetype offset = 0;
+        while (offset + static_cast<qsizetype>(sizeof(nlmsghdr)) <= bytes.size()) {
+            const nlmsghdr nh = readAt<nlmsghdr>(bytes, offset);
+            if (nh.nlmsg_len < sizeof(nlmsghdr) || offset + nh.nlmsg_len > bytes.size()) {
+                break;
+            }
+            const qsizetype next = offset + static_cast<qsizetype>(NLMSG_ALIGN(nh.nlmsg_len));
+            if (nh.nlmsg_seq != m_sequence) {
+                offset = next;
+                continue;
+            }
+            if (nh.nlmsg_type == NLMSG_DONE || nh.nlmsg_type == NLMSG_ERROR) {
+                return bestLength >= 0;
+            }
+            const QByteArray payload =
+                bytes.mid(offset + static_cast<qsizetype>(NLMSG_HDRLEN),
+                          nh.nlmsg_len - static_cast<qsizetype>(NLMSG_HDRLEN));
+            offset = next;
+            if (nh.nlmsg_type != RTM_NEWROUTE ||
+                payload.size() < static_cast<qsizetype>(sizeof(rtmsg))) {
+                continue;
+            }
+            const rtmsg header = readAt<rtmsg>(payload, 0);
+            quint32 table = header.rtm_table;
+            quint32 destination = 0;
+            quint32 priority = 0;
+            Route candidate;
+            candidate.type = header.rtm_type;
+            forEachAttribute(payload, static_cast<qsizetype>(NLMSG_ALIGN(sizeof(rtmsg))),
+                             [&](unsigned short type, const QByteArray &value) {
+                                 if (value.size() < 4) {
+                                     return;
+                                 }
+                                 if (type == RTA_TABLE) {
+                                     table = readAt<quint32>(value, 0);
+                                 } else if (type == RTA_DST) {
+                                     destination = ntohl(readAt<quint32>(value, 0));
+                                 } else if (type == RTA_OIF) {
+                                     candidate.ifindex = readAt<int>(value, 0);
+                                 } else if (type == RTA_GATEWAY) {
+                                     candidate.hasGateway = true;
+                                 } else if (type == RTA_PRIORITY) {
+                                     priority = readAt<quint32>(value, 0);
+                                 }
+                             });
+            const int length = header.rtm_dst_len;
+            const quint32 mask = length == 0 ? 0 : ~quint32(0) << (32 - length);
+            const bool better =
+                length > bestLength || (length == bestLength && priority < bestPriority);
+            if (table == RT_TABLE_MAIN && header.rtm_type == RTN_UNICAST && candidate.ifindex > 0 &&
+                candidate.ifindex != excluded && (target & mask) == (destination & mask) &&
+                better) {
+                *route = candidate;
+                bestLength = length;
+                bestPriority = priority;
+            }
+        }
+    }
+}
 
 HMNetlinkReachabilitySource::HMNetlinkReachabilitySource(QObject *parent)
     : HMReachabilitySource(parent)
@@ -277,7 +376,19 @@ quint32 HMNetlinkReachabilitySource::currentFlags()
     }
     Route route;
     unsigned interfaceFlags = 0;
-    if (!lookupRoute(&route) || !linkFlags(route.ifindex, &interfaceFlags)) {
+    if (!lookupRoute(&route)) {
+        return 0;
+    }
+    const int tunnel = m_tunnelDevice.isEmpty()
+                           ? 0
+                           : static_cast<int>(if_nametoindex(m_tunnelDevice.toLocal8Bit()));
+    if (tunnel > 0 && route.ifindex == tunnel) {
+        route = Route();
+        if (!lookupRouteAvoiding(tunnel, &route)) {
+            return 0;
+        }
+    }
+    if (!linkFlags(route.ifindex, &interfaceFlags)) {
         return 0;
     }
     // Up alone is not enough: a cable pulled or a radio disassociated leaves the routes in

@@ -7,6 +7,11 @@
 // lookup. Flags: Reachable when both hold, plus IsDirect without a gateway, IsLocalAddress
 // for a local route and TransientConnection for point-to-point links (tunnels).
 //
+// Routes over the VPN's own tunnel device (setTunnelDevice) do not count: with the full
+// tunnel, OpenVPN's 0.0.0.0/1 and 128.0.0.0/1 routes cover 169.254.0.0 and would hide the
+// physical link going away. When the kernel's answer names that device, the main table is
+// read and its longest matching route over any other device decides instead.
+//
 // The sockets belong to the network namespace of the thread that creates the source; the
 // lookups are synchronous kernel round trips on the main thread.
 #pragma once
@@ -14,6 +19,7 @@
 #include "HMReachabilitySource.h"
 
 #include <QByteArray>
+#include <QString>
 
 class QSocketNotifier;
 
@@ -26,6 +32,7 @@ public:
     ~HMNetlinkReachabilitySource() override;
 
     quint32 currentFlags() override;
+    void setTunnelDevice(const QString &name) override;
 
 private:
     struct Route;
@@ -36,10 +43,13 @@ private:
     bool exchange(const QByteArray &request, quint16 expectedType, QByteArray *answer,
                   int *errorCode);
     bool lookupRoute(Route *route);
+    // The best main-table route to the probe address over any device but `excluded`.
+    bool lookupRouteAvoiding(int excluded, Route *route);
     bool linkFlags(int ifindex, unsigned *flags);
 
     int m_querySocket = -1;
     int m_eventSocket = -1;
     quint32 m_sequence = 0;
     QSocketNotifier *m_notifier = nullptr;
+    QString m_tunnelDevice;
 };

@@ -2,6 +2,7 @@
 
 #include "HMNetlinkReachabilitySource.h"
 #include "HMReachability.h"
+#include "HMReachabilitySource.h"
 
 HMReachabilityManager &HMReachabilityManager::instance()
 {
@@ -23,4 +24,9 @@ HMReachabilityManager::~HMReachabilityManager() = default;
 bool HMReachabilityManager::isReachable() const
 {
     return m_reachability->isReachable();
+}
+
+void HMReachabilityManager::setTunnelDevice(const QString &name)
+{
+    m_reachability->source()->setTunnelDevice(name);
 }

@@ -28,6 +28,8 @@ public:
 
     HMReachability *reachability() const { return m_reachability.get(); }
     bool isReachable() const;
+    // See HMReachabilitySource::setTunnelDevice.
+    void setTunnelDevice(const QString &name);
 
 Q_SIGNALS:
     void reachableChanged(bool reachable);

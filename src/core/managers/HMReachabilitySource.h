@@ -16,6 +16,9 @@ public:
     ~HMReachabilitySource() override = default;
 
     virtual quint32 currentFlags() = 0;
+    // The VPN's own tunnel device, whose routes must not make the network reachable; empty
+    // for none. Sources that cannot tell devices apart ignore it.
+    virtual void setTunnelDevice(const QString &name) { Q_UNUSED(name) }
 
 Q_SIGNALS:
     void flagsReported(quint32 flags);

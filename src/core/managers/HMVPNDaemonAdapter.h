@@ -14,6 +14,7 @@ public:
     void stopVPN(Completion completion) override;
     void startDNSProxy(const QString &tap, int wisprouteMode, Completion completion) override;
     void stopDNSProxy(Completion completion) override;
+    void stopBeforeExit() override;
 
 private:
     HMDaemonManager &m_daemon;

@@ -22,4 +22,7 @@ public:
     virtual void stopVPN(Completion completion) = 0;
     virtual void startDNSProxy(const QString &tap, int wisprouteMode, Completion completion) = 0;
     virtual void stopDNSProxy(Completion completion) = 0;
+    // At quit: the stop requests for OpenVPN and the DNS proxy are written before this
+    // returns, in bounded time, and their answers are not awaited.
+    virtual void stopBeforeExit() = 0;
 };

@@ -18,8 +18,8 @@
 #include "HMVPNRoutingSource.h"
 #include "HMWisprouteManager.h"
 
+#include <QLocalSocket>
 #include <QPointer>
-#include <QTcpSocket>
 
 const QString HMVPNManager::kDidStartConnectingNotification =
     QStringLiteral("HMVPNDidStartConnectingNotification");
@@ -94,6 +94,9 @@ void HMVPNManager::setState(VPNState state)
     Q_EMIT didChangeValueForKey(QStringLiteral("connected"));
     Q_EMIT stateChanged(old, state);
     Q_EMIT connectedChanged(state == VPNState::Connected);
+    if (state == VPNState::Connected) {
+        m_refusedTokens = 0;
+    }
 
     if (state == VPNState::Connected && m_collaborators.routing->isSupported()) {
         // The answer is deliberately not looked at: without the proxy the tunnel still
@@ -143,8 +146,19 @@ void HMVPNManager::disconnect()
 
 void HMVPNManager::connectWithCompletion(Completion completion)
 {
-    // An earlier sequence is dropped without being cancelled: it keeps running until its
-    // pending steps end, as the user's repeated switch-on has always done.
+    if (!m_renewingRefusedToken) {
+        m_refusedTokens = 0;
+    }
+    // A second click, the network coming back or any other request while an attempt is
+    // under way joins that attempt: two sequences would both start OpenVPN and race for
+    // its one management connection.
+    if (isConnecting() && m_connectionSequence && m_connectionSequence->isLive()) {
+        m_connectionSequence->addCompletion(std::move(completion));
+        return;
+    }
+    if (m_connectionSequence) {
+        m_connectionSequence->setCancelled(true);
+    }
     auto sequence = std::make_shared<HMVPNConnectionSequence>(*this);
     m_connectionSequence = sequence;
     sequence->connectWithCompletion(std::move(completion));
@@ -190,6 +204,87 @@ void HMVPNManager::reconnect()
     });
 }
 
+void HMVPNManager::stopBeforeExit()
+{
+    if (m_connectionSequence) {
+        m_connectionSequence->setCancelled(true);
+        m_connectionSequence.reset();
+    }
+    if (m_socket) {
+        dropSocket();
+    }
+    m_collaborators.helper->stopBeforeExit();
+}
+
+void HMVPNManager::stopOrphanedTunnel(std::function<void()> then)
+{
+    if ((m_connectionSequence && m_connectionSequence->isLive()) || m_socket) {
+        then();
+        return;
+    }
+    // The helper keeps at most one OpenVPN; with no attempt of this run alive, whatever
+    // runs there was left by an earlier run of this user and nothing would ever stop it.
+    QPointer<HMVPNManager> self(this);
+    m_collaborators.helper->stopVPN([self, then](const QVariantMap &, const HMMaybeError &error) {
+        if (error) {
+            HMLogError(QStringLiteral("Could not stop daemon: %1").arg(error->description()));
+        }
+        if (!self) {
+            return;
+        }
+        self->m_collaborators.helper->stopDNSProxy(
+            [then](const QVariantMap &, const HMMaybeError &proxyError) {
+                if (proxyError) {
+                    HMLogError(proxyError->description());
+                }
+                then();
+            });
+    });
+}
+
+void HMVPNManager::stopUnownedTunnel()
+{
+    if ((m_connectionSequence && m_connectionSequence->isLive()) || m_socket) {
+        return;
+    }
+    m_collaborators.helper->stopVPN([](const QVariantMap &, const HMMaybeError &error) {
+        if (error) {
+            HMLogError(QStringLiteral("Could not stop daemon: %1").arg(error->description()));
+        }
+    });
+}
+
+void HMVPNManager::tokenWasRefused()
+{
+    // The server refused the token the sequence had just renewed. Renewing again helps when
+    // the token rotated meanwhile; a server that refuses every fresh token would otherwise
+    // keep the tunnel reconnecting for ever.
+    if (++m_refusedTokens < kMaximumRefusedTokens) {
+        QPointer<HMVPNManager> self(this);
+        disconnectWithCompletion([self](const HMMaybeError &error) {
+            if (self && !error) {
+                self->m_renewingRefusedToken = true;
+                self->connect();
+                self->m_renewingRefusedToken = false;
+            }
+        });
+        return;
+    }
+    const int refused = m_refusedTokens;
+    m_refusedTokens = 0;
+    QPointer<HMVPNManager> self(this);
+    disconnectWithCompletion([self, refused](const HMMaybeError &) {
+        if (!self) {
+            return;
+        }
+        HMLogError(QStringLiteral("The VPN server refused %1 freshly renewed tokens in a row; "
+                                  "giving up")
+                       .arg(refused));
+        self->setState(VPNState::Error);
+        self->postErrorNotification();
+    });
+}
+
 void HMVPNManager::disconnectVPN()
 {
     setState(VPNState::Disconnecting);
@@ -200,6 +295,8 @@ void HMVPNManager::disconnectVPN()
 
 void HMVPNManager::setDisconnectedState()
 {
+    // OpenVPN is gone by now, and so are the routes over its device.
+    m_collaborators.reachability->setTunnelDevice(QString());
     if (!m_collaborators.reachability->isReachable()) {
         setState(VPNState::NoConnection);
     } else if (m_bandwidthAvailable == 0) {

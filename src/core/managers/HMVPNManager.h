@@ -2,7 +2,8 @@
 // interface.
 //
 // OpenVPN is started and stopped by the root helper; once it runs, this manager holds the
-// one TCP connection to its management port on the loopback address, turns what OpenVPN
+// one connection to its management interface (a Unix socket the helper opens to this user
+// alone, see HMOpenVPNArgumentForms::managementSocketPath), turns what OpenVPN
 // reports there into the shared VPNState, answers its credential queries with the account's
 // VPN token and charges its byte counts against the data allowance. It also reacts to the
 // account (country, sign-in, allowance) and to the network coming and going. One connect
@@ -30,7 +31,7 @@ class HMVPNConnectionSequence;
 class HMVPNHelperTransport;
 class HMVPNReachabilitySource;
 class HMVPNRoutingSource;
-class QTcpSocket;
+class QLocalSocket;
 
 class HMVPNManager : public QObject
 {
@@ -46,7 +47,6 @@ public:
     static const QString kConnectionDidFailNotification;  // "HMVPNConnectionDidFailNotification"
     static const QString kOutOfDataNotification;          // "HMVPNOutOfDataNotification"
 
-    static constexpr quint16 kManagementPort = 5678;
     // Increases of the metered allowance smaller than this are discarded (see
     // setBandwidthAvailable).
     static constexpr qint64 kSmallIncreaseBytes = 41943040;
@@ -60,8 +60,9 @@ public:
         HMVPNClosestSource *closest = nullptr;
         HMClock *clock = nullptr;                      // the system clock when null
         HMNotificationCenter *notifications = nullptr; // the default centre when null
-        // Production always talks to 5678; tests point the manager at their own server.
-        quint16 managementPort = kManagementPort;
+        // Empty: this user's socket in the helper's management directory. Tests point the
+        // manager at their own server.
+        QString managementSocket;
     };
 
     // The process-wide manager, wired to the real account, reachability, helper, routing and
@@ -85,7 +86,7 @@ public:
     qint64 bandwidthAvailable() const { return m_bandwidthAvailable; }
     void setBandwidthAvailable(qint64 value);
     qint64 totalPrevious() const { return m_totalPrevious; }
-    QTcpSocket *socket() const { return m_socket; }
+    QLocalSocket *socket() const { return m_socket; }
     HMVPNConnectionSequence *connectionSequence() const { return m_connectionSequence.get(); }
 
     // These hide QObject::connect/disconnect inside this class on purpose: the whole client
@@ -95,6 +96,21 @@ public:
     void connectWithCompletion(Completion completion);
     void disconnectWithCompletion(Completion completion);
     void reconnect();
+    // For the quit handler (SIGTERM, session end): ends the attempt, drops the management
+    // connection and writes the helper's stop requests before returning, without waiting
+    // for its answer (bounded well under a second), so no OpenVPN outlives the process.
+    void stopBeforeExit();
+    // For start-up, before the reconnect decision: stops a tunnel of this user that an
+    // earlier run left behind (crash, kill), then runs `then`. At once when an attempt of
+    // this run is live.
+    void stopOrphanedTunnel(std::function<void()> then);
+    // Stops the helper's OpenVPN unless a live attempt or a tunnel of this run owns it.
+    void stopUnownedTunnel();
+
+    // Consecutive AUTH_FAILED answers to freshly renewed tokens after which the attempt
+    // ends in Error instead of renewing again.
+    static constexpr int kMaximumRefusedTokens = 3;
+
     // Opens the management connection; an error only when the attempt cannot even start.
     HMMaybeError connectVPN();
     void disconnectVPN();
@@ -129,10 +145,11 @@ private:
     void accountBandwidthAvailableDidChange(qint64 value);
     void reachabilityDidChange(bool reachable);
 
+    void tokenWasRefused();
     void managementDidConnect();
     void managementDidRead();
     void managementDidWrite(qint64 bytes);
-    void managementWriteTimedOut(QTcpSocket *socket);
+    void managementWriteTimedOut(QLocalSocket *socket);
     void managementConnectionLost(const QString &reason);
     void dropSocket();
 
@@ -147,10 +164,12 @@ private:
     QString m_tap;
     std::shared_ptr<HMVPNConnectionSequence> m_connectionSequence;
 
-    QTcpSocket *m_socket = nullptr;
+    QLocalSocket *m_socket = nullptr;
     QByteArray m_readBuffer;
     bool m_readOutstanding = false;
     bool m_draining = false;
+    int m_refusedTokens = 0;
+    bool m_renewingRefusedToken = false;
     qint64 m_bytesQueued = 0;
     qint64 m_bytesWritten = 0;
 };

@@ -7,12 +7,15 @@
 #include "HMVPNConnectionSequence.h"
 #include "HMVPNHelperTransport.h"
 #include "HMVPNManager.h"
+#include "HMVPNReachabilitySource.h"
 
-#include <QHostAddress>
+#include "HMOpenVPNArgumentForms.h"
+
+#include <QLocalSocket>
 #include <QPointer>
 #include <QRegularExpression>
-#include <QTcpSocket>
 #include <limits>
+#include <unistd.h>
 
 namespace {
 
@@ -106,16 +109,30 @@ HMMaybeError HMVPNManager::connectVPN()
     if (m_socket) {
         dropSocket();
     }
-    auto *socket = new QTcpSocket(this);
+    auto *socket = new QLocalSocket(this);
     m_socket = socket;
     m_readBuffer.clear();
     m_readOutstanding = false;
     m_bytesQueued = 0;
     m_bytesWritten = 0;
 
-    QObject::connect(socket, &QTcpSocket::connected, this, &HMVPNManager::managementDidConnect);
-    socket->connectToHost(QHostAddress(QHostAddress::LocalHost), m_collaborators.managementPort);
-    if (socket->state() == QAbstractSocket::UnconnectedState) {
+    // A local connection is often made inside connectToServer; the opening commands must
+    // still go out after the signals below are connected, so the greeting waits a turn.
+    const QPointer<QLocalSocket> guard(socket);
+    QObject::connect(
+        socket, &QLocalSocket::connected, this,
+        [this, guard] {
+            if (guard && guard == m_socket) {
+                managementDidConnect();
+            }
+        },
+        Qt::QueuedConnection);
+    const QString path = m_collaborators.managementSocket.isEmpty()
+                             ? HMOpenVPNArgumentForms::managementSocketPath(
+                                   HMOpenVPNArgumentForms::managementDirectory(), ::getuid())
+                             : m_collaborators.managementSocket;
+    socket->connectToServer(path);
+    if (socket->state() == QLocalSocket::UnconnectedState) {
         const HMError error = HMError::errorWithDomain(
             QStringLiteral("sockets"), socket->error(),
             QStringLiteral("Could not connect to OpenVPN's management interface: %1")
@@ -125,15 +142,15 @@ HMMaybeError HMVPNManager::connectVPN()
     }
     // Connected only after connectToHost returned: a failure it reports synchronously is
     // already returned above and must not also count as a lost connection.
-    QObject::connect(socket, &QTcpSocket::readyRead, this, &HMVPNManager::managementDidRead);
-    QObject::connect(socket, &QTcpSocket::bytesWritten, this, &HMVPNManager::managementDidWrite);
-    QObject::connect(socket, &QTcpSocket::errorOccurred, this,
-                     [this, socket](QAbstractSocket::SocketError) {
+    QObject::connect(socket, &QLocalSocket::readyRead, this, &HMVPNManager::managementDidRead);
+    QObject::connect(socket, &QLocalSocket::bytesWritten, this, &HMVPNManager::managementDidWrite);
+    QObject::connect(socket, &QLocalSocket::errorOccurred, this,
+                     [this, socket](QLocalSocket::LocalSocketError) {
                          if (socket == m_socket) {
                              managementConnectionLost(socket->errorString());
                          }
                      });
-    QObject::connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+    QObject::connect(socket, &QLocalSocket::disconnected, this, [this, socket] {
         if (socket == m_socket) {
             managementConnectionLost(QStringLiteral("OpenVPN closed the connection"));
         }
@@ -143,9 +160,6 @@ HMMaybeError HMVPNManager::connectVPN()
 
 void HMVPNManager::managementDidConnect()
 {
-    // The dialogue is many short commands, each waiting for OpenVPN's answer; with Nagle's
-    // algorithm every second one would sit out the peer's delayed acknowledgement (40 ms).
-    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     readLine();
     sendCommand(QStringLiteral("state"));
     sendCommand(QStringLiteral("log on"));
@@ -156,7 +170,7 @@ void HMVPNManager::managementDidConnect()
 
 void HMVPNManager::sendCommand(const QString &command)
 {
-    if (!m_socket || m_socket->state() != QAbstractSocket::ConnectedState) {
+    if (!m_socket || m_socket->state() != QLocalSocket::ConnectedState) {
         // The text itself may carry the VPN token, so only its first word is logged.
         HMLogError(QStringLiteral("Not connected to OpenVPN; dropped the \"%1\" command")
                        .arg(command.section(u' ', 0, 0)));
@@ -170,7 +184,7 @@ void HMVPNManager::sendCommand(const QString &command)
     }
     m_bytesQueued += data.size();
     const qint64 mark = m_bytesQueued;
-    QPointer<QTcpSocket> socket(m_socket);
+    QPointer<QLocalSocket> socket(m_socket);
     m_clock->singleShot(kWriteTimeoutMs, this, [this, socket, mark] {
         if (socket && socket == m_socket && m_bytesWritten < mark) {
             managementWriteTimedOut(socket);
@@ -183,7 +197,7 @@ void HMVPNManager::managementDidWrite(qint64 bytes)
     m_bytesWritten += bytes;
 }
 
-void HMVPNManager::managementWriteTimedOut(QTcpSocket *socket)
+void HMVPNManager::managementWriteTimedOut(QLocalSocket *socket)
 {
     if (socket == m_socket) {
         managementConnectionLost(QStringLiteral("Writing to OpenVPN timed out"));
@@ -218,7 +232,7 @@ void HMVPNManager::readLine()
         return;
     }
     m_draining = true;
-    QTcpSocket *const socket = m_socket;
+    QLocalSocket *const socket = m_socket;
     while (m_socket == socket && m_readOutstanding) {
         const qsizetype end = m_readBuffer.indexOf(kLineEnd);
         if (end < 0) {
@@ -250,7 +264,7 @@ void HMVPNManager::processVPNCommand(const QString &line)
     } else if (line.contains(QLatin1String("Signal received from management interface, exiting"))) {
         setState(VPNState::Disconnected);
     } else if (line.contains(QLatin1String("AUTH_FAILED"))) {
-        reconnect();
+        tokenWasRefused();
     } else if (line.contains(QLatin1String(">STATE"))) {
         processStateLine(line);
     } else {
@@ -258,6 +272,7 @@ void HMVPNManager::processVPNCommand(const QString &line)
         const QRegularExpressionMatch match = tunDevice.match(line);
         if (match.hasMatch()) {
             m_tap = match.captured(1);
+            m_collaborators.reachability->setTunnelDevice(m_tap);
         }
     }
     readLine();
@@ -329,7 +344,7 @@ void HMVPNManager::parseByteCount(const QString &line)
 
 void HMVPNManager::dropSocket()
 {
-    QTcpSocket *socket = m_socket;
+    QLocalSocket *socket = m_socket;
     m_socket = nullptr;
     m_readBuffer.clear();
     m_readOutstanding = false;
@@ -352,7 +367,7 @@ void HMVPNManager::dropSocket()
 // back on by itself at the next wake or start, and a network loss has its own path.
 void HMVPNManager::managementConnectionLost(const QString &reason)
 {
-    QTcpSocket *const socket = m_socket;
+    QLocalSocket *const socket = m_socket;
     if (!socket) {
         return;
     }

@@ -14,3 +14,8 @@ bool HMVPNReachabilityAdapter::isReachable() const
 {
     return m_reachability.isReachable();
 }
+
+void HMVPNReachabilityAdapter::setTunnelDevice(const QString &name)
+{
+    m_reachability.setTunnelDevice(name);
+}

@@ -13,6 +13,7 @@ public:
                                       QObject *parent = nullptr);
 
     bool isReachable() const override;
+    void setTunnelDevice(const QString &name) override;
 
 private:
     HMReachabilityManager &m_reachability;

@@ -13,6 +13,8 @@ public:
     ~HMVPNReachabilitySource() override = default;
 
     virtual bool isReachable() const = 0;
+    // The tunnel device OpenVPN opened (empty once it is gone): its routes do not count.
+    virtual void setTunnelDevice(const QString &name) { Q_UNUSED(name) }
 
 Q_SIGNALS:
     // Emitted for every report of the monitor, also when the value did not change.

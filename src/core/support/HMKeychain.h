@@ -9,6 +9,7 @@
 #include "HMError.h"
 
 #include <QString>
+#include <functional>
 
 class HMKeychain
 {
@@ -25,4 +26,8 @@ public:
     // Removing an item that does not exist succeeds.
     virtual bool deletePassword(const QString &service, const QString &account,
                                 HMMaybeError *error = nullptr) = 0;
+    // `changed` runs on the main thread whenever the store may have become readable (a
+    // locked collection unlocked); one observer, replaced by the next call. Stores that are
+    // never locked need not call it.
+    virtual void setChangeObserver(std::function<void()> changed) { Q_UNUSED(changed) }
 };

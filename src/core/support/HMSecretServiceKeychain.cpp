@@ -151,3 +151,15 @@ bool HMSecretServiceKeychain::deletePassword(const QString &service, const QStri
     }
     return true;
 }
+
+void HMSecretServiceKeychain::setChangeObserver(std::function<void()> changed)
+{
+    m_changed = std::move(changed);
+    if (!m_watcher) {
+        m_watcher = std::make_unique<HMSecretServiceWatcher>([this] {
+            if (m_changed) {
+                m_changed();
+            }
+        });
+    }
+}

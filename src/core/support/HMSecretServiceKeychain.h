@@ -8,6 +8,9 @@
 #pragma once
 
 #include "HMKeychain.h"
+#include "HMSecretServiceWatcher.h"
+
+#include <memory>
 
 class HMSecretServiceKeychain : public HMKeychain
 {
@@ -25,4 +28,10 @@ public:
                      HMMaybeError *error = nullptr) override;
     bool deletePassword(const QString &service, const QString &account,
                         HMMaybeError *error = nullptr) override;
+    // Watches the Secret Service on the session bus from the first call on.
+    void setChangeObserver(std::function<void()> changed) override;
+
+private:
+    std::function<void()> m_changed;
+    std::unique_ptr<HMSecretServiceWatcher> m_watcher;
 };

@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSslConfiguration>
 #include <QStandardPaths>
 
 const QString HMAPITestBed::kServiceDomain = QStringLiteral("hollowmere.test");
@@ -71,8 +72,18 @@ bool HMAPITestBed::setUp(QString *error)
         certificates.makeLeaf(QStringLiteral("upper"), QStringLiteral("*.HOLLOWMERE.test"), &rapid);
     const auto lowerCaseIssuer =
         certificates.makeLeaf(QStringLiteral("lower-issuer"), wildcard, &lowerIssuer);
-    const auto unrelated = certificates.makeLeaf(QStringLiteral("unrelated"),
-                                                 QStringLiteral("unrelated.example"), nullptr);
+    // Issued by a trusted authority for a name none of the service's.
+    const auto otherHost =
+        certificates.makeLeaf(QStringLiteral("other-host"), QStringLiteral("unrelated.example"),
+                              &rapid, {QStringLiteral("unrelated.example")});
+    const auto selfSigned = certificates.makeLeaf(QStringLiteral("self-signed"),
+                                                  QStringLiteral("unrelated.example"), nullptr);
+    // The right strings under an issuer of the right name that no one trusts.
+    const auto forger =
+        certificates.makeAuthority(QStringLiteral("forger"), QStringLiteral("RapidSSL CA"));
+    const auto forged = certificates.makeLeaf(QStringLiteral("forged"), wildcard, &forger);
+    const auto expired = certificates.makeLeaf(QStringLiteral("expired"), wildcard, &rapid, {},
+                                               true, HMTestCertificates::Dates::Expired);
     if (!certificates.error().isEmpty()) {
         *error = certificates.error();
         return false;
@@ -80,6 +91,13 @@ bool HMAPITestBed::setUp(QString *error)
     if (!writeDeploymentFile(error)) {
         return false;
     }
+    // The trust store the client uses: every authority of the bed but the forger's.
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    for (const QString &authority : {rapid.certificate, other.certificate, lowerIssuer.certificate,
+                                     m_trustedRoot.certificate}) {
+        configuration.addCaCertificates(authority);
+    }
+    QSslConfiguration::setDefaultConfiguration(configuration);
 
     const QJsonObject config{
         {QStringLiteral("listeners"),
@@ -87,7 +105,7 @@ bool HMAPITestBed::setUp(QString *error)
              listener(QStringLiteral("api"), QStringLiteral("127.0.0.1"), 443, &serviceLeaf),
              listener(QStringLiteral("api-http"), QStringLiteral("127.0.0.1"), 80, nullptr),
              listener(QStringLiteral("fallback"), QStringLiteral("127.0.0.3"), 443, &serviceLeaf),
-             listener(QStringLiteral("static"), QStringLiteral("127.0.0.4"), 443, &unrelated),
+             listener(QStringLiteral("static"), QStringLiteral("127.0.0.4"), 443, &otherHost),
              listener(QStringLiteral("wrong-issuer"), QStringLiteral("127.0.0.11"), 443,
                       &wrongIssuer),
              listener(QStringLiteral("one-cert"), QStringLiteral("127.0.0.12"), 443,
@@ -96,7 +114,11 @@ bool HMAPITestBed::setUp(QString *error)
              listener(QStringLiteral("trusted"), QStringLiteral("127.0.0.14"), 443, &trusted),
              listener(QStringLiteral("upper"), QStringLiteral("127.0.0.15"), 443, &upperCase),
              listener(QStringLiteral("lower-issuer"), QStringLiteral("127.0.0.16"), 443,
-                      &lowerCaseIssuer)}},
+                      &lowerCaseIssuer),
+             listener(QStringLiteral("forged"), QStringLiteral("127.0.0.17"), 443, &forged),
+             listener(QStringLiteral("expired"), QStringLiteral("127.0.0.18"), 443, &expired),
+             listener(QStringLiteral("self-signed"), QStringLiteral("127.0.0.20"), 443,
+                      &selfSigned)}},
         {QStringLiteral("fallroot"), QJsonObject{{QStringLiteral("ips"), QJsonArray{}}}},
     };
     return service.start(config, error);

@@ -5,9 +5,14 @@
 //   127.0.0.1   hollowmere.test, stream.hollowmere.test  "api" (HTTPS 443), "api-http" (80)
 //   127.0.0.2   a fallback address where nothing listens
 //   127.0.0.3   a fallback address serving the API        "fallback"
-//   127.0.0.4   static.hollowmere-files.test              "static" (any certificate)
-//   127.0.0.11-16 one listener per certificate case (IgnoreCertTest)
+//   127.0.0.4   static.hollowmere-files.test, wrong.hollowmere.test
+//                                                         "static" (valid for another name)
+//   127.0.0.11-20 one listener per certificate case (IgnoreCertTest)
 //   127.0.0.14  api.hollowmere.test                       "trusted" (valid for that name)
+//   127.0.0.17  forged.hollowmere.test, forged.hollowmere-files.test  "forged"
+//   127.0.0.20  self-signed.hollowmere-files.test         "self-signed"
+//
+// Every authority of the bed except the forger's is added to the client's trust store.
 #pragma once
 
 #include "HMAPIClient.h"
@@ -69,9 +74,6 @@ public:
     HMDeploymentValues deployment() const;
     // A client whose network is reachable while `reachable` is true.
     std::unique_ptr<HMAPIClient> makeClient(HMClock &clock, HMNotificationCenter &center);
-    // The authority the "trusted" listener's certificate comes from; tests that want the
-    // platform to accept that certificate add it to the default TLS configuration.
-    QString trustedRootPath() const { return m_trustedRoot.certificate; }
 
     HMRefService service;
     bool reachable = true;

@@ -3,7 +3,6 @@
 #include "HMManualClock.h"
 #include "HMNotificationCenter.h"
 
-#include <QSslConfiguration>
 #include <QtTest>
 
 // The certificate rule against real TLS servers: each listener of the test bed presents
@@ -18,43 +17,66 @@ private:
     HMNotificationCenter m_center;
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        HM_START_API_TEST_BED(m_bed);
-        // Stands in for a certificate from an authority the system trusts.
-        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-        configuration.addCaCertificates(m_bed.trustedRootPath());
-        QSslConfiguration::setDefaultConfiguration(configuration);
-    }
+    void initTestCase() { HM_START_API_TEST_BED(m_bed); }
 
     void serverTrust_data()
     {
         QTest::addColumn<QString>("root");
+        // The deployment's static-file host, when the row needs another one.
+        QTest::addColumn<QString>("staticHost");
         QTest::addColumn<bool>("accepted");
-        QTest::newRow("wildcard leaf and RapidSSL CA, by address") << "https://127.0.0.3" << true;
+        const QString bed;
+        QTest::newRow("wildcard leaf and RapidSSL CA, by address")
+            << "https://127.0.0.3" << bed << true;
         QTest::newRow("wildcard leaf and RapidSSL CA, by service domain")
-            << "https://hollowmere.test" << true;
-        QTest::newRow("wildcard leaf from another issuer") << "https://127.0.0.11" << false;
-        QTest::newRow("wildcard leaf sent without its issuer") << "https://127.0.0.12" << false;
-        QTest::newRow("leaf naming one host of the service") << "https://127.0.0.13" << false;
-        QTest::newRow("leaf name in other letter case") << "https://127.0.0.15" << false;
-        QTest::newRow("issuer name in other letter case") << "https://127.0.0.16" << false;
-        QTest::newRow("static host by name, unrelated self-signed certificate")
-            << "https://static.hollowmere-files.test" << true;
-        QTest::newRow("static host's certificate by address") << "https://127.0.0.4" << false;
-        QTest::newRow("certificate valid for the host") << "https://api.hollowmere.test" << true;
-        QTest::newRow("valid certificate, reached by address") << "https://127.0.0.14" << false;
+            << "https://hollowmere.test" << bed << true;
+        QTest::newRow("wildcard leaf from another issuer") << "https://127.0.0.11" << bed << false;
+        QTest::newRow("wildcard leaf sent without its issuer")
+            << "https://127.0.0.12" << bed << false;
+        QTest::newRow("leaf naming one host of the service")
+            << "https://127.0.0.13" << bed << false;
+        QTest::newRow("leaf name in other letter case") << "https://127.0.0.15" << bed << false;
+        QTest::newRow("issuer name in other letter case") << "https://127.0.0.16" << bed << false;
+        QTest::newRow("static host by name, valid certificate for another name")
+            << "https://static.hollowmere-files.test" << bed << true;
+        QTest::newRow("static host's certificate by address")
+            << "https://127.0.0.4" << bed << false;
+        QTest::newRow("certificate valid for the host")
+            << "https://api.hollowmere.test" << bed << true;
+        QTest::newRow("valid certificate, reached by address")
+            << "https://127.0.0.14" << bed << false;
+        // Forgeries: the names are right, the trust is not.
+        QTest::newRow("right strings under a self-made RapidSSL CA, by address")
+            << "https://127.0.0.17" << bed << false;
+        QTest::newRow("right strings under a self-made RapidSSL CA, by service name")
+            << "https://forged.hollowmere.test" << bed << false;
+        QTest::newRow("right strings under a self-made RapidSSL CA, on the static host")
+            << "https://forged.hollowmere-files.test"
+            << "forged.hollowmere-files.test" << false;
+        QTest::newRow("static host with a self-signed certificate")
+            << "https://self-signed.hollowmere-files.test"
+            << "self-signed.hollowmere-files.test" << false;
+        QTest::newRow("right strings from the trusted issuer, expired")
+            << "https://127.0.0.18" << bed << false;
+        QTest::newRow("valid chain for another host, reached by a service name")
+            << "https://wrong.hollowmere.test" << bed << false;
     }
 
     void serverTrust()
     {
         QFETCH(QString, root);
+        QFETCH(QString, staticHost);
         QFETCH(bool, accepted);
-        auto client = m_bed.makeClient(m_clock, m_center);
-        client->setStatus(HMAPIStatusHealthy);
-        client->setAPIRoot(0, root);
+        HMDeploymentValues deployment = m_bed.deployment();
+        if (!staticHost.isEmpty()) {
+            deployment.setStaticHost(staticHost);
+        }
+        HMAPIClient client(
+            deployment, [] { return true; }, m_clock, m_center);
+        client.setStatus(HMAPIStatusHealthy);
+        client.setAPIRoot(0, root);
         HMAPIResult result;
-        client->getStatusWithCompletion(result.completion());
+        client.getStatusWithCompletion(result.completion());
         QTRY_VERIFY_WITH_TIMEOUT(result.done, 10000);
         if (accepted) {
             QVERIFY2(!result.error, qPrintable(result.errorText()));

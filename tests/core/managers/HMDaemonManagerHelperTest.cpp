@@ -65,7 +65,7 @@ private Q_SLOTS:
         options.startTimeoutMs = 5000;
         QString error;
         QVERIFY2(m_helper->prepare(options, &error), qPrintable(error));
-        m_helper->setFakeOpenVPNMode("serve"); // listens on the namespace's :5678 until SIGTERM
+        m_helper->setFakeOpenVPNMode("serve"); // listens on its management socket until SIGTERM
         QVERIFY2(m_helper->start(&error), qPrintable(error));
 
         m_world = std::make_unique<HMAccountWorld>();

@@ -103,6 +103,10 @@ void HMFakeHelper::release(const QString &action)
 void HMFakeClosest::initClosestTest(const QVariantMap &serverGroups, Completion completion)
 {
     tests.append(serverGroups);
+    if (hold) {
+        held.append(std::move(completion));
+        return;
+    }
     const QString c = country;
     const QVariantList s = servers;
     const HMMaybeError e = error;
@@ -111,14 +115,14 @@ void HMFakeClosest::initClosestTest(const QVariantMap &serverGroups, Completion 
 
 HMFakeManagementServer::HMFakeManagementServer()
 {
-    QObject::connect(&m_server, &QTcpServer::newConnection, this, [this] {
-        while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+    QObject::connect(&m_server, &QLocalServer::newConnection, this, [this] {
+        while (QLocalSocket *socket = m_server.nextPendingConnection()) {
             if (m_client) {
                 m_client->deleteLater();
             }
             m_client = socket;
             m_pending.clear();
-            QObject::connect(socket, &QTcpSocket::readyRead, this, [this, socket] {
+            QObject::connect(socket, &QLocalSocket::readyRead, this, [this, socket] {
                 m_pending.append(socket->readAll());
                 qsizetype end;
                 while ((end = m_pending.indexOf('\n')) >= 0) {
@@ -128,7 +132,7 @@ HMFakeManagementServer::HMFakeManagementServer()
             });
         }
     });
-    m_server.listen(QHostAddress::LocalHost, 0);
+    m_server.listen(m_dir.filePath(QStringLiteral("management")));
 }
 
 void HMFakeManagementServer::send(const QByteArray &data)
@@ -151,7 +155,7 @@ void HMFakeManagementServer::sendLines(const QStringList &lines)
 void HMFakeManagementServer::closeClient()
 {
     if (m_client) {
-        m_client->disconnectFromHost();
+        m_client->disconnectFromServer();
         m_client->deleteLater();
         m_client = nullptr;
     }

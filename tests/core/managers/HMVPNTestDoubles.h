@@ -13,10 +13,11 @@
 
 #include <QHash>
 #include <QList>
+#include <QLocalServer>
+#include <QLocalSocket>
 #include <QPointer>
 #include <QStringList>
-#include <QTcpServer>
-#include <QTcpSocket>
+#include <QTemporaryDir>
 
 class HMFakeAccount : public HMVPNAccountSource
 {
@@ -105,6 +106,7 @@ public:
     {
         answer({QStringLiteral("stopDNSProxy"), {}, -1}, std::move(completion));
     }
+    void stopBeforeExit() override { requests.append({QStringLiteral("stopBeforeExit"), {}, -1}); }
 
     QStringList actions() const;
     int count(const QString &action) const { return int(actions().count(action)); }
@@ -130,6 +132,9 @@ public:
     QString country;
     QVariantList servers;
     HMMaybeError error;
+    // Answers are kept here instead while set.
+    bool hold = false;
+    QList<Completion> held;
     void initClosestTest(const QVariantMap &serverGroups, Completion completion) override;
 };
 
@@ -140,7 +145,7 @@ class HMFakeManagementServer : public QObject
     Q_OBJECT
 public:
     HMFakeManagementServer();
-    quint16 port() const { return m_server.serverPort(); }
+    QString path() const { return m_server.fullServerName(); }
     bool hasClient() const { return m_client != nullptr; }
     QStringList commands() const { return m_commands; }
     void send(const QByteArray &data);
@@ -149,8 +154,9 @@ public:
     void stopListening() { m_server.close(); }
 
 private:
-    QTcpServer m_server;
-    QPointer<QTcpSocket> m_client;
+    QTemporaryDir m_dir;
+    QLocalServer m_server;
+    QPointer<QLocalSocket> m_client;
     QByteArray m_pending;
     QStringList m_commands;
 };

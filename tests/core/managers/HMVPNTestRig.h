@@ -28,7 +28,7 @@ struct HMVPNTestRig
     int connectionDidFail = 0;
     int outOfData = 0;
 
-    explicit HMVPNTestRig(qint64 accountAllowance = 100 * kMiB, quint16 port = 0)
+    explicit HMVPNTestRig(qint64 accountAllowance = 100 * kMiB)
     {
         account.allowance = accountAllowance;
         HMVPNManager::Collaborators c;
@@ -39,7 +39,7 @@ struct HMVPNTestRig
         c.closest = &closest;
         c.clock = &clock;
         c.notifications = &center;
-        c.managementPort = port ? port : server.port();
+        c.managementSocket = server.path();
         vpn = std::make_unique<HMVPNManager>(c);
         QObject::connect(vpn.get(), &HMVPNManager::stateChanged,
                          [this](VPNState, VPNState now) { states.append(now); });

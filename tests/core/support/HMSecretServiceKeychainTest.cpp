@@ -18,6 +18,32 @@
 
 using StringMap = QMap<QString, QString>;
 
+// The Secret Service's secret structure (oayays), for the keyring's own unlock call.
+struct ServiceSecret
+{
+    QDBusObjectPath session;
+    QByteArray parameters;
+    QByteArray value;
+    QString contentType;
+};
+Q_DECLARE_METATYPE(ServiceSecret)
+
+QDBusArgument &operator<<(QDBusArgument &argument, const ServiceSecret &secret)
+{
+    argument.beginStructure();
+    argument << secret.session << secret.parameters << secret.value << secret.contentType;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, ServiceSecret &secret)
+{
+    argument.beginStructure();
+    argument >> secret.session >> secret.parameters >> secret.value >> secret.contentType;
+    argument.endStructure();
+    return argument;
+}
+
 namespace {
 
 const QString kService = QStringLiteral("com.hollowmere.mac.Hollowmere");
@@ -56,6 +82,36 @@ public:
         }
         const QDBusMessage reply = m_service.call(
             QStringLiteral("Lock"), QVariant::fromValue(QList<QDBusObjectPath>{alias.value()}));
+        return reply.type() == QDBusMessage::ReplyMessage;
+    }
+
+    // What the login screen does with the password that with-secret-service.sh set.
+    bool unlockDefaultCollection()
+    {
+        qDBusRegisterMetaType<ServiceSecret>();
+        const QDBusMessage session =
+            m_service.call(QStringLiteral("OpenSession"), QStringLiteral("plain"),
+                           QVariant::fromValue(QDBusVariant(QString())));
+        const QDBusReply<QDBusObjectPath> alias =
+            m_service.call(QStringLiteral("ReadAlias"), QStringLiteral("default"));
+        if (session.type() != QDBusMessage::ReplyMessage || session.arguments().size() != 2 ||
+            !alias.isValid()) {
+            return false;
+        }
+        const ServiceSecret secret{session.arguments().at(1).value<QDBusObjectPath>(),
+                                   {},
+                                   QByteArrayLiteral("hollowmere-test"),
+                                   QStringLiteral("text/plain")};
+        QDBusInterface keyring(
+            QStringLiteral("org.freedesktop.secrets"), QStringLiteral("/org/freedesktop/secrets"),
+            QStringLiteral("org.gnome.keyring.InternalUnsupportedGuiltRiddenInterface"),
+            QDBusConnection::sessionBus());
+        const QDBusMessage reply =
+            keyring.call(QStringLiteral("UnlockWithMasterPassword"),
+                         QVariant::fromValue(alias.value()), QVariant::fromValue(secret));
+        if (reply.type() != QDBusMessage::ReplyMessage) {
+            qWarning("unlock failed: %s", qPrintable(reply.errorMessage()));
+        }
         return reply.type() == QDBusMessage::ReplyMessage;
     }
 
@@ -152,7 +208,7 @@ private Q_SLOTS:
         QVERIFY(!account.isLoggedIn());
     }
 
-    // Runs last: once locked, the collection stays locked (unlocking needs a person at a prompt).
+    // Leaves the collection locked; the case after it unlocks it again.
     void lockedKeyringIsAnErrorAndReadsAsSignedOut()
     {
         QVERIFY(m_keychain.setPassword("s3cret", app_bundle_identifier(), "dave@example.test"));
@@ -189,6 +245,37 @@ private Q_SLOTS:
         QVERIFY(capture.contains("Keychain delete failed"));
         QVERIFY(account.username().isNull());
         QCOMPARE(probe.itemCount(app_bundle_identifier(), "dave@example.test"), 1);
+    }
+
+    // Auto-login: the client starts before the keyring is unlocked and reads as signed out;
+    // the unlock brings the account back without a restart.
+    void unlockedKeyringRestoresTheAccount()
+    {
+        SecretServiceProbe probe;
+        QVERIFY(probe.unlockDefaultCollection());
+        QVERIFY(m_keychain.setPassword("s3cret", app_bundle_identifier(), "erin@example.test"));
+        QVERIFY(probe.lockDefaultCollection());
+
+        QTemporaryDir dir;
+        HMPreferenceStore store(dir.filePath("prefs.json"));
+        HMNotificationCenter center;
+        HMAccountManager account(store, m_keychain, nullptr, center);
+        account.setUsername("erin@example.test");
+        QVERIFY(!account.isLoggedIn());
+        QSignalSpy loggedIn(&account, &HMAccountManager::loggedInChanged);
+        QSignalSpy restored(&account, &HMAccountManager::accountRestoredFromKeychain);
+
+        QVERIFY(probe.unlockDefaultCollection());
+        QTRY_COMPARE(restored.size(), 1);
+        QVERIFY(account.isLoggedIn());
+        QCOMPARE(account.password(), QStringLiteral("s3cret"));
+        QVERIFY(loggedIn.contains(QVariantList{true}));
+
+        // Later changes of the keyring (another lock and unlock) bring nothing more.
+        QVERIFY(probe.lockDefaultCollection());
+        QVERIFY(probe.unlockDefaultCollection());
+        QTest::qWait(200);
+        QCOMPARE(restored.size(), 1);
     }
 };
 
