@@ -10,7 +10,7 @@ packages=(
   libsecret-1-dev libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
   libssl-dev libcpp-httplib-dev
   # run
-  openvpn iproute2 dbus dbus-x11 systemd procps psmisc
+  openvpn iproute2 dbus dbus-x11 systemd procps psmisc libqt6svg6
   # test-only: real Secret Service, notification daemon, certificates, display
   gnome-keyring libsecret-tools dunst openssl xvfb xauth
   # sanitizer runtime

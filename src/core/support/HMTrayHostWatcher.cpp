@@ -1,0 +1,81 @@
+#include "HMTrayHostWatcher.h"
+
+#include "HMLog.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDBusServiceWatcher>
+#include <QDBusVariant>
+
+namespace {
+const QString kWatcher = QStringLiteral("org.kde.StatusNotifierWatcher");
+const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
+} // namespace
+
+HMTrayHostWatcher::HMTrayHostWatcher(const QDBusConnection &bus, QObject *parent)
+    : QObject(parent), m_bus(bus)
+{}
+
+void HMTrayHostWatcher::start()
+{
+    if (!m_bus.isConnected()) {
+        HMLogError(
+            QStringLiteral("No session bus (%1): no tray icon").arg(m_bus.lastError().message()));
+        return;
+    }
+    m_serviceWatcher = new QDBusServiceWatcher(kWatcher, m_bus,
+                                               QDBusServiceWatcher::WatchForRegistration |
+                                                   QDBusServiceWatcher::WatchForUnregistration,
+                                               this);
+    connect(m_serviceWatcher, &QDBusServiceWatcher::serviceRegistered, this,
+            &HMTrayHostWatcher::watcherAppeared);
+    connect(m_serviceWatcher, &QDBusServiceWatcher::serviceUnregistered, this,
+            [this] { setHasHost(false); });
+    m_bus.connect(kWatcher, kWatcherPath, kWatcher, QStringLiteral("StatusNotifierHostRegistered"),
+                  this, SLOT(hostRegistered()));
+    m_bus.connect(kWatcher, kWatcherPath, kWatcher,
+                  QStringLiteral("StatusNotifierHostUnregistered"), this, SLOT(hostUnregistered()));
+    if (m_bus.interface()->isServiceRegistered(kWatcher).value()) {
+        watcherAppeared();
+    }
+}
+
+void HMTrayHostWatcher::watcherAppeared()
+{
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        kWatcher, kWatcherPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+        QStringLiteral("Get"));
+    get << kWatcher << QStringLiteral("IsStatusNotifierHostRegistered");
+    auto *call = new QDBusPendingCallWatcher(m_bus.asyncCall(get), this);
+    connect(call, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *w) {
+        w->deleteLater();
+        const QDBusPendingReply<QDBusVariant> reply = *w;
+        if (reply.isError()) {
+            HMLogError(QStringLiteral("The tray watcher did not say whether a tray exists: %1")
+                           .arg(reply.error().message()));
+            return;
+        }
+        setHasHost(reply.value().variant().toBool());
+    });
+}
+
+void HMTrayHostWatcher::hostRegistered()
+{
+    setHasHost(true);
+}
+
+void HMTrayHostWatcher::hostUnregistered()
+{
+    // The watcher's signal does not say whether other hosts remain: ask again.
+    watcherAppeared();
+}
+
+void HMTrayHostWatcher::setHasHost(bool hasHost)
+{
+    if (hasHost != m_hasHost) {
+        m_hasHost = hasHost;
+        Q_EMIT hostChanged(hasHost);
+    }
+}
