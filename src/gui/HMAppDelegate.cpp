@@ -28,6 +28,7 @@
 
 #include <QApplication>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <syslog.h>
 
@@ -202,16 +203,10 @@ void HMAppDelegate::initializeUI()
 
     if (m_c.account->isLoggedIn()) {
         m_menuBarItem->showItem();
-        m_c.account->loginGetToken(false, [this](const HMMaybeError &error) {
-            if (error && error->description().contains(QLatin1String("Unknown"))) {
-                m_c.account->logout();
-            } else if (m_c.account->isAccountVerified()) {
-                reconnectIfNecessary();
-            } else {
-                m_utilityWindow->presentViewController(
-                    HMScreenFactory::createVerifyEmailScreen(*m_utilityWindow),
-                    HMScreenPresenter::Animation::None);
-                m_utilityWindow->showWindow();
+        QPointer<HMAppDelegate> self(this);
+        m_c.account->loginGetToken(false, [self](const HMMaybeError &error) {
+            if (self) {
+                self->tokenRequestDidFinish(error);
             }
         });
     } else {
@@ -224,6 +219,20 @@ void HMAppDelegate::initializeUI()
         m_c.refreshClosest();
     }
     updateTrayFallback();
+}
+
+void HMAppDelegate::tokenRequestDidFinish(const HMMaybeError &error)
+{
+    if (error && error->description().contains(QLatin1String("Unknown"))) {
+        m_c.account->logout();
+    } else if (m_c.account->isAccountVerified()) {
+        reconnectIfNecessary();
+    } else {
+        m_utilityWindow->presentViewController(
+            HMScreenFactory::createVerifyEmailScreen(*m_utilityWindow),
+            HMScreenPresenter::Animation::None);
+        m_utilityWindow->showWindow();
+    }
 }
 
 void HMAppDelegate::updateTrayFallback()
@@ -262,13 +271,21 @@ void HMAppDelegate::startKVO()
 
 void HMAppDelegate::checkSelectiveRouting()
 {
-    m_c.daemon->stopDNSProxy([this](const QVariantMap &, const HMMaybeError &error) {
+    // Replies arrive later on the main thread; the controller may be gone by then in tests.
+    QPointer<HMAppDelegate> self(this);
+    m_c.daemon->stopDNSProxy([self](const QVariantMap &, const HMMaybeError &error) {
         if (error) {
             HMLogError(error->description());
         }
-        m_c.daemon->checkDNSPortOpen([this](const QVariantMap &, const HMMaybeError &portError) {
-            m_c.routing->setSupported(!portError);
-        });
+        if (!self) {
+            return;
+        }
+        self->m_c.daemon->checkDNSPortOpen(
+            [self](const QVariantMap &, const HMMaybeError &portError) {
+                if (self) {
+                    self->m_c.routing->setSupported(!portError);
+                }
+            });
     });
 }
 

@@ -115,6 +115,7 @@ private:
     void initializeUI();
     void startKVO();
     void checkSelectiveRouting();
+    void tokenRequestDidFinish(const HMMaybeError &error);
     void updateTrayFallback();
     void applicationStateChanged(Qt::ApplicationState state);
 

@@ -116,6 +116,7 @@ void HMAppDelegate::applicationStateChanged(Qt::ApplicationState state)
 
 void HMAppDelegate::raise()
 {
+    HMLogError(QStringLiteral("Raised by a second launch"));
     if (m_menuBarItem->isItemShown()) {
         showMainWindow();
     } else {

@@ -124,7 +124,7 @@ void HMNotificationManager::sendNotificationWithTitle(const QString &title, cons
          << infoText << QStringList() << hints << -1;
     auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(call), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, title](QDBusPendingCallWatcher *finished) {
+            [this, title, infoText](QDBusPendingCallWatcher *finished) {
                 finished->deleteLater();
                 const QDBusPendingReply<uint> reply = *finished;
                 if (reply.isError()) {
@@ -135,6 +135,6 @@ void HMNotificationManager::sendNotificationWithTitle(const QString &title, cons
                 if (isConnectionNotice(title)) {
                     m_connectionNoticeId = reply.value();
                 }
-                Q_EMIT notificationDelivered(title, reply.value());
+                Q_EMIT notificationDelivered(title, infoText, reply.value());
             });
 }

@@ -39,8 +39,8 @@ public:
                                    const QString &imageName);
 
 Q_SIGNALS:
-    // The server's id of a notice it accepted (tests and the control interface).
-    void notificationDelivered(const QString &title, uint id);
+    // A notice the server accepted, with the id it gave it.
+    void notificationDelivered(const QString &title, const QString &infoText, uint id);
 
 private:
     HMPreferenceStore &m_store;

@@ -3,6 +3,7 @@
 #include "HMLog.h"
 
 #include <QDBusConnectionInterface>
+#include <QDBusArgument>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
@@ -38,17 +39,30 @@ void HMTrayHostWatcher::start()
     m_bus.connect(kWatcher, kWatcherPath, kWatcher,
                   QStringLiteral("StatusNotifierHostUnregistered"), this, SLOT(hostUnregistered()));
     if (m_bus.interface()->isServiceRegistered(kWatcher).value()) {
-        watcherAppeared();
+        // Answered at once, so that a desktop with a tray never sees the tray-less window
+        // flash up at start; a watcher that hangs costs at most this second.
+        const QDBusMessage reply = m_bus.call(hostQuery(), QDBus::Block, 1000);
+        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
+            setHasHost(qdbus_cast<QDBusVariant>(reply.arguments().first()).variant().toBool());
+        } else {
+            HMLogError(QStringLiteral("The tray watcher did not say whether a tray exists: %1")
+                           .arg(reply.errorMessage()));
+        }
     }
 }
 
-void HMTrayHostWatcher::watcherAppeared()
+QDBusMessage HMTrayHostWatcher::hostQuery()
 {
     QDBusMessage get = QDBusMessage::createMethodCall(
         kWatcher, kWatcherPath, QStringLiteral("org.freedesktop.DBus.Properties"),
         QStringLiteral("Get"));
     get << kWatcher << QStringLiteral("IsStatusNotifierHostRegistered");
-    auto *call = new QDBusPendingCallWatcher(m_bus.asyncCall(get), this);
+    return get;
+}
+
+void HMTrayHostWatcher::watcherAppeared()
+{
+    auto *call = new QDBusPendingCallWatcher(m_bus.asyncCall(hostQuery()), this);
     connect(call, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *w) {
         w->deleteLater();
         const QDBusPendingReply<QDBusVariant> reply = *w;

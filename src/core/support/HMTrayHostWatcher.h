@@ -8,6 +8,7 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QObject>
 
 class QDBusServiceWatcher;
@@ -29,6 +30,7 @@ private Q_SLOTS:
     void hostUnregistered();
 
 private:
+    static QDBusMessage hostQuery();
     void watcherAppeared();
     void setHasHost(bool hasHost);
 

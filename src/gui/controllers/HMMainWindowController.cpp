@@ -84,7 +84,7 @@ void HMMainWindowController::ensureContent()
     if (!m_content) {
         m_content = HMScreenFactory::createMainPanel();
         m_content->setParent(m_window);
-        m_window->layout()->addWidget(m_content);
+        static_cast<QVBoxLayout *>(m_window->layout())->addWidget(m_content, 1);
         m_window->resize(kPanelWidth, kPanelHeight);
     }
 }
