@@ -2,8 +2,8 @@
 
 #include "HMLog.h"
 
-#include <QDBusConnectionInterface>
 #include <QDBusArgument>
+#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>

@@ -52,8 +52,8 @@ void HMLaunchAtStartupManagerTest::entriesFound_data()
                                  << true;
     QTest::newRow("quoted, through a link") << "\"%D/bin/hollowmere\"" << QByteArray() << true;
     // Deliberately a plain path prefix: a sibling directory with the same beginning counts.
-    QTest::newRow("path merely begins alike") << "%D/libexec/hollowmere2/tool" << QByteArray()
-                                              << true;
+    QTest::newRow("path merely begins alike")
+        << "%D/libexec/hollowmere2/tool" << QByteArray() << true;
     QTest::newRow("another program") << "%D/bin/other" << QByteArray() << false;
     QTest::newRow("does not resolve") << "%D/libexec/hollowmere/gone" << QByteArray() << false;
     QTest::newRow("hidden by the desktop")
@@ -81,7 +81,7 @@ void HMLaunchAtStartupManagerTest::settingWritesAndRemovesOurEntry()
     QVERIFY(manager.launchOnStartup());
     QCOMPARE(manager.findLoginItem(), manager.entryPath());
     QVERIFY(HMTestEnvironment::readFile(manager.entryPath())
-                .contains("Exec=" + QFile::encodeName(m_app) + "/hollowmere\n"));
+                .contains(QByteArray("Exec=" + QFile::encodeName(m_app) + "/hollowmere\n")));
     // Our own write, seen by the watcher, changes nothing more.
     QTest::qWait(200);
     QCOMPARE(changes.size(), 1);

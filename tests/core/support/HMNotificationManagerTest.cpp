@@ -1,7 +1,7 @@
 // Desktop notices against a real notification server (dunst) on the session's private bus,
 // and against a bus where no server exists or can be started.
-#include "HMLogCapture.h"
 #include "HMNotificationManager.h"
+#include "HMLogCapture.h"
 #include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
 
@@ -22,7 +22,7 @@ QString dunstctl(const QStringList &arguments)
     return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
 }
 
-// Summaries of the notices dunst has shown and closed, newest first.
+// "summary|body" of the notices dunst has shown and closed, newest first.
 QStringList history()
 {
     dunstctl({"close-all"});
@@ -39,6 +39,13 @@ QStringList history()
     return summaries;
 }
 
+// The notices closed since `before` was taken, newest first.
+QStringList historySince(const QStringList &before)
+{
+    const QStringList now = history();
+    return now.mid(0, now.size() - before.size());
+}
+
 } // namespace
 
 class HMNotificationManagerTest : public QObject
@@ -48,7 +55,6 @@ class HMNotificationManagerTest : public QObject
 private Q_SLOTS:
     void initTestCase();
     void cleanupTestCase();
-    void init() { dunstctl({"history-clear"}); }
     void deliveredOnlyWhenEnabled_data();
     void deliveredOnlyWhenEnabled();
     void connectionNoticesReplaceEachOther();
@@ -106,16 +112,17 @@ void HMNotificationManagerTest::deliveredOnlyWhenEnabled()
     });
     QVERIFY(manager.isAvailable());
     QSignalSpy delivered(&manager, &HMNotificationManager::notificationDelivered);
+    const QStringList before = history();
 
     manager.sendNotificationWithTitle("Hollowmere blocked", "text", image);
     if (shown) {
         QTRY_COMPARE(delivered.size(), 1);
-        QCOMPARE(history(), QStringList{"Hollowmere blocked|text"});
+        QCOMPARE(historySince(before), QStringList{"Hollowmere blocked|text"});
         QCOMPARE(rendered, image.isEmpty() ? QStringList() : QStringList{image});
     } else {
         // Whatever went out would have reached dunst before this probe's answer.
         QCOMPARE(dunstctl({"count", "displayed"}), QString("0"));
-        QCOMPARE(history(), QStringList());
+        QCOMPARE(historySince(before), QStringList());
         QCOMPARE(delivered.size(), 0);
     }
 }
@@ -127,6 +134,7 @@ void HMNotificationManagerTest::connectionNoticesReplaceEachOther()
     HMNotificationManager manager(store, QDBusConnection::sessionBus());
     manager.setEnabled(true);
     QSignalSpy delivered(&manager, &HMNotificationManager::notificationDelivered);
+    const QStringList before = history();
     manager.sendNotificationWithTitle("Connection secure", "on", "alert_happy");
     QTRY_COMPARE(delivered.size(), 1);
     manager.sendNotificationWithTitle("Connection not secure", "off", "alert_angry");
@@ -135,7 +143,8 @@ void HMNotificationManagerTest::connectionNoticesReplaceEachOther()
     QTRY_COMPARE(delivered.size(), 3);
     QCOMPARE(delivered.at(1).at(2), delivered.at(0).at(2)); // same id: replaced in place
     QCOMPARE(dunstctl({"count", "displayed"}), QString("2"));
-    QCOMPARE(history(), (QStringList{"Hollowmere blocked|other", "Connection not secure|off"}));
+    QCOMPARE(historySince(before),
+             (QStringList{"Hollowmere blocked|other", "Connection not secure|off"}));
 }
 
 void HMNotificationManagerTest::noServerIsANoOp()
