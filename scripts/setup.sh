@@ -12,7 +12,7 @@ packages=(
   # the DNS proxy: DNS messages, capabilities
   libldns-dev libcap-dev
   # run
-  openvpn iproute2 dbus dbus-x11 systemd procps psmisc
+  openvpn iproute2 dbus dbus-x11 systemd procps psmisc libqt6svg6
   # test-only: real Secret Service, notification daemon, certificates, display
   gnome-keyring libsecret-tools dunst openssl xvfb xauth
   # sanitizer and libFuzzer runtime, and the compiler for the fuzz targets

@@ -1,23 +1,111 @@
 #include "HMAppDelegate.h"
 
+#include "HMAPIClient.h"
+#include "HMAccountManager.h"
 #include "HMBundleInfo.h"
+#include "HMClock.h"
+#include "HMClosestServerManager.h"
+#include "HMDaemonInstaller.h"
+#include "HMDaemonManager.h"
+#include "HMImageView.h"
 #include "HMLog.h"
 #include "HMLogging.h"
+#include "HMMainWindowController.h"
 #include "HMMenuBarItemController.h"
+#include "HMNotificationCenter.h"
+#include "HMNotificationManager.h"
 #include "HMPreferenceStore.h"
+#include "HMPreferenceWindowController.h"
 #include "HMPreferences.h"
+#include "HMReachabilityManager.h"
+#include "HMScreenFactory.h"
 #include "HMSignalWatcher.h"
+#include "HMSleepWatcher.h"
+#include "HMTrayHostWatcher.h"
+#include "HMUtilityWindowController.h"
+#include "HMVPNManager.h"
+#include "HMWisprouteManager.h"
 
-#include <QCoreApplication>
+#include <QApplication>
+#include <QMessageBox>
+#include <QPointer>
+#include <QPushButton>
 #include <syslog.h>
 
-HMAppDelegate::HMAppDelegate(HMPreferenceStore &store, QObject *parent)
-    : QObject(parent), m_store(store)
+const QString HMAppDelegate::kDidLogInNotification = QStringLiteral("HMDidLogInNotification");
+const QString HMAppDelegate::kTrayHintShownKey = QStringLiteral("trayHintShown");
+
+namespace {
+
+// logind waits at most InhibitDelayMaxSec (5 s by default) anyway; give up a little earlier
+// so a helper that does not answer never holds the machine awake until then.
+constexpr qint64 kSleepDisconnectCapMs = 4000;
+
+bool showHelperRetryDialogDidPressGoBack()
+{
+    QMessageBox box;
+    box.setIcon(QMessageBox::Warning);
+    box.setWindowTitle(QStringLiteral("Hollowmere"));
+    box.setText(HMDaemonInstaller::kRetryMessage);
+    box.setInformativeText(HMDaemonInstaller::kRetryInformative);
+    QPushButton *goBack = box.addButton(QStringLiteral("Go Back"), QMessageBox::AcceptRole);
+    box.addButton(QStringLiteral("Quit"), QMessageBox::RejectRole);
+    box.setDefaultButton(goBack);
+    box.setWindowFlag(Qt::WindowStaysOnTopHint);
+    box.exec();
+    return box.clickedButton() == goBack;
+}
+
+} // namespace
+
+HMAppDelegate::Collaborators HMAppDelegate::production()
+{
+    Collaborators c;
+    c.store = &HMPreferenceStore::instance();
+    c.account = &HMAccountManager::instance();
+    c.vpn = &HMVPNManager::instance();
+    c.daemon = &HMDaemonManager::instance();
+    c.routing = &HMWisprouteManager::instance();
+    c.notifications = &HMNotificationManager::instance();
+    c.center = &HMNotificationCenter::defaultCenter();
+    c.clock = &HMClock::system();
+    c.reachable = [] { return HMReachabilityManager::instance().isReachable(); };
+    c.refreshClosest = [] {
+        HMClosestServerManager::instance().isClosestEnabledWithCompletion(
+            [](bool, const HMMaybeError &) {});
+    };
+    c.initializeDaemons = [] {
+        HMDaemonInstaller::Environment env = HMDaemonInstaller::Environment::production();
+        env.retryDialog = showHelperRetryDialogDidPressGoBack;
+        HMDaemonInstaller installer(HMDaemonManager::instance(), env);
+        return installer.initializeDaemons();
+    };
+    c.hostWatcher = new HMTrayHostWatcher(QDBusConnection::sessionBus(), qApp);
+    c.sleepWatcher = new HMSleepWatcher(QDBusConnection::systemBus(), qApp);
+    c.notifications->setImageRenderer([](const QString &name) {
+        return HMImageView::imageNamed(name).pixmap(128, 128).toImage();
+    });
+    return c;
+}
+
+HMAppDelegate::HMAppDelegate(std::function<Collaborators()> collaborators, QObject *parent)
+    : QObject(parent), m_provider(std::move(collaborators))
 {}
 
-HMAppDelegate::~HMAppDelegate() = default;
+HMAppDelegate::~HMAppDelegate()
+{
+    if (m_c.center) {
+        for (quint64 token : std::as_const(m_observers)) {
+            m_c.center->removeObserver(token);
+        }
+    }
+    delete m_menuBarItem;
+    delete m_mainWindow;
+    delete m_utilityWindow;
+    delete m_preferences;
+}
 
-void HMAppDelegate::applicationDidFinishLaunching()
+bool HMAppDelegate::applicationDidFinishLaunching()
 {
     // The banner goes to the system journal, not the application's own file.
     syslog(LOG_NOTICE, "Starting Hollowmere %s", app_version().toUtf8().constData());
@@ -28,15 +116,21 @@ void HMAppDelegate::applicationDidFinishLaunching()
     connect(m_signalWatcher, &HMSignalWatcher::quitRequested, this,
             [](int) { QCoreApplication::quit(); });
     const bool watching = m_signalWatcher->watchTerminationSignals();
-    connect(qApp, &QCoreApplication::aboutToQuit, this, &HMAppDelegate::quitHandler);
 
     initializeLogging();
     if (!watching) {
         HMLogError(QStringLiteral("Could not watch for termination signals"));
     }
-    migratePreferencesFromOlderVersions(m_store);
-
+    m_c = m_provider();
+    migratePreferencesFromOlderVersions(*m_c.store);
+    if (!initializeDaemon()) {
+        return false;
+    }
+    registerForNotifications();
     initializeUI();
+    startKVO();
+    checkSelectiveRouting();
+    return true;
 }
 
 void HMAppDelegate::initializeLogging()
@@ -44,14 +138,194 @@ void HMAppDelegate::initializeLogging()
     HMLogging::initializeLogging();
 }
 
+bool HMAppDelegate::initializeDaemon()
+{
+    const HMMaybeError error = m_c.initializeDaemons ? m_c.initializeDaemons() : std::nullopt;
+    if (error) {
+        HMLogError(error->description());
+        HMLogError(QStringLiteral("Quitting..."));
+        return false;
+    }
+    return true;
+}
+
+void HMAppDelegate::registerForNotifications()
+{
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &HMAppDelegate::quitHandler);
+    // The session manager asks before the session ends; a tray application just quits.
+    connect(qApp, &QGuiApplication::commitDataRequest, this, [] { QCoreApplication::quit(); });
+    if (m_c.sleepWatcher) {
+        connect(m_c.sleepWatcher, &HMSleepWatcher::willSleep, this, &HMAppDelegate::sleepHandler);
+        connect(m_c.sleepWatcher, &HMSleepWatcher::didWake, this, &HMAppDelegate::wakeHandler);
+        m_c.sleepWatcher->start();
+    }
+    const QList<QPair<QString, void (HMAppDelegate::*)()>> table = {
+        {kDidLogInNotification, &HMAppDelegate::doLogin},
+        {HMAccountManager::kDidLogOutNotification, &HMAppDelegate::doLogout},
+        {HMMenuBarItemController::kDidClickNotification, &HMAppDelegate::didClickMenuBarIcon},
+        {HMAPIClient::kBlockedNotification, &HMAppDelegate::showHMBlockedError},
+    };
+    for (const auto &[name, handler] : table) {
+        m_observers << m_c.center->addObserverForName(
+            name, [this, handler = handler] { (this->*handler)(); });
+    }
+    connect(qApp, &QGuiApplication::applicationStateChanged, this,
+            &HMAppDelegate::applicationStateChanged);
+}
+
 void HMAppDelegate::initializeUI()
 {
-    m_menuBarItem = new HMMenuBarItemController(this);
-    m_menuBarItem->show();
+    m_mainWindow = new HMMainWindowController;
+    HMMenuBarItemController::Collaborators item;
+    item.vpn = m_c.vpn;
+    item.routing = m_c.routing;
+    item.account = m_c.account;
+    item.center = m_c.center;
+    item.clock = m_c.clock;
+    item.hostWatcher = m_c.hostWatcher;
+    item.countryName = m_c.countryName;
+    m_menuBarItem = new HMMenuBarItemController(item);
+    m_utilityWindow = new HMUtilityWindowController;
+    m_preferences = new HMPreferenceWindowController;
+
+    connect(m_menuBarItem, &HMMenuBarItemController::openPanelRequested, this,
+            &HMAppDelegate::showMainWindow);
+    connect(m_menuBarItem, &HMMenuBarItemController::preferencesRequested, this,
+            &HMAppDelegate::showPreferencesGeneral);
+    connect(m_menuBarItem, &HMMenuBarItemController::diagnosticsRequested, this,
+            &HMAppDelegate::showDiagnostics);
+    connect(m_menuBarItem, &HMMenuBarItemController::quitRequested, qApp, &QCoreApplication::quit);
+    if (m_c.hostWatcher) {
+        connect(m_c.hostWatcher, &HMTrayHostWatcher::hostChanged, this,
+                &HMAppDelegate::updateTrayFallback);
+        m_c.hostWatcher->start();
+    }
+
+    if (m_c.account->isLoggedIn()) {
+        m_menuBarItem->showItem();
+        QPointer<HMAppDelegate> self(this);
+        m_c.account->loginGetToken(false, [self](const HMMaybeError &error) {
+            if (self) {
+                self->tokenRequestDidFinish(error);
+            }
+        });
+    } else {
+        m_utilityWindow->presentViewController(
+            HMScreenFactory::createLaunchScreen(*m_utilityWindow),
+            HMScreenPresenter::Animation::None);
+        m_utilityWindow->showWindow();
+    }
+    if (m_c.refreshClosest) {
+        m_c.refreshClosest();
+    }
+    updateTrayFallback();
+}
+
+void HMAppDelegate::tokenRequestDidFinish(const HMMaybeError &error)
+{
+    if (error && error->description().contains(QLatin1String("Unknown"))) {
+        m_c.account->logout();
+    } else if (m_c.account->isAccountVerified()) {
+        reconnectIfNecessary();
+    } else {
+        m_utilityWindow->presentViewController(
+            HMScreenFactory::createVerifyEmailScreen(*m_utilityWindow),
+            HMScreenPresenter::Animation::None);
+        m_utilityWindow->showWindow();
+    }
+}
+
+void HMAppDelegate::updateTrayFallback()
+{
+    const bool fallback = m_c.hostWatcher && !m_c.hostWatcher->hasHost();
+    const bool wasFallback = m_mainWindow->isFallbackMode();
+    m_mainWindow->setFallbackMode(fallback);
+    if (!fallback) {
+        if (wasFallback) {
+            m_mainWindow->window()->hide(); // the tray icon takes over
+        }
+        return;
+    }
+    if (!m_c.store->value(kTrayHintShownKey).toBool()) {
+        m_c.store->setValue(kTrayHintShownKey, true);
+        HMLogError(QStringLiteral("No system tray: Hollowmere shows its window instead"));
+        m_mainWindow->showHint(
+            tr("This desktop shows no tray icons, so Hollowmere lives in this window. To get "
+               "the Hollowmere icon in the panel, turn on your desktop's tray "
+               "(StatusNotifierItem) support; closing this window only minimises it."));
+    }
+    if (m_menuBarItem->isItemShown()) {
+        m_mainWindow->showWindow();
+    }
+}
+
+void HMAppDelegate::startKVO()
+{
+    connect(m_c.vpn, &HMVPNManager::stateChanged, this, &HMAppDelegate::vpnStateDidChange);
+    connect(m_c.routing, &HMWisprouteManager::wisprouteModeChanged, this, [this] {
+        if (m_c.vpn->isConnected()) {
+            updateApplicationIcon();
+        }
+    });
+}
+
+void HMAppDelegate::checkSelectiveRouting()
+{
+    // Replies arrive later on the main thread; the controller may be gone by then in tests.
+    QPointer<HMAppDelegate> self(this);
+    m_c.daemon->stopDNSProxy([self](const QVariantMap &, const HMMaybeError &error) {
+        if (error) {
+            HMLogError(error->description());
+        }
+        if (!self) {
+            return;
+        }
+        self->m_c.daemon->checkDNSPortOpen(
+            [self](const QVariantMap &, const HMMaybeError &portError) {
+                if (self) {
+                    self->m_c.routing->setSupported(!portError);
+                }
+            });
+    });
 }
 
 void HMAppDelegate::quitHandler()
 {
+    if (m_quitHandled) {
+        return;
+    }
+    m_quitHandled = true;
     HMLogError(QStringLiteral("Quitting..."));
-    m_store.sync();
+    m_c.account->setShouldReconnect(m_c.vpn->state() == VPNState::Connected);
+    m_c.vpn->disconnect();
+    m_c.account->synchronize();
+    m_c.store->sync();
+}
+
+void HMAppDelegate::sleepHandler()
+{
+    m_c.account->setShouldReconnect(m_c.vpn->state() == VPNState::Connected);
+    HMSleepWatcher *watcher = m_c.sleepWatcher;
+    m_c.vpn->disconnectWithCompletion([watcher](const HMMaybeError &) {
+        if (watcher) {
+            watcher->releaseInhibitor();
+        }
+    });
+    if (watcher) {
+        (m_c.clock ? *m_c.clock : HMClock::system())
+            .singleShot(kSleepDisconnectCapMs, watcher, [watcher] { watcher->releaseInhibitor(); });
+    }
+}
+
+void HMAppDelegate::wakeHandler()
+{
+    reconnectIfNecessary();
+}
+
+void HMAppDelegate::reconnectIfNecessary()
+{
+    // shouldReconnect stays set: the VPN manager clears it on its own path.
+    if (m_c.account->shouldReconnect() && m_c.reachable && m_c.reachable()) {
+        m_c.vpn->connect();
+    }
 }

@@ -1,7 +1,7 @@
 // hollowmere: the tray application.
 #include "HMAppDelegate.h"
 #include "HMBundleInfo.h"
-#include "HMPreferenceStore.h"
+#include "HMInstanceGuard.h"
 
 #include <QApplication>
 
@@ -11,10 +11,20 @@ int main(int argc, char **argv)
     QApplication::setApplicationName(QStringLiteral("Hollowmere"));
     QApplication::setOrganizationDomain(QStringLiteral("hollowmere.com"));
     QApplication::setApplicationVersion(app_version());
+    QApplication::setDesktopFileName(QStringLiteral("com.hollowmere.Hollowmere"));
     // A tray application: closing a window must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
 
-    HMAppDelegate delegate(HMPreferenceStore::instance());
-    delegate.applicationDidFinishLaunching();
+    // A second launch brings the running instance forward and ends.
+    HMInstanceGuard instance;
+    if (!instance.claim()) {
+        return 0;
+    }
+
+    HMAppDelegate delegate(&HMAppDelegate::production);
+    QObject::connect(&instance, &HMInstanceGuard::raiseRequested, &delegate, &HMAppDelegate::raise);
+    if (!delegate.applicationDidFinishLaunching()) {
+        return 1;
+    }
     return QApplication::exec();
 }

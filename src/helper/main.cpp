@@ -42,6 +42,11 @@ QString prepareDirectory(const QString &path)
 
 } // namespace
 
+// The application reads the build version from the installed program's bytes (it never
+// runs it) to tell whether the helper it ships is the one installed.
+__attribute__((used)) static const char kVersionRecord[] =
+    "\nCFBundleVersion=" HM_HELPER_BUNDLE_VERSION "\n";
+
 int main(int argc, char **argv)
 {
     // Descriptors 0-2 must be taken, or a later socket or pipe could land on them and

@@ -1,19 +1,110 @@
+// The application controller run whole in a throw-away desktop session: start-up order as
+// the helper stand-in and the store see it, the connection notices as a real notification
+// server receives them, the windows the session notifications open, quit, and the
+// tray-less window and single instance of the real program.
 #include "HMAppDelegate.h"
+#include "HMAccountWorld.h"
 #include "HMBundleInfo.h"
+#include "HMDaemonManager.h"
+#include "HMHelperPeerProcess.h"
+#include "HMMainWindowController.h"
 #include "HMMenuBarItemController.h"
-#include "HMPreferenceStore.h"
-#include "HMScreenInfo.h"
+#include "HMNotificationManager.h"
 #include "HMTestEnvironment.h"
+#include "HMTrayHostWatcher.h"
+#include "HMUtilityWindowController.h"
+#include "HMVPNTestRig.h"
 
-#include <QAction>
 #include <QApplication>
-#include <QDir>
-#include <QMenu>
-#include <QProcess>
+#include <QLabel>
 #include <QScreen>
-#include <QSignalSpy>
 #include <QtTest>
 #include <csignal>
+
+namespace {
+
+// One start-up's world: store and account, a faked tunnel, the helper stand-in and a
+// notification manager on the session's bus.
+struct Shell
+{
+    HMAccountWorld world;
+    HMVPNTestRig rig;
+    HMHelperPeerProcess peer;
+    std::unique_ptr<HMDaemonManager> daemon;
+    std::unique_ptr<HMNotificationManager> notifications;
+    std::unique_ptr<HMTrayHostWatcher> hostWatcher;
+    std::unique_ptr<HMAppDelegate> delegate;
+    QStringList delivered; // "title|text"
+    bool reachable = true;
+    HMMaybeError installError;
+    QStringList seenAtInstall;
+    int closestRefreshes = 0;
+
+    bool start()
+    {
+        if (!peer.start()) {
+            qWarning() << peer.errorString();
+            return false;
+        }
+        peer.setStep("*", QJsonObject{{"reply", QJsonObject{{"status", "ok"}}}});
+        HMDaemonManager::Paths paths;
+        paths.socketPath = peer.socketPath();
+        daemon = std::make_unique<HMDaemonManager>(*world.store, world.account.get(),
+                                                   world.routing.get(), paths);
+        notifications =
+            std::make_unique<HMNotificationManager>(*world.store, QDBusConnection::sessionBus());
+        QObject::connect(notifications.get(), &HMNotificationManager::notificationDelivered,
+                         [this](const QString &title, const QString &text, uint) {
+                             delivered << title + "|" + text;
+                         });
+        hostWatcher = std::make_unique<HMTrayHostWatcher>(QDBusConnection::sessionBus());
+        delegate = std::make_unique<HMAppDelegate>([this] {
+            HMAppDelegate::Collaborators c;
+            c.store = world.store.get();
+            c.account = world.account.get();
+            c.vpn = rig.vpn.get();
+            c.daemon = daemon.get();
+            c.routing = world.routing.get();
+            c.notifications = notifications.get();
+            c.center = &world.center;
+            c.clock = &rig.clock;
+            c.reachable = [this] { return reachable; };
+            c.refreshClosest = [this] { ++closestRefreshes; };
+            c.initializeDaemons = [this]() -> HMMaybeError {
+                seenAtInstall = peer.actions();
+                seenAtInstall << (delegate->utilityWindowController() ? "windows" : "");
+                daemon->createCommandQueue();
+                return installError;
+            };
+            c.hostWatcher = hostWatcher.get();
+            c.countryName = [](const QString &code) {
+                return QHash<QString, QString>{{"US", "United States"}, {"DE", "Germany"}}.value(
+                    code);
+            };
+            c.countryImage = [](const QString &code) { return "alert_" + code; };
+            return c;
+        });
+        return true;
+    }
+
+    void signIn()
+    {
+        world.account->setUsername("wisp@example.com");
+        world.account->setPassword("secret");
+    }
+};
+
+QString readLogs(const QString &stateHome)
+{
+    QString all;
+    const QDir dir(stateHome + "/Hollowmere");
+    for (const QString &name : dir.entryList(QDir::Files)) {
+        all += QString::fromUtf8(HMTestEnvironment::readFile(dir.filePath(name)));
+    }
+    return all;
+}
+
+} // namespace
 
 class HMAppDelegateTest : public QObject
 {
@@ -21,90 +112,264 @@ class HMAppDelegateTest : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void startUpMigratesAndShowsTrayItem();
-    void retinaFollowsDevicePixelRatio();
-    void terminationSignalQuitsCleanly_data();
-    void terminationSignalQuitsCleanly();
+    void cleanupTestCase();
+    void startUpRunsInOrder_data();
+    void startUpRunsInOrder();
+    void connectionNotices_data();
+    void connectionNotices();
+    void sessionNotificationsDriveTheWindows();
+    void quitAndWakeFollowTheTunnel_data();
+    void quitAndWakeFollowTheTunnel();
+    void trayLessProgramIsSingleAndQuitsOnSignal();
 
 private:
     std::unique_ptr<QTemporaryDir> m_home;
+    QProcess m_dunst;
 };
 
 void HMAppDelegateTest::initTestCase()
 {
+    if (qEnvironmentVariableIsEmpty("HM_DESKTOP_SESSION")) {
+        QSKIP("needs a throw-away desktop session: run through with-desktop-session.sh");
+    }
     m_home = HMTestEnvironment::isolateUserDirectories();
+    m_dunst.start("dunst", {});
+    QVERIFY2(m_dunst.waitForStarted(), "dunst is missing (scripts/setup.sh installs it)");
 }
 
-void HMAppDelegateTest::startUpMigratesAndShowsTrayItem()
+void HMAppDelegateTest::cleanupTestCase()
 {
-    QTemporaryDir dir;
-    HMPreferenceStore store(dir.filePath(QStringLiteral("prefs.json")));
-    store.setValue(QStringLiteral("enabled"), false);
-    HMAppDelegate delegate(store);
-    delegate.applicationDidFinishLaunching();
-
-    QCOMPARE(store.value(QStringLiteral("lastVersionRun")).toString(), app_version());
-    QCOMPARE(store.value(QStringLiteral("notificationsEnabled")), QVariant(false));
-    QVERIFY(!store.contains(QStringLiteral("enabled")));
-    QVERIFY(delegate.menuBarItemController());
-    QVERIFY(delegate.menuBarItemController()->isVisible());
-    const QStringList logs =
-        QDir(qEnvironmentVariable("XDG_STATE_HOME") + QStringLiteral("/Hollowmere"))
-            .entryList({QStringLiteral("Hollowmere *.log")});
-    QCOMPARE(logs.size(), 1);
-
-    const QList<QAction *> actions = delegate.menuBarItemController()->menu()->actions();
-    QVERIFY(!actions.isEmpty());
-    QCOMPARE(actions.last()->text(), QStringLiteral("Quit Hollowmere"));
+    m_dunst.terminate();
+    m_dunst.waitForFinished();
 }
 
-void HMAppDelegateTest::retinaFollowsDevicePixelRatio()
+void HMAppDelegateTest::startUpRunsInOrder_data()
 {
-    // The offscreen platform reports a ratio of 1 unless told otherwise.
-    QCOMPARE(is_retina(), qApp->primaryScreen()->devicePixelRatio() >= 2.0);
-    QVERIFY(!is_retina());
+    QTest::addColumn<QJsonObject>("portCheck");
+    QTest::addColumn<bool>("installFails");
+    QTest::addColumn<bool>("supported");
+    const QJsonObject ok{{"reply", QJsonObject{{"status", "ok"}}}};
+    QTest::newRow("port free") << ok << false << true;
+    QTest::newRow("port taken") << QJsonObject{{"reply", QJsonObject{{"status", "error"},
+                                                                     {"error", "53 in use"}}}}
+                                << false << false;
+    QTest::newRow("helper repair fails") << ok << true << false;
 }
 
-void HMAppDelegateTest::terminationSignalQuitsCleanly_data()
+void HMAppDelegateTest::startUpRunsInOrder()
 {
-    QTest::addColumn<int>("signalNumber");
-    QTest::newRow("SIGTERM") << int(SIGTERM);
-    QTest::newRow("SIGINT") << int(SIGINT);
+    QFETCH(QJsonObject, portCheck);
+    QFETCH(bool, installFails);
+    QFETCH(bool, supported);
+    Shell shell;
+    shell.world.store->setValue("enabled", false); // a store left by the old generation
+    QVERIFY(shell.start());
+    shell.peer.setStep("checkDNSPortOpen", portCheck);
+    if (installFails) {
+        shell.installError = HMError::errorWithDescription("pkexec said no");
+    }
+
+    QCOMPARE(shell.delegate->applicationDidFinishLaunching(), !installFails);
+    // Migration ran before the helper check, which ran before any window or request.
+    QCOMPARE(shell.world.store->value("lastVersionRun").toString(), app_version());
+    QCOMPARE(shell.world.store->value("notificationsEnabled"), QVariant(false));
+    QVERIFY(!shell.world.store->contains("enabled"));
+    QCOMPARE(shell.seenAtInstall, QStringList{""});
+    if (installFails) {
+        QVERIFY(!shell.delegate->utilityWindowController());
+        QTRY_VERIFY(readLogs(qEnvironmentVariable("XDG_STATE_HOME")).contains("Quitting..."));
+        QCOMPARE(shell.peer.actions(), QStringList());
+        return;
+    }
+    QTRY_COMPARE(shell.peer.actions(), (QStringList{"stopDNSProxy", "checkDNSPortOpen"}));
+    QTRY_COMPARE(shell.world.routing->isSupported(), supported);
+    // Signed out: the launch screen, no tray item; the closest check was asked for.
+    QVERIFY(shell.delegate->utilityWindowController()->isWindowVisible());
+    QVERIFY(shell.delegate->utilityWindowController()->currentScreen());
+    QVERIFY(!shell.delegate->menuBarItemController()->isItemShown());
+    QCOMPARE(shell.closestRefreshes, 1);
 }
 
-void HMAppDelegateTest::terminationSignalQuitsCleanly()
+void HMAppDelegateTest::connectionNotices_data()
 {
-    QFETCH(int, signalNumber);
+    QTest::addColumn<VPNState>("from");
+    QTest::addColumn<VPNState>("to");
+    QTest::addColumn<bool>("signedIn");
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<QString>("closest");
+    QTest::addColumn<QString>("notice"); // title|text, "" for none
+    QTest::addColumn<QString>("icon");
+
+    using S = VPNState;
+    const QString privately = "Connection secure|Rawrrr! You are now browsing in private from ";
+    const QString notSecure = "Connection not secure|Your traffic is currently not encrypted";
+    QTest::newRow("connected") << S::Connecting << S::Connected << true << 0 << ""
+                               << privately + "United States"
+                               << "icon_on_256x256";
+    QTest::newRow("connected, closest")
+        << S::Connecting << S::Connected << true << 1 << "DE" << privately + "Germany"
+        << "icon_wisproute_256x256";
+    QTest::newRow("connected, inclusion list")
+        << S::Connecting << S::Connected << true << 2 << ""
+        << "Connection secure|Rawrrr! You are tunneling select URLs to the United States"
+        << "icon_wisproute_256x256";
+    QTest::newRow("to disconnecting")
+        << S::Connected << S::Disconnecting << true << 0 << "" << notSecure << "";
+    QTest::newRow("to disconnected")
+        << S::Connected << S::Disconnected << true << 0 << "" << notSecure << "";
+    QTest::newRow("to error is silent") << S::Connected << S::Error << true << 0 << ""
+                                        << ""
+                                        << "";
+    QTest::newRow("to out of data is silent") << S::Connected << S::OutOfData << true << 0 << ""
+                                              << ""
+                                              << "";
+    QTest::newRow("failed attempt is silent") << S::Connecting << S::Disconnected << true << 0 << ""
+                                              << ""
+                                              << "";
+    QTest::newRow("same state") << S::Connected << S::Connected << true << 0 << ""
+                                << ""
+                                << "icon_on_256x256";
+    QTest::newRow("signed out") << S::Connected << S::Disconnected << false << 0 << ""
+                                << ""
+                                << "";
+}
+
+void HMAppDelegateTest::connectionNotices()
+{
+    QFETCH(VPNState, from);
+    QFETCH(VPNState, to);
+    QFETCH(bool, signedIn);
+    QFETCH(int, mode);
+    QFETCH(QString, closest);
+    QFETCH(QString, notice);
+    QFETCH(QString, icon);
+    Shell shell;
+    QVERIFY(shell.start());
+    shell.world.store->setValue("notificationsEnabled", true);
+    shell.world.account->setCountries({QVariantMap{{"id", "7"}, {"code", "US"}}});
+    shell.world.account->setCurrentClosestCountry(closest);
+    shell.world.routing->setWisprouteMode(mode);
+    shell.rig.vpn->setState(from);
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    if (signedIn) {
+        shell.signIn();
+    }
+    shell.rig.vpn->setState(to);
+    // A notice sent afterwards on the same connection arrives after any the change sent.
+    shell.world.center.postNotificationName("HMAPIBlockedNotification");
+    const QString blocked = "Hollowmere blocked|Hollowmere can't reach our servers, please "
+                            "contact your internet provider.";
+    QTRY_VERIFY(shell.delivered.contains(blocked));
+    const QStringList expected =
+        notice.isEmpty() ? QStringList{blocked} : QStringList{notice, blocked};
+    QCOMPARE(shell.delivered, expected);
+    QCOMPARE(shell.delegate->applicationIconName(), icon);
+}
+
+void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
+{
+    Shell shell;
+    QVERIFY(shell.start());
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    HMMainWindowController *main = shell.delegate->mainWindowController();
+    HMUtilityWindowController *utility = shell.delegate->utilityWindowController();
+    // No tray watcher on this bus: the main panel is an ordinary window.
+    QVERIFY(main->isFallbackMode());
+
+    shell.signIn();
+    shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
+    QVERIFY(shell.delegate->menuBarItemController()->isItemShown());
+    QVERIFY(main->isWindowVisible());
+    auto *hint = main->window()->findChild<QLabel *>();
+    QVERIFY(hint && hint->isVisible() && hint->text().contains("tray"));
+    QVERIFY(shell.world.store->value(HMAppDelegate::kTrayHintShownKey).toBool());
+    QVERIFY(main->window()->grab().save(HMTestEnvironment::buildDir() +
+                                        "/tests/gui/shell-tray-less-window.png"));
+
+    shell.world.center.postNotificationName(HMMenuBarItemController::kDidClickNotification);
+    QVERIFY(!main->isWindowVisible());
+    shell.world.center.postNotificationName(HMMenuBarItemController::kDidClickNotification);
+    QVERIFY(main->isWindowVisible());
+
+    QWidget *before = utility->currentScreen();
+    shell.world.account->logout(); // posts HMDidLogOutNotification
+    QVERIFY(!shell.delegate->menuBarItemController()->isItemShown());
+    QVERIFY(!main->isWindowVisible());
+    QVERIFY(utility->isWindowVisible());
+    QVERIFY(utility->currentScreen() && utility->currentScreen() != before);
+    QVERIFY(utility->isAnimating()); // the window was visible: the new screen slides in
+    QTRY_VERIFY(!utility->isAnimating());
+}
+
+void HMAppDelegateTest::quitAndWakeFollowTheTunnel_data()
+{
+    QTest::addColumn<VPNState>("state");
+    QTest::addColumn<bool>("reachable");
+    QTest::addColumn<bool>("reconnects");
+    QTest::newRow("connected, network") << VPNState::Connected << true << true;
+    QTest::newRow("connected, no network") << VPNState::Connected << false << false;
+    QTest::newRow("connecting") << VPNState::Connecting << true << false;
+}
+
+void HMAppDelegateTest::quitAndWakeFollowTheTunnel()
+{
+    QFETCH(VPNState, state);
+    QFETCH(bool, reachable);
+    QFETCH(bool, reconnects);
+    Shell shell;
+    QVERIFY(shell.start());
+    shell.reachable = reachable;
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    shell.rig.vpn->setState(state);
+
+    shell.delegate->quitHandler();
+    const bool wasConnected = state == VPNState::Connected;
+    QCOMPARE(shell.world.account->shouldReconnect(), wasConnected);
+    QVERIFY(!shell.rig.helper.requests.isEmpty());
+    QCOMPARE(shell.rig.helper.requests.first().action, QString("stopVPN"));
+    // Written through: a fresh store on the same file sees the flag.
+    HMPreferenceStore reread(shell.world.dir.filePath("prefs.json"));
+    QCOMPARE(reread.value("shouldReconnect").toBool(), wasConnected);
+
+    shell.rig.states.clear();
+    shell.delegate->wakeHandler();
+    QCOMPARE(shell.rig.states.contains(VPNState::Connecting), reconnects);
+}
+
+void HMAppDelegateTest::trayLessProgramIsSingleAndQuitsOnSignal()
+{
+    HMHelperPeerProcess peer;
+    QVERIFY2(peer.start(), qPrintable(peer.errorString()));
+    peer.setStep("*", QJsonObject{{"reply", QJsonObject{{"status", "ok"}}}});
+    const QString program = HMTestEnvironment::buildDir() + "/tests/gui/hm-shell-testapp";
     QTemporaryDir home;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("HOME"), home.path());
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-    env.insert(QStringLiteral("XDG_STATE_HOME"), home.filePath(QStringLiteral("state")));
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    QProcess app;
-    app.setProcessEnvironment(env);
-    app.setProgram(HMTestEnvironment::buildDir() + QStringLiteral("/src/gui/hollowmere"));
-    app.start();
-    QVERIFY2(app.waitForStarted(), qPrintable(app.errorString()));
+    for (const char *folder : {"CONFIG", "STATE", "DATA", "CACHE"}) {
+        env.insert(QString("XDG_%1_HOME").arg(folder), home.filePath(folder));
+    }
+    QProcess first;
+    first.setProcessEnvironment(env);
+    first.start(program, {peer.socketPath()});
+    QVERIFY(first.waitForStarted());
+    // Start-up ends with the port check: the helper stand-in has seen it.
+    QTRY_VERIFY_WITH_TIMEOUT(peer.actions().contains("checkDNSPortOpen"), 20000);
 
-    // The preference file appears once start-up has run the migration.
-    const QString prefs =
-        home.filePath(QStringLiteral("config/com.hollowmere.mac.Hollowmere.json"));
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(prefs), 10000);
-    ::kill(static_cast<pid_t>(app.processId()), signalNumber);
-    QVERIFY(app.waitForFinished(10000));
-    QCOMPARE(app.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(app.exitCode(), 0);
+    QProcess second;
+    second.setProcessEnvironment(env);
+    second.start(program, {peer.socketPath()});
+    QVERIFY(second.waitForFinished(10000));
+    QCOMPARE(second.exitCode(), 0);
+    QCOMPARE(first.state(), QProcess::Running);
+    QVERIFY(QGuiApplication::primaryScreen()->grabWindow(0).save(
+        HMTestEnvironment::buildDir() + "/tests/gui/shell-signed-out-desktop.png"));
 
-    const QStringList logs =
-        QDir(home.filePath(QStringLiteral("state/Hollowmere"))).entryList(QDir::Files);
-    QCOMPARE(logs.size(), 1);
-    QFile log(home.filePath(QStringLiteral("state/Hollowmere/")) + logs.first());
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QVERIFY(log.readAll().contains("[E]HMAppDelegate:"));
-    QFile prefsFile(prefs);
-    QVERIFY(prefsFile.open(QIODevice::ReadOnly));
-    QVERIFY(prefsFile.readAll().contains("\"lastVersionRun\""));
+    ::kill(pid_t(first.processId()), SIGTERM);
+    QVERIFY(first.waitForFinished(10000));
+    QCOMPARE(first.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(first.exitCode(), 0);
+    const QString logs = readLogs(home.filePath("STATE"));
+    QVERIFY(logs.contains("Raised by a second launch"));
+    QVERIFY(logs.contains("Quitting..."));
 }
 
 QTEST_MAIN(HMAppDelegateTest)

@@ -1,0 +1,177 @@
+// hm-bench-shell: the tray application's start-up cost beside a minimal Qt tray program,
+// measured in the same run on the same virtual desktop with a tray host:
+//   - launch to tray icon registered with the StatusNotifierWatcher (ms),
+//   - resident and proportional memory after settling (smaps_rollup),
+//   - wakeups per second while idle: context switches of all threads over a window.
+//
+//   tests/support/with-desktop-session.sh tests/support/with-secret-service.sh
+//       build/bench/hm-bench-shell [IDLE_SECONDS]      (one command line)
+//
+// The application runs signed in (the tray item exists only for a signed-in user; the
+// password goes to the session's throw-away Secret Service) and disconnected, as
+// hm-shell-testapp, which differs from `hollowmere` only in taking the helper as installed.
+#include "HMBundleInfo.h"
+#include "HMPreferenceStore.h"
+#include "HMSecretServiceKeychain.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QProcess>
+#include <QTimer>
+#include <csignal>
+#include <cstdio>
+
+namespace {
+
+struct Figures
+{
+    double registeredMs = -1;
+    long rssKiB = 0;
+    long pssKiB = 0;
+    double wakeupsPerSecond = 0;
+};
+
+class ItemWatch : public QObject
+{
+    Q_OBJECT
+public:
+    QStringList items;
+public Q_SLOTS:
+    void registered(const QString &item) { items << item; }
+};
+
+long smapsField(qint64 pid, const char *field)
+{
+    QFile file(QStringLiteral("/proc/%1/smaps_rollup").arg(pid));
+    if (!file.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray &line : file.readAll().split('\n')) {
+        if (line.startsWith(field)) {
+            return line.mid(int(qstrlen(field))).trimmed().split(' ').first().toLong();
+        }
+    }
+    return -1;
+}
+
+long contextSwitches(qint64 pid)
+{
+    long total = 0;
+    const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
+    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile status(tasks.filePath(task + QStringLiteral("/status")));
+        if (!status.open(QIODevice::ReadOnly)) {
+            continue;
+        }
+        for (const QByteArray &line : status.readAll().split('\n')) {
+            if (line.contains("ctxt_switches:")) {
+                total += line.split(':').last().trimmed().toLong();
+            }
+        }
+    }
+    return total;
+}
+
+void waitMs(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+Figures measure(const QString &program, const QStringList &arguments, ItemWatch &watch,
+                int idleSeconds)
+{
+    Figures figures;
+    QProcess process;
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    watch.items.clear();
+    QElapsedTimer clock;
+    clock.start();
+    process.start(program, arguments);
+    if (!process.waitForStarted()) {
+        std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
+        return figures;
+    }
+    const QString marker = QStringLiteral("-%1-").arg(process.processId());
+    while (clock.elapsed() < 10000) {
+        if (!watch.items.filter(marker).isEmpty()) {
+            figures.registeredMs = double(clock.nsecsElapsed()) / 1e6;
+            break;
+        }
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 5);
+    }
+    waitMs(5000); // settle: start-up work, first paints, the helper's answers
+    figures.rssKiB = smapsField(process.processId(), "Rss:");
+    figures.pssKiB = smapsField(process.processId(), "Pss:");
+    const long before = contextSwitches(process.processId());
+    waitMs(idleSeconds * 1000);
+    figures.wakeupsPerSecond =
+        double(contextSwitches(process.processId()) - before) / double(idleSeconds);
+    ::kill(pid_t(process.processId()), SIGTERM);
+    process.waitForFinished(5000);
+    return figures;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const int idleSeconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
+    if (qEnvironmentVariableIsEmpty("HM_DESKTOP_SESSION") ||
+        qEnvironmentVariable("HM_SECRET_SERVICE") != QLatin1String("keyring")) {
+        std::fprintf(stderr, "run inside with-desktop-session.sh and with-secret-service.sh\n");
+        return 2;
+    }
+
+    QProcess watcher;
+    watcher.start(QStringLiteral(HM_BENCH_WATCHER), {QStringLiteral("--host")});
+    ItemWatch watch;
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    bus.connect(QString(), QStringLiteral("/StatusNotifierWatcher"),
+                QStringLiteral("org.kde.StatusNotifierWatcher"),
+                QStringLiteral("StatusNotifierItemRegistered"), &watch, SLOT(registered(QString)));
+    waitMs(500);
+
+    // Signed in and verified, never connected.
+    {
+        HMPreferenceStore store(qEnvironmentVariable("XDG_CONFIG_HOME") +
+                                QStringLiteral("/com.hollowmere.mac.Hollowmere.json"));
+        store.setValue(QStringLiteral("username"), QStringLiteral("bench@example.com"));
+        store.setValue(QStringLiteral("accountVerified"), true);
+        store.setValue(QStringLiteral("notificationsEnabled"), true);
+        store.sync();
+        HMSecretServiceKeychain keychain;
+        HMMaybeError error;
+        if (!keychain.setPassword(QStringLiteral("bench-password"), app_bundle_identifier(),
+                                  QStringLiteral("bench@example.com"), &error)) {
+            std::fprintf(stderr, "cannot store the password\n");
+            return 1;
+        }
+    }
+
+    const Figures minimal = measure(QStringLiteral(HM_BENCH_MINIMAL), {}, watch, idleSeconds);
+    const Figures shell =
+        measure(QStringLiteral(HM_BENCH_SHELL), {QStringLiteral("/nonexistent/helper.socket")},
+                watch, idleSeconds);
+    watcher.kill();
+    watcher.waitForFinished();
+
+    std::printf("idle window: %d s\n", idleSeconds);
+    std::printf("| program | icon registered (ms) | RSS (MiB) | PSS (MiB) | wakeups/s idle |\n");
+    std::printf("|---|---|---|---|---|\n");
+    for (const auto &[name, f] : {std::pair{"minimal Qt tray program", minimal},
+                                  std::pair{"Hollowmere (signed in, disconnected)", shell}}) {
+        std::printf("| %s | %.0f | %.1f | %.1f | %.2f |\n", name, f.registeredMs,
+                    double(f.rssKiB) / 1024.0, double(f.pssKiB) / 1024.0, f.wakeupsPerSecond);
+    }
+    std::printf("memory ratio (PSS): %.2f\n", double(shell.pssKiB) / double(minimal.pssKiB));
+    return 0;
+}
+
+#include "ShellStartupBench.moc"

@@ -1,0 +1,170 @@
+// HMAppDelegate: reactions to the tunnel's state, the notification handlers that show
+// windows, and the window commands.
+#include "HMAppDelegate.h"
+
+#include "HMAccountManager.h"
+#include "HMImageView.h"
+#include "HMLog.h"
+#include "HMMainWindowController.h"
+#include "HMMenuBarItemController.h"
+#include "HMNotificationManager.h"
+#include "HMPreferenceWindowController.h"
+#include "HMScreenFactory.h"
+#include "HMUtilityWindowController.h"
+#include "HMVPNManager.h"
+#include "HMWisprouteManager.h"
+
+#include <QApplication>
+#include <QWidget>
+
+void HMAppDelegate::vpnStateDidChange(VPNState oldState, VPNState newState)
+{
+    updateApplicationIcon();
+    if (!m_c.account->isLoggedIn() || oldState == newState) {
+        return;
+    }
+    // Only the two disconnect states count as "not secure": Connected to Error, Out of
+    // Data or No Connection stays silent on purpose.
+    if (oldState == VPNState::Connected &&
+        (newState == VPNState::Disconnected || newState == VPNState::Disconnecting)) {
+        sendNotification(QStringLiteral("Connection not secure"),
+                         QStringLiteral("Your traffic is currently not encrypted"),
+                         QStringLiteral("alert_angry"));
+    } else if (newState == VPNState::Connected) {
+        const QString closest = m_c.account->currentClosestCountry();
+        const QString code = closest.isEmpty() ? m_c.account->currentCountry() : closest;
+        QString name = m_c.countryName ? m_c.countryName(code) : QString();
+        if (name.isEmpty() && !m_c.countryName) {
+            name = code;
+        }
+        const QString text =
+            m_c.routing->wisprouteMode() == HMWisprouteManager::ModeInclusion
+                ? QStringLiteral("Rawrrr! You are tunneling select URLs to the ") + name
+                : QStringLiteral("Rawrrr! You are now browsing in private from ") + name;
+        sendNotification(QStringLiteral("Connection secure"), text,
+                         m_c.countryImage ? m_c.countryImage(code) : QStringLiteral("alert_happy"));
+    }
+}
+
+// The desktop has no dock: the rule that chose the dock icon chooses the windows' icon.
+void HMAppDelegate::updateApplicationIcon()
+{
+    QString name;
+    if (m_c.vpn->isConnected()) {
+        name = m_c.routing->isEnabled() ? QStringLiteral("icon_wisproute_256x256")
+                                        : QStringLiteral("icon_on_256x256");
+    }
+    if (name == m_iconName) {
+        return;
+    }
+    m_iconName = name;
+    QApplication::setWindowIcon(
+        HMImageView::imageNamed(name.isEmpty() ? QStringLiteral("hollowmere") : name));
+}
+
+void HMAppDelegate::sendNotification(const QString &title, const QString &text,
+                                     const QString &image)
+{
+    if (m_c.notifications) {
+        m_c.notifications->sendNotificationWithTitle(title, text, image);
+    }
+}
+
+void HMAppDelegate::showHMBlockedError()
+{
+    sendNotification(QStringLiteral("Hollowmere blocked"),
+                     QStringLiteral("Hollowmere can't reach our servers, please contact your "
+                                    "internet provider."),
+                     QStringLiteral("alert_angry"));
+}
+
+void HMAppDelegate::doLogin()
+{
+    m_menuBarItem->showItem();
+    if (m_mainWindow->isFallbackMode()) {
+        m_mainWindow->showWindow();
+    }
+}
+
+void HMAppDelegate::doLogout()
+{
+    m_menuBarItem->hideItem();
+    m_mainWindow->window()->hide();
+    m_utilityWindow->presentViewController(HMScreenFactory::createLoginScreen(*m_utilityWindow),
+                                           m_utilityWindow->isWindowVisible()
+                                               ? HMScreenPresenter::Animation::Slide
+                                               : HMScreenPresenter::Animation::None);
+    m_utilityWindow->showWindow();
+}
+
+void HMAppDelegate::didClickMenuBarIcon()
+{
+    if (m_mainWindow->isWindowVisible()) {
+        m_mainWindow->closeWindow();
+    } else {
+        showMainWindow();
+    }
+}
+
+void HMAppDelegate::applicationStateChanged(Qt::ApplicationState state)
+{
+    // The popup panel goes away with the focus; the tray-less window is an ordinary one.
+    if (state == Qt::ApplicationInactive && !m_mainWindow->isFallbackMode()) {
+        m_mainWindow->closeWindow();
+    }
+}
+
+void HMAppDelegate::raise()
+{
+    HMLogError(QStringLiteral("Raised by a second launch"));
+    if (m_menuBarItem->isItemShown()) {
+        showMainWindow();
+    } else {
+        m_utilityWindow->showWindow();
+    }
+}
+
+void HMAppDelegate::showMainWindow()
+{
+    m_mainWindow->showWindowAt(m_menuBarItem->anchorPoint());
+}
+
+void HMAppDelegate::hideMainWindow()
+{
+    m_mainWindow->closeWindow();
+}
+
+void HMAppDelegate::hideUtilWindow()
+{
+    m_utilityWindow->closeWindow();
+}
+
+void HMAppDelegate::hidePreferenceWindow()
+{
+    m_preferences->closeWindow();
+}
+
+void HMAppDelegate::showPreferencesGeneral()
+{
+    m_mainWindow->closeWindow();
+    m_preferences->showTab(HMPreferenceWindowController::Tab::General);
+}
+
+void HMAppDelegate::showPreferencesWisproute()
+{
+    m_preferences->showTab(HMPreferenceWindowController::Tab::Wisproute);
+}
+
+void HMAppDelegate::showPreferencesAccount()
+{
+    m_preferences->showTab(HMPreferenceWindowController::Tab::Account);
+}
+
+void HMAppDelegate::showDiagnostics()
+{
+    m_mainWindow->closeWindow();
+    m_utilityWindow->presentViewController(
+        HMScreenFactory::createDiagnosticsScreen(*m_utilityWindow),
+        HMScreenPresenter::Animation::None);
+    m_utilityWindow->showWindow();
+}

@@ -1,0 +1,138 @@
+#include "HMMainWindowController.h"
+
+#include "HMScreenFactory.h"
+
+#include <QCloseEvent>
+#include <QGuiApplication>
+#include <QLabel>
+#include <QScreen>
+#include <QVBoxLayout>
+#include <QWidget>
+
+namespace {
+
+constexpr int kPanelWidth = 320;
+constexpr int kPanelHeight = 460;
+
+// Closing the tray-less window only minimises it: it is the application's only door.
+class HMMainWindow : public QWidget
+{
+public:
+    bool minimiseOnClose = false;
+
+protected:
+    void closeEvent(QCloseEvent *event) override
+    {
+        if (minimiseOnClose) {
+            event->ignore();
+            showMinimized();
+        } else {
+            QWidget::closeEvent(event);
+        }
+    }
+};
+
+} // namespace
+
+HMMainWindowController::HMMainWindowController(QObject *parent) : QObject(parent)
+{
+    auto *window = new HMMainWindow;
+    m_window = window;
+    m_window->setWindowTitle(QStringLiteral("Hollowmere"));
+    m_window->setAccessibleName(QStringLiteral("Hollowmere main panel"));
+    m_window->setObjectName(QStringLiteral("mainPanel"));
+    auto *layout = new QVBoxLayout(m_window);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    m_hint = new QLabel(m_window);
+    m_hint->setWordWrap(true);
+    m_hint->setMargin(8);
+    m_hint->setAccessibleName(QStringLiteral("Tray hint"));
+    m_hint->hide();
+    layout->addWidget(m_hint);
+    setFallbackMode(false);
+}
+
+HMMainWindowController::~HMMainWindowController()
+{
+    delete m_window;
+}
+
+void HMMainWindowController::setFallbackMode(bool fallback)
+{
+    m_fallback = fallback;
+    static_cast<HMMainWindow *>(m_window.data())->minimiseOnClose = fallback;
+    const bool visible = m_window->isVisible();
+    m_window->setWindowFlags(
+        fallback ? Qt::Window : Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
+    if (!fallback) {
+        m_hint->hide();
+    }
+    if (visible) {
+        m_window->show();
+    }
+}
+
+void HMMainWindowController::showHint(const QString &text)
+{
+    m_hint->setText(text);
+    m_hint->show();
+}
+
+void HMMainWindowController::ensureContent()
+{
+    if (!m_content) {
+        m_content = HMScreenFactory::createMainPanel();
+        m_content->setParent(m_window);
+        static_cast<QVBoxLayout *>(m_window->layout())->addWidget(m_content, 1);
+        m_window->resize(kPanelWidth, kPanelHeight);
+    }
+}
+
+void HMMainWindowController::showWindowAt(const QPoint &anchor)
+{
+    ensureContent();
+    if (m_fallback) {
+        showWindow();
+        return;
+    }
+    const QScreen *screen = QGuiApplication::screenAt(anchor);
+    if (!screen) {
+        screen = QGuiApplication::primaryScreen();
+    }
+    const QRect area = screen ? screen->availableGeometry() : QRect(0, 0, 1024, 768);
+    const QSize size = m_window->size();
+    QPoint topLeft(anchor.x() - size.width() / 2, anchor.y());
+    if (anchor.y() > area.center().y()) {
+        topLeft.setY(anchor.y() - size.height()); // a panel at the bottom of the screen
+    }
+    topLeft.setX(qBound(area.left(), topLeft.x(), area.right() - size.width() + 1));
+    topLeft.setY(qBound(area.top(), topLeft.y(), area.bottom() - size.height() + 1));
+    m_window->move(topLeft);
+    m_window->show();
+    m_window->raise();
+    m_window->activateWindow();
+}
+
+void HMMainWindowController::showWindow()
+{
+    ensureContent();
+    m_window->showNormal();
+    m_window->raise();
+    m_window->activateWindow();
+}
+
+void HMMainWindowController::closeWindow()
+{
+    // In the tray-less mode this minimises, like the window's own close button.
+    if (m_fallback) {
+        m_window->showMinimized();
+    } else {
+        m_window->hide();
+    }
+}
+
+bool HMMainWindowController::isWindowVisible() const
+{
+    return m_window->isVisible() && !m_window->isMinimized();
+}

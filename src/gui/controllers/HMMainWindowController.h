@@ -1,0 +1,44 @@
+// The main panel's window: a compact frameless popup hung under the tray icon, or, on a
+// desktop without a tray, an ordinary window that closing only minimises (the application
+// has no other way back). Its content comes from HMScreenFactory::createMainPanel() the
+// first time it is shown; a one-time hint line above it tells a tray-less user how to get
+// a tray icon.
+#pragma once
+
+#include <QObject>
+#include <QPoint>
+#include <QPointer>
+
+class QLabel;
+class QWidget;
+
+class HMMainWindowController : public QObject
+{
+    Q_OBJECT
+public:
+    explicit HMMainWindowController(QObject *parent = nullptr);
+    ~HMMainWindowController() override;
+
+    // Shows the panel with its top edge's middle at `anchor` (above it when the anchor is
+    // in the lower half of the screen), kept inside the screen.
+    void showWindowAt(const QPoint &anchor);
+    // The ordinary window of the tray-less desktop, where the window manager places it.
+    void showWindow();
+    void closeWindow();
+    bool isWindowVisible() const;
+
+    void setFallbackMode(bool fallback);
+    bool isFallbackMode() const { return m_fallback; }
+    void showHint(const QString &text);
+
+    QWidget *window() const { return m_window; }
+    QWidget *content() const { return m_content; }
+
+private:
+    void ensureContent();
+
+    QPointer<QWidget> m_window;
+    QWidget *m_content = nullptr;
+    QLabel *m_hint = nullptr;
+    bool m_fallback = false;
+};

@@ -1,0 +1,38 @@
+// The preferences window: the General, Selective routing, Privacy and Account tabs. Every
+// request to show a tab puts a fresh pane from HMScreenFactory in it, as the window
+// commands create a fresh screen each time, so a pane never shows stale state.
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+
+class QTabWidget;
+class QWidget;
+
+class HMPreferenceWindowController : public QObject
+{
+    Q_OBJECT
+public:
+    enum class Tab
+    {
+        General = 0,
+        Wisproute = 1,
+        Privacy = 2,
+        Account = 3,
+    };
+
+    explicit HMPreferenceWindowController(QObject *parent = nullptr);
+    ~HMPreferenceWindowController() override;
+
+    void showTab(Tab tab);
+    void closeWindow();
+    bool isWindowVisible() const;
+
+    QWidget *window() const { return m_window; }
+    QTabWidget *tabs() const { return m_tabs; }
+    QWidget *pane(Tab tab) const;
+
+private:
+    QPointer<QWidget> m_window;
+    QTabWidget *m_tabs = nullptr;
+};

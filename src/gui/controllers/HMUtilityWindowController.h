@@ -1,0 +1,40 @@
+// The utility window: launch, sign-in, create-account, verify-e-mail and diagnostics
+// screens, one at a time. Presenting with the slide animation moves the new screen in from
+// the right while the old one leaves to the left; the old screen is deleted once it is out
+// of sight. Presenting without animation, or while the window is hidden, swaps at once.
+#pragma once
+
+#include "HMScreenPresenter.h"
+
+#include <QObject>
+#include <QPointer>
+
+class QParallelAnimationGroup;
+class QWidget;
+
+class HMUtilityWindowController : public QObject, public HMScreenPresenter
+{
+    Q_OBJECT
+public:
+    static constexpr int kSlideMs = 300;
+
+    explicit HMUtilityWindowController(QObject *parent = nullptr);
+    ~HMUtilityWindowController() override;
+
+    void presentViewController(QWidget *screen, Animation animation) override;
+    void showWindow() override;
+    void closeWindow() override;
+    bool isWindowVisible() const override;
+
+    QWidget *window() const { return m_window; }
+    QWidget *currentScreen() const { return m_current; }
+    bool isAnimating() const { return m_slide != nullptr; }
+
+private:
+    void finishSlide();
+
+    QPointer<QWidget> m_window;
+    QPointer<QWidget> m_current;
+    QPointer<QWidget> m_leaving;
+    QParallelAnimationGroup *m_slide = nullptr;
+};
