@@ -13,6 +13,7 @@
 #include <QPointer>
 #include <QStringList>
 #include <QWidget>
+#include <functional>
 #include <memory>
 
 class HMRecordingPresenter : public HMScreenPresenter
@@ -48,11 +49,16 @@ private:
 
 struct HMScreenWorld
 {
-    // `api` null: a client whose network is never reachable (nothing is sent).
-    explicit HMScreenWorld(qint64 allowance = 100 * kMiB, std::unique_ptr<HMAPIClient> api = {})
-        : rig(allowance), m_api(std::move(api))
+    using APIFactory =
+        std::function<std::unique_ptr<HMAPIClient>(HMClock &, HMNotificationCenter &)>;
+
+    // Without a factory the API client's network is never reachable (nothing is sent).
+    explicit HMScreenWorld(const APIFactory &makeAPI = {}, qint64 allowance = 100 * kMiB)
+        : rig(allowance)
     {
-        if (!m_api) {
+        if (makeAPI) {
+            m_api = makeAPI(rig.clock, accounts.center);
+        } else {
             m_api = std::make_unique<HMAPIClient>(
                 HMDeploymentValues::builtIn(), [] { return false; }, rig.clock, accounts.center);
         }

@@ -155,12 +155,10 @@ int main(int argc, char **argv)
                     {"countries", QJsonArray{QJsonArray{"US", "1"}, QJsonArray{"GB", "2"},
                                              QJsonArray{"DE", "3"}, QJsonArray{"JP", "4"}}}});
 
-    HMManualClock clock;
-    HMScreenWorld world(100 * mib);
-    const std::unique_ptr<HMAPIClient> api = bed.makeClient(clock, world.accounts.center);
-    world.accounts.account->setAPIClient(api.get());
+    HMScreenWorld world([&bed](HMClock &clock, HMNotificationCenter &center) {
+        return bed.makeClient(clock, center);
+    });
     HMScreenContext context = world.context();
-    context.api = api.get();
     context.showPreferencesGeneral = [] {};
     context.showDiagnostics = [] {};
     context.launchOnStartup = [] { return true; };

@@ -40,7 +40,7 @@ public:
 
 Q_SIGNALS:
     // The form asked this field to redraw after a failed check.
-    void fieldRedrawn(HMTextField *field);
+    void fieldRedrawn(QWidget *field);
 
 private:
     void updatePasswordCoaching();
