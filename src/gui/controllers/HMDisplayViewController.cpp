@@ -123,37 +123,32 @@ void HMDisplayViewController::setOn(bool on)
 
 void HMDisplayViewController::setDisplayStateIsOn(bool on)
 {
-    const bool routing = m_context.routing->isEnabled();
-    QString status, text, background, foreground;
-    if (on && routing) {
-        m_backgroundName = QStringLiteral("scr_on_wisproute");
-        m_logoName = QStringLiteral("scr_on_logo_wisproute");
-        status = QStringLiteral("displayConnectedStatusWisprouteColor");
-        text = QStringLiteral("progressBarWisprouteConnectedTextColor");
-        background = QStringLiteral("progressBarWisprouteConnectedBackgroundColor");
+    struct Look
+    {
+        const char *background, *logo, *status, *text, *barBackground, *barForeground;
+    };
+    static const Look kLooks[] = {
+        {"scr_off", "scr_off_logo", "displayDisconnectedStatusColor",
+         "progressBarDisconnectedTextColor", "progressBarDisconnectedBackgroundColor",
+         "progressBarDisconnectedColor"},
+        {"scr_on", "scr_on_logo", "displayConnectedStatusColor", "progressBarConnectedTextColor",
+         "progressBarConnectedBackgroundColor", "progressBarConnectedColor"},
         // One colour for the whole bar in this look: the established design, keep it.
-        foreground = background;
-    } else if (on) {
-        m_backgroundName = QStringLiteral("scr_on");
-        m_logoName = QStringLiteral("scr_on_logo");
-        status = QStringLiteral("displayConnectedStatusColor");
-        text = QStringLiteral("progressBarConnectedTextColor");
-        background = QStringLiteral("progressBarConnectedBackgroundColor");
-        foreground = QStringLiteral("progressBarConnectedColor");
-    } else {
-        m_backgroundName = QStringLiteral("scr_off");
-        m_logoName = QStringLiteral("scr_off_logo");
-        status = QStringLiteral("displayDisconnectedStatusColor");
-        text = QStringLiteral("progressBarDisconnectedTextColor");
-        background = QStringLiteral("progressBarDisconnectedBackgroundColor");
-        foreground = QStringLiteral("progressBarDisconnectedColor");
-    }
+        {"scr_on_wisproute", "scr_on_logo_wisproute", "displayConnectedStatusWisprouteColor",
+         "progressBarWisprouteConnectedTextColor", "progressBarWisprouteConnectedBackgroundColor",
+         "progressBarWisprouteConnectedBackgroundColor"},
+    };
+    const bool routing = m_context.routing->isEnabled();
+    const Look &look = kLooks[on ? (routing ? 2 : 1) : 0];
+    const auto colour = [](const char *name) { return HMTheme::color(QLatin1String(name)); };
+    m_backgroundName = QLatin1String(look.background);
+    m_logoName = QLatin1String(look.logo);
     m_lookIsOn = on;
-    setTextColor(m_ui->statusLabel, HMTheme::color(status));
-    setTextColor(m_ui->accountInfoLabel, HMTheme::color(text));
+    setTextColor(m_ui->statusLabel, colour(look.status));
+    setTextColor(m_ui->accountInfoLabel, colour(look.text));
     setTextColor(m_ui->logoImage, HMTheme::color(on ? QStringLiteral("displayLogoOnColor")
                                                     : QStringLiteral("displayLogoOffColor")));
-    m_ui->progressBarView->setColors(HMTheme::color(background), HMTheme::color(foreground));
+    m_ui->progressBarView->setColors(colour(look.barBackground), colour(look.barForeground));
     m_ui->statusLabel->setCursor(on && routing ? Qt::PointingHandCursor : Qt::ArrowCursor);
     update();
 }
