@@ -50,6 +50,7 @@ void HMVerifyEmailViewController::didPressCheckAgain()
     }
     setBusy(true);
     HMTheme::setButtonBusy(m_ui->checkAgainButton, true, tr("Checking…"));
+    HMTheme::styleError(m_ui->errorLabel);
     m_ui->errorLabel->clear();
     QPointer<HMVerifyEmailViewController> self(this);
     m_context.account->verifyAccountWithCompletion([self](const HMMaybeError &error) {
@@ -73,6 +74,7 @@ void HMVerifyEmailViewController::didPressResend()
     }
     setBusy(true);
     HMTheme::setButtonBusy(m_ui->resendButton, true, tr("Sending…"));
+    HMTheme::styleError(m_ui->errorLabel);
     m_ui->errorLabel->clear();
     QPointer<HMVerifyEmailViewController> self(this);
     m_context.account->resendVerificationEmailWithCompletion([self](const HMMaybeError &error) {
@@ -81,8 +83,13 @@ void HMVerifyEmailViewController::didPressResend()
         }
         HMTheme::setButtonBusy(self->m_ui->resendButton, false, QString());
         self->setBusy(false);
-        self->m_ui->errorLabel->setText(error ? error->localizedDescription()
-                                              : tr("We sent the email again."));
+        if (error) {
+            self->m_ui->errorLabel->setText(error->localizedDescription());
+            return;
+        }
+        // Good news in the error line, so in the quiet colour; the next error restores red.
+        HMTheme::styleSecondary(self->m_ui->errorLabel);
+        self->m_ui->errorLabel->setText(tr("We sent the email again."));
     });
 }
 
