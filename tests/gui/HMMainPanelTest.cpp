@@ -1,0 +1,267 @@
+#include "HMDataBar.h"
+#include "HMDialSwitch.h"
+#include "HMDisplayViewController.h"
+#include "HMIndicatorView.h"
+#include "HMMainViewController.h"
+#include "HMScreenWorld.h"
+
+#include <QComboBox>
+#include <QLabel>
+#include <QSignalSpy>
+#include <QtTest>
+#include <cmath>
+
+// The main panel's content driven through its real widgets: the status display by VPN
+// state, routing, API health and account, the dial, the country picker and the usage loop.
+class HMMainPanelTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    static QString text(QWidget *root, const char *name)
+    {
+        return root->findChild<QLabel *>(name)->text();
+    }
+
+private Q_SLOTS:
+    void accountLineAndBarFollowPlanAndAllowance_data()
+    {
+        QTest::addColumn<bool>("verified");
+        QTest::addColumn<bool>("paid");
+        QTest::addColumn<bool>("canyon");
+        QTest::addColumn<qint64>("available");
+        QTest::addColumn<qint64>("cap");
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<double>("progress"); // NaN: not a number; -1: infinite
+        const qint64 mib = 1048576;
+        QTest::newRow("unverified")
+            << false << true << true << 5 * mib << 10 * mib << "Please verify your email" << 0.0;
+        QTest::newRow("summit") << true << true << false << 0ll << 0ll
+                                << "Summit Hollowmere \u2013 Unlimited Data" << 1.0;
+        QTest::newRow("canyon") << true << true << true << 0ll << 0ll
+                                << "Canyon Hollowmere \u2013 Unlimited Data" << 1.0;
+        QTest::newRow("one byte short of a MB")
+            << true << false << false << mib - 1 << 4 * mib
+            << "Sprout Hollowmere \u2013 0 MB remaining" << double(mib - 1) / double(4 * mib);
+        QTest::newRow("half") << true << false << false << 250 * mib << 500 * mib
+                              << "Sprout Hollowmere \u2013 250 MB remaining" << 0.5;
+        QTest::newRow("cap 0, nothing left")
+            << true << false << false << 0ll << 0ll << "Sprout Hollowmere \u2013 0 MB remaining"
+            << double(NAN);
+        QTest::newRow("cap 0, some left") << true << false << false << 3 * mib << 0ll
+                                          << "Sprout Hollowmere \u2013 3 MB remaining" << -1.0;
+    }
+    void accountLineAndBarFollowPlanAndAllowance()
+    {
+        QFETCH(bool, verified);
+        QFETCH(bool, paid);
+        QFETCH(bool, canyon);
+        QFETCH(qint64, available);
+        QFETCH(qint64, cap);
+        QFETCH(QString, line);
+        QFETCH(double, progress);
+        HMScreenWorld world;
+        HMAccountManager &account = *world.accounts.account;
+        account.setMaxBandwidth(cap);
+        HMDisplayViewController display(world.context());
+        // The meter takes rises under 40 MiB for noise; the world starts at 100 MiB, so
+        // every row's value arrives as a real change.
+        world.rig.account.setAllowance(available);
+        // Set after construction: the display follows changes, not only its first look.
+        account.setAccountVerified(verified);
+        account.setFullVersion(paid);
+        account.setCanyon(canyon);
+        display.grab(); // painting must survive whatever the bar holds
+
+        QCOMPARE(text(&display, "accountInfoLabel"), line);
+        const auto *bar = display.findChild<HMDataBar *>("progressBarView");
+        if (std::isnan(progress)) {
+            QVERIFY(std::isnan(bar->progress()));
+        } else if (progress < 0) {
+            QVERIFY(std::isinf(bar->progress()));
+        } else {
+            QCOMPARE(bar->progress(), progress);
+        }
+        QVERIFY(bar->drawnFraction() >= 0.0 && bar->drawnFraction() <= 1.0);
+    }
+
+    void statusIndicatorAndLookFollowStateRoutingAndHealth_data()
+    {
+        QTest::addColumn<VPNState>("state");
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<int>("apiStatus");
+        QTest::addColumn<QString>("status");
+        QTest::addColumn<QString>("indicator");
+        QTest::addColumn<QString>("animation");
+        QTest::addColumn<QString>("background");
+        const int healthy = HMAPIStatusHealthy, blocked = HMAPIStatusBlocked;
+        QTest::newRow("disconnected") << VPNState::Disconnected << 0 << healthy << "Disconnected"
+                                      << "indicator_disconnected"
+                                      << ""
+                                      << "scr_off";
+        QTest::newRow("disconnected, roots blocked")
+            << VPNState::Disconnected << 0 << blocked << "Disconnected"
+            << "indicator_error"
+            << ""
+            << "scr_off";
+        QTest::newRow("disconnected, routing on")
+            << VPNState::Disconnected << 2 << healthy << "Disconnected"
+            << "indicator_disconnected"
+            << ""
+            << "scr_off";
+        QTest::newRow("connecting") << VPNState::Connecting << 0 << blocked << "Connecting\u2026"
+                                    << "indicator_connecting"
+                                    << "spinner"
+                                    << "scr_off";
+        QTest::newRow("disconnecting")
+            << VPNState::Disconnecting << 1 << healthy << "Disconnecting\u2026"
+            << "indicator_connecting"
+            << "spinner"
+            << "scr_off";
+        QTest::newRow("connected") << VPNState::Connected << 0 << healthy << "Connected"
+                                   << "indicator_connected"
+                                   << ""
+                                   << "scr_on";
+        QTest::newRow("connected, routing on")
+            << VPNState::Connected << 1 << healthy << "Wisproute On"
+            << "indicator_wisproute"
+            << "pulse"
+            << "scr_on_wisproute";
+        QTest::newRow("error") << VPNState::Error << 0 << healthy << "Error"
+                               << "indicator_error"
+                               << ""
+                               << "scr_off";
+        QTest::newRow("out of data") << VPNState::OutOfData << 2 << healthy << "Out of Data"
+                                     << "indicator_error"
+                                     << ""
+                                     << "scr_off";
+        QTest::newRow("no connection") << VPNState::NoConnection << 0 << healthy << "No Connection"
+                                       << "indicator_error"
+                                       << ""
+                                       << "scr_off";
+    }
+    void statusIndicatorAndLookFollowStateRoutingAndHealth()
+    {
+        QFETCH(VPNState, state);
+        QFETCH(int, mode);
+        QFETCH(int, apiStatus);
+        QFETCH(QString, status);
+        QFETCH(QString, indicator);
+        QFETCH(QString, animation);
+        QFETCH(QString, background);
+        HMScreenWorld world;
+        const HMScreenContext context = world.context();
+        HMDisplayViewController display(context);
+        QSignalSpy announced(&display, &HMDisplayViewController::statusChanged);
+        world.rig.vpn->setState(state);
+        // Routing and health change last: each must reach the display on its own.
+        context.routing->setWisprouteMode(mode);
+        context.api->setCheckStatus(apiStatus);
+
+        QCOMPARE(display.status(), status);
+        QCOMPARE(text(&display, "statusLabel"), status);
+        if (status != QLatin1String("Disconnected")) {
+            QCOMPARE(announced.last().at(0).toString(), status);
+        }
+        const auto *view = display.findChild<HMIndicatorView *>("indicatorImage");
+        QCOMPARE(view->imageName(), indicator);
+        QCOMPARE(view->isSpinning(), animation == QLatin1String("spinner"));
+        QCOMPARE(view->isPulsing(), animation == QLatin1String("pulse"));
+        QCOMPARE(display.backgroundName(), background);
+        QCOMPARE(display.isOn(), state == VPNState::Connected);
+    }
+
+    void routingOffWhileConnectedAndSwitchOffReturnToPlainLooks()
+    {
+        HMScreenWorld world;
+        HMDisplayViewController display(world.context());
+        display.show();
+        world.accounts.routing->setWisprouteMode(2);
+        world.rig.vpn->setState(VPNState::Connected);
+        QCOMPARE(display.logoName(), QStringLiteral("scr_on_logo_wisproute"));
+        const auto *bar = display.findChild<HMDataBar *>("progressBarView");
+        QCOMPARE(bar->foregroundColor(), bar->backgroundColor()); // one colour, on purpose
+
+        world.accounts.routing->setWisprouteMode(0);
+        QCOMPARE(display.logoName(), QStringLiteral("scr_on_logo"));
+        QCOMPARE(display.status(), QStringLiteral("Connected"));
+        QVERIFY(bar->foregroundColor() != bar->backgroundColor());
+        QVERIFY(!display.isPlayingSwitchOff());
+
+        world.rig.vpn->setState(VPNState::Disconnected);
+        QCOMPARE(display.backgroundName(), QStringLiteral("scr_off"));
+        QVERIFY(display.isPlayingSwitchOff());
+        QTRY_VERIFY(!display.isPlayingSwitchOff());
+    }
+
+    void dialConnectsAndSwitchingOffPostsNotification()
+    {
+        HMScreenWorld world;
+        int switchedOff = 0;
+        world.accounts.center.addObserverForName(QLatin1String(kHMDidSwitchDialOffNotification),
+                                                 [&] { ++switchedOff; });
+        HMMainViewController panel(world.context());
+        panel.show();
+        auto *dial = panel.findChild<HMDialSwitch *>("dialSwitch");
+
+        QTest::keyClick(dial, Qt::Key_Space);
+        QTRY_COMPARE(world.rig.account.tokenRequests, 1); // the connect sequence began
+        QVERIFY(dial->isChecked());
+        QCOMPARE(switchedOff, 0);
+
+        world.rig.vpn->setState(VPNState::Connected);
+        QTest::mouseClick(dial, Qt::LeftButton);
+        QCOMPARE(switchedOff, 1);
+        QVERIFY(world.rig.vpn->state() != VPNState::Connected);
+        QVERIFY(!dial->isChecked());
+        QCOMPARE(world.rig.account.tokenRequests, 1);
+    }
+
+    void pickerListsAccountCountriesAndStoresChoice()
+    {
+        HMScreenWorld world;
+        HMAccountManager &account = *world.accounts.account;
+        const auto record = [](const char *code, const char *id) {
+            return QVariant(QVariantMap{{"code", code}, {"id", id}});
+        };
+        HMMainViewController panel(world.context());
+        auto *picker = panel.findChild<QComboBox *>("countryPicker");
+        QVERIFY(!picker->isEnabled());
+        QCOMPARE(picker->currentText(), QStringLiteral("No countries available"));
+
+        account.setCountries(
+            {record("GB", "2"), record("QQ", "9"), record("US", "1"), record("Closest", "-1")});
+        account.setCurrentCountry(QStringLiteral("US"));
+        QVERIFY(picker->isEnabled());
+        QStringList names;
+        for (int i = 0; i < picker->count(); ++i) {
+            names << picker->itemText(i);
+        }
+        QCOMPARE(names, QStringList({"United Kingdom", "QQ", "United States", "Closest Tunnel"}));
+        QCOMPARE(picker->currentText(), QStringLiteral("United States"));
+
+        panel.show();
+        picker->setFocus();
+        QTest::keyClick(picker, Qt::Key_Down);
+        QCOMPARE(account.currentCountry(), QStringLiteral("Closest"));
+        QCOMPARE(account.currentCountryCode(), QStringLiteral("-1"));
+    }
+
+    void usageIsRefreshedOnlyWhileShown()
+    {
+        HMScreenWorld world;
+        HMAccountManager &account = *world.accounts.account;
+        account.setUsername(QStringLiteral("ann@example.test"));
+        account.setPassword(QStringLiteral("secret"));
+        account.setAccountVerified(true);
+        HMMainViewController panel(world.context());
+        QVERIFY(!account.shouldUpdateUsage());
+        panel.show();
+        QVERIFY(account.shouldUpdateUsage());
+        panel.hide();
+        QVERIFY(!account.shouldUpdateUsage());
+    }
+};
+
+QTEST_MAIN(HMMainPanelTest)
+#include "HMMainPanelTest.moc"
