@@ -79,16 +79,12 @@ QList<HMSystemReport> linuxReports()
     };
 }
 
-int runBounded(const HMReportCommand &command, int timeoutMs, std::optional<QString> *output,
-               bool *timedOut)
+HMReportRun runBounded(const HMReportCommand &command, int timeoutMs)
 {
-    if (timedOut) {
-        *timedOut = false;
-    }
-    *output = std::nullopt;
+    HMReportRun run;
     const QString path = findProgram(command.program);
     if (path.isEmpty()) {
-        return -1;
+        return run;
     }
     QProcess process;
     process.setProgram(path);
@@ -100,40 +96,35 @@ int runBounded(const HMReportCommand &command, int timeoutMs, std::optional<QStr
     process.setChildProcessModifier([] { ::setpgid(0, 0); });
     process.start();
     if (!process.waitForStarted(timeoutMs)) {
-        return -1;
+        return run;
     }
+    run.started = true;
     if (!process.waitForFinished(timeoutMs)) {
-        if (timedOut) {
-            *timedOut = true;
-        }
+        run.timedOut = true;
         ::kill(-static_cast<pid_t>(process.processId()), SIGKILL);
         process.waitForFinished(-1);
-        *output = decode_trimmed_utf8(process.readAllStandardOutput());
-        return -1;
+    } else if (process.exitStatus() == QProcess::NormalExit) {
+        run.status = process.exitCode();
     }
-    *output = decode_trimmed_utf8(process.readAllStandardOutput());
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.output = decode_trimmed_utf8(process.readAllStandardOutput());
+    return run;
 }
 
 std::optional<QString> produce(const HMSystemReport &report, int timeoutMs)
 {
-    std::optional<QString> firstOutput;
-    bool ran = false;
+    std::optional<HMReportRun> first;
     for (const HMReportCommand &command : report.commands) {
-        std::optional<QString> output;
-        bool timedOut = false;
-        const int status = runBounded(command, timeoutMs, &output, &timedOut);
-        if (timedOut) {
+        HMReportRun run = runBounded(command, timeoutMs);
+        if (run.timedOut) {
             HMLogError(QStringLiteral("%1 did not finish within %2 ms; its output so far is kept")
                            .arg(command.program)
                            .arg(timeoutMs));
         }
-        if (status == 0 && output) {
-            return maskProxyPasswords(*output);
+        if (run.status == 0 && run.output) {
+            return maskProxyPasswords(*run.output);
         }
-        if (!ran && (output || timedOut)) {
-            firstOutput = output;
-            ran = true;
+        if (!first && run.started) {
+            first = std::move(run);
         }
     }
     if (report.fallback) {
@@ -141,11 +132,12 @@ std::optional<QString> produce(const HMSystemReport &report, int timeoutMs)
             return maskProxyPasswords(*text);
         }
     }
-    if (!ran) {
+    if (!first) {
         // A missing tool contributes an empty member rather than none, as a failing one does.
         return QString();
     }
-    return firstOutput ? std::optional<QString>(maskProxyPasswords(*firstOutput)) : std::nullopt;
+    return first->output ? std::optional<QString>(maskProxyPasswords(*first->output))
+                         : std::nullopt;
 }
 
 QString maskProxyPasswords(const QString &text)

@@ -42,11 +42,18 @@ QList<HMSystemReport> linuxReports();
 // The member's content, or nullopt when it is to be left out.
 std::optional<QString> produce(const HMSystemReport &report, int timeoutMs = kDefaultTimeoutMs);
 
-// Runs one command with standard input closed, killing it after `timeoutMs`. Returns the
-// exit status (-1: not started, crashed or killed); `output` gets the trimmed standard
-// output (nullopt when it is not UTF-8 or the program could not start).
-int runBounded(const HMReportCommand &command, int timeoutMs, std::optional<QString> *output,
-               bool *timedOut = nullptr);
+struct HMReportRun
+{
+    bool started = false;
+    bool timedOut = false;
+    int status = -1; // the exit status; -1 when it crashed or was killed
+    // Trimmed standard output; nullopt when it is not UTF-8 or nothing started.
+    std::optional<QString> output;
+};
+
+// Runs one command with standard input closed, killing it (and what it started) after
+// `timeoutMs`; a killed command keeps the output it gave so far.
+HMReportRun runBounded(const HMReportCommand &command, int timeoutMs);
 
 // "user:secret@" in URLs and the values of "*password*" keys replaced by "********".
 QString maskProxyPasswords(const QString &text);
