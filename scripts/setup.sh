@@ -13,6 +13,8 @@ packages=(
   openvpn iproute2 dbus dbus-x11 systemd procps psmisc
   # test-only: real Secret Service, notification daemon, certificates, display
   gnome-keyring libsecret-tools dunst openssl xvfb xauth
+  # diagnostics benchmark reference and reading received archives
+  zip unzip
   # sanitizer runtime
   libclang-rt-14-dev
 )

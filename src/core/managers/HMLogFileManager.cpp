@@ -146,7 +146,7 @@ std::optional<QString> HMLogFileManager::applicationLog() const
     return bytes ? std::optional<QString>(QString::fromUtf8(*bytes)) : std::nullopt;
 }
 
-HMLogCollection HMLogFileManager::collectLocal(const QVariantMap &daemonLogs) const
+HMLogCollection HMLogFileManager::collectLocal(QVariantMap daemonLogs) const
 {
     HMLogCollection logs;
     if (const std::optional<QByteArray> log = appLog()) {
@@ -161,7 +161,8 @@ HMLogCollection HMLogFileManager::collectLocal(const QVariantMap &daemonLogs) co
         {QStringLiteral("wisprouteLog"), QStringLiteral("dnsLog")}};
     for (const auto &member : daemonMembers) {
         if (daemonLogs.contains(member.second)) {
-            logs.insert(member.first, daemonLogs.value(member.second).toString().toUtf8());
+            // Each text is dropped once converted: the helper's logs are the largest members.
+            logs.insert(member.first, daemonLogs.take(member.second).toString().toUtf8());
         }
     }
     for (const HMSystemReport &report : m_options.reports) {
@@ -185,8 +186,8 @@ void HMLogFileManager::collectLogFilesWithCompletion(CollectCompletion completio
             return;
         }
         const HMLogFileManager *manager = self.data();
-        dispatch_to_bg([manager, reply, completion] {
-            const HMLogCollection logs = manager->collectLocal(reply);
+        dispatch_to_bg([manager, reply, completion]() mutable {
+            const HMLogCollection logs = manager->collectLocal(std::move(reply));
             dispatch_to_main([logs, completion] { completion(logs, std::nullopt); });
         });
     });

@@ -93,7 +93,7 @@ Q_SIGNALS:
 
 private:
     std::optional<QByteArray> appLog() const;
-    HMLogCollection collectLocal(const QVariantMap &daemonLogs) const;
+    HMLogCollection collectLocal(QVariantMap daemonLogs) const;
     void upload(const QByteArray &archive, const QString &path, const QString &feedback,
                 const Completion &completion);
 
