@@ -1,6 +1,5 @@
 #include "RefUploadStore.h"
 
-#include <QDateTime>
 #include <QFile>
 #include <QJsonDocument>
 #include <QSaveFile>
@@ -23,35 +22,52 @@ bool writeWhole(const QString &path, const QByteArray &data, QString *error)
 
 } // namespace
 
-QJsonArray zipMembers(const QString &path)
+QList<ZipEntry> readZip(const QString &path)
 {
-    QJsonArray members;
+    QList<ZipEntry> entries;
     unzFile archive = unzOpen64(QFile::encodeName(path).constData());
     if (!archive) {
-        return members;
+        return entries;
     }
     for (int status = unzGoToFirstFile(archive); status == UNZ_OK;
          status = unzGoToNextFile(archive)) {
         unz_file_info64 info{};
         char name[512] = {};
         if (unzGetCurrentFileInfo64(archive, &info, name, sizeof name - 1, nullptr, 0, nullptr,
-                                    0) != UNZ_OK) {
+                                    0) != UNZ_OK ||
+            unzOpenCurrentFile(archive) != UNZ_OK) {
             break;
         }
+        ZipEntry entry;
+        entry.name = QString::fromUtf8(name);
+        entry.method = static_cast<int>(info.compression_method);
         const auto &date = info.tmu_date;
-        const QDateTime stamp(QDate(static_cast<int>(date.tm_year),
-                                    static_cast<int>(date.tm_mon) + 1,
-                                    static_cast<int>(date.tm_mday)),
-                              QTime(static_cast<int>(date.tm_hour), static_cast<int>(date.tm_min),
-                                    static_cast<int>(date.tm_sec)));
-        members.append(QJsonObject{
-            {QStringLiteral("name"), QString::fromUtf8(name)},
-            {QStringLiteral("size"), static_cast<qint64>(info.uncompressed_size)},
-            {QStringLiteral("compressedSize"), static_cast<qint64>(info.compressed_size)},
-            {QStringLiteral("method"), static_cast<qint64>(info.compression_method)},
-            {QStringLiteral("time"), stamp.toString(Qt::ISODate)}});
+        entry.time =
+            QDateTime(QDate(static_cast<int>(date.tm_year), static_cast<int>(date.tm_mon) + 1,
+                            static_cast<int>(date.tm_mday)),
+                      QTime(static_cast<int>(date.tm_hour), static_cast<int>(date.tm_min),
+                            static_cast<int>(date.tm_sec)));
+        char buffer[64 * 1024];
+        int read = 0;
+        while ((read = unzReadCurrentFile(archive, buffer, sizeof buffer)) > 0) {
+            entry.data.append(buffer, read);
+        }
+        unzCloseCurrentFile(archive);
+        entries.append(entry);
     }
     unzClose(archive);
+    return entries;
+}
+
+QJsonArray zipMembers(const QString &path)
+{
+    QJsonArray members;
+    for (const ZipEntry &entry : readZip(path)) {
+        members.append(QJsonObject{{QStringLiteral("name"), entry.name},
+                                   {QStringLiteral("size"), static_cast<qint64>(entry.data.size())},
+                                   {QStringLiteral("method"), entry.method},
+                                   {QStringLiteral("time"), entry.time.toString(Qt::ISODate)}});
+    }
     return members;
 }
 

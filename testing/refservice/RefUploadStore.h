@@ -8,8 +8,10 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QList>
 #include <QString>
 #include <optional>
 
@@ -20,7 +22,19 @@ namespace RefUploadStore {
 std::optional<QJsonObject> keep(const QString &directory, int index, QJsonObject meta,
                                 const QByteArray &data, QString *error);
 
-// The members of the zip archive at `path`; empty for anything that is no archive.
+struct ZipEntry
+{
+    QString name;
+    QByteArray data; // inflated
+    int method = -1; // 0 stored, 8 deflated
+    QDateTime time;  // local time, as stamped
+};
+
+// Every member of the zip archive at `path`, in archive order; empty for anything that is
+// no archive. Also what the tests open received archives with.
+QList<ZipEntry> readZip(const QString &path);
+
+// The members of the zip archive at `path` (name, sizes, method, time) for the listing.
 QJsonArray zipMembers(const QString &path);
 
 } // namespace RefUploadStore

@@ -13,6 +13,7 @@
 #include "HMManualClock.h"
 #include "HMRollingFileSink.h"
 #include "HMTestEnvironment.h"
+#include "RefUploadStore.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -21,44 +22,17 @@
 #include <QtTest>
 #include <csignal>
 #include <sys/resource.h>
-#include <unzip.h>
 
 namespace {
 
-struct ZipMember
-{
-    QByteArray data;
-    int method = -1;
-    QDateTime stamp;
-};
+using ZipMember = RefUploadStore::ZipEntry;
 
-// Reads an archive back the way any unzip tool would; empty when it is no archive.
 QMap<QString, ZipMember> readZip(const QString &path)
 {
     QMap<QString, ZipMember> members;
-    unzFile archive = unzOpen64(QFile::encodeName(path).constData());
-    if (!archive) {
-        return members;
+    for (const ZipMember &member : RefUploadStore::readZip(path)) {
+        members.insert(member.name, member);
     }
-    for (int status = unzGoToFirstFile(archive); status == UNZ_OK;
-         status = unzGoToNextFile(archive)) {
-        unz_file_info64 info{};
-        char name[256] = {};
-        unzGetCurrentFileInfo64(archive, &info, name, sizeof name - 1, nullptr, 0, nullptr, 0);
-        ZipMember member;
-        member.method = static_cast<int>(info.compression_method);
-        const auto &d = info.tmu_date;
-        member.stamp = QDateTime(QDate(int(d.tm_year), int(d.tm_mon) + 1, int(d.tm_mday)),
-                                 QTime(int(d.tm_hour), int(d.tm_min), int(d.tm_sec)));
-        member.data.resize(static_cast<qsizetype>(info.uncompressed_size));
-        if (unzOpenCurrentFile(archive) == UNZ_OK) {
-            unzReadCurrentFile(archive, member.data.data(),
-                               static_cast<unsigned>(member.data.size()));
-            unzCloseCurrentFile(archive);
-        }
-        members.insert(QString::fromUtf8(name), member);
-    }
-    unzClose(archive);
     return members;
 }
 
@@ -336,7 +310,7 @@ private Q_SLOTS:
         for (const QString &name : logs.keys()) {
             QCOMPARE(members[name].data, logs[name]);
             QCOMPARE(members[name].method, 8);
-            QCOMPARE(members[name].stamp, QDateTime(QDate(2026, 3, 4), QTime(5, 6, 8)));
+            QCOMPARE(members[name].time, QDateTime(QDate(2026, 3, 4), QTime(5, 6, 8)));
         }
         QCOMPARE(QDir(m_tmp->path()).entryList(QDir::Files | QDir::Hidden),
                  QStringList{"logs.zip"});
