@@ -37,6 +37,8 @@ HMError fileError(const QString &what, const QString &path, const QString &reaso
 bool ensureDirectory(const QString &directory, HMMaybeError *error)
 {
     if (QDir().mkpath(directory)) {
+        // Logs and preferences are private: the folder is the user's alone.
+        QFile::setPermissions(directory, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         return true;
     }
     if (error) {
@@ -74,10 +76,13 @@ void deleteInBackground(const QString &path, const HMLogFileManager::Completion 
 
 HMLogFileManager &HMLogFileManager::instance()
 {
-    static HMLogFileManager *shared = new HMLogFileManager(
-        HMDaemonManager::instance(), HMAPIClient::instance(), HMAccountManager::instance(),
-        HMPreferenceStore::instance(), HMClock::system());
-    shared->m_followsSharedLogger = true;
+    static HMLogFileManager *shared = [] {
+        auto *manager = new HMLogFileManager(HMDaemonManager::instance(), HMAPIClient::instance(),
+                                             HMAccountManager::instance(),
+                                             HMPreferenceStore::instance(), HMClock::system());
+        manager->m_followsSharedLogger = true;
+        return manager;
+    }();
     return *shared;
 }
 
@@ -246,32 +251,34 @@ QString HMLogFileManager::writeLogsToTempFile(const HMLogCollection &logs,
 void HMLogFileManager::showLogsWithCompletion(Completion completion)
 {
     QPointer<HMLogFileManager> self(this);
+    const auto finish = [completion](const HMMaybeError &error) {
+        if (completion) {
+            completion(error);
+        }
+    };
     collectLogFilesWithCompletion(
-        [self, completion](const std::optional<HMLogCollection> &logs, const HMMaybeError &error) {
+        [self, finish](const std::optional<HMLogCollection> &logs, const HMMaybeError &error) {
             if (error) {
                 HMLogError(error->description());
-                completion(error);
+                finish(error);
                 return;
             }
             if (!self) {
                 return;
             }
             const HMLogFileManager *manager = self.data();
-            dispatch_to_bg([self, manager, logs, completion] {
+            dispatch_to_bg([self, manager, logs, finish] {
                 HMMaybeError writeError;
                 const QString path = manager->writeLogsToTempFile(*logs, &writeError);
-                dispatch_to_main([self, path, writeError, completion] {
-                    if (writeError) {
-                        HMLogError(writeError->description());
-                        completion(writeError);
-                        return;
+                dispatch_to_main([self, path, writeError, finish] {
+                    HMMaybeError outcome = writeError;
+                    if (outcome) {
+                        HMLogError(outcome->description());
+                    } else if (self && !self->m_options.openFile(QUrl::fromLocalFile(path))) {
+                        outcome = HMError::errorWithDescription(
+                            QStringLiteral("No application could open the logs (%1).").arg(path));
                     }
-                    if (self && !self->m_options.openFile(QUrl::fromLocalFile(path))) {
-                        completion(HMError::errorWithDescription(
-                            QStringLiteral("No application could open the logs (%1).").arg(path)));
-                        return;
-                    }
-                    completion(std::nullopt);
+                    finish(outcome);
                 });
             });
         });

@@ -15,7 +15,8 @@
 // client delivered its reply (also the main thread here). Deliberately odd and kept:
 // after a helper error every operation calls its completion twice, first with the error,
 // then goes on with what it could collect. Two overlapping sends write the same archive.
-// One process-wide instance (instance()); tests build their own with Options.
+// One process-wide instance (instance()), which lives for the whole process; tests build
+// their own with Options and let the background pool finish before destroying it.
 #pragma once
 
 #include "HMError.h"
