@@ -83,8 +83,10 @@ private Q_SLOTS:
         m_presenter = std::make_unique<RecordingPresenter>();
         m_screen = std::make_unique<HMDiagnosticsViewController>(*m_presenter, *m_logs, *m_api);
         m_screen->show();
-        for (QWidget *control :
-             m_screen->findChildren<QWidget *>(QRegularExpression("^(?!qt_)[a-z]"))) {
+        const auto controls =
+            m_screen->findChildren<QWidget *>(QRegularExpression("^(?!qt_)[a-z]"));
+        QVERIFY(controls.size() >= 8);
+        for (QWidget *control : controls) {
             QVERIFY2(!control->accessibleName().isEmpty(), qPrintable(control->objectName()));
         }
     }
