@@ -399,6 +399,7 @@ LAB_SERVICE_DOMAIN=$domain
 LAB_SERVICE_IP=$service_ip
 LAB_SERVICE_CONTROL=$server_ip:$control_port
 LAB_SERVICE_DEPLOYMENT=$dir/service/deployment.json
+LAB_SERVICE_UPLOADS=$dir/service/uploads
 FACTS
     fi
     if [ -n "$helper" ]; then
