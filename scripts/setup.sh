@@ -21,6 +21,8 @@ packages=(
   passwd
   # test-only: the lab's resolvers, DNS queries and captures for selective routing
   dnsmasq-base ldnsutils tcpdump
+  # diagnostics benchmark reference and reading received archives
+  zip unzip
   # sanitizer runtime
   libclang-rt-14-dev
 )

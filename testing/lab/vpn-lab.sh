@@ -430,6 +430,7 @@ LAB_SERVICE_IP=$service_ip
 LAB_SERVICE_CONTROL=$server_ip:$control_port
 LAB_SERVICE_DEPLOYMENT=$dir/service/deployment.json
 LAB_SERVICE_CA=$dir/service/ca.crt
+LAB_SERVICE_UPLOADS=$dir/service/uploads
 FACTS
     fi
     if [ -n "$helper" ]; then

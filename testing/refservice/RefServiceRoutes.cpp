@@ -344,7 +344,13 @@ void installUploadRoute(httplib::Server &server, RefState &state, const QString 
         QJsonObject meta = fields;
         meta.insert(QStringLiteral("contentType"), contentType);
         meta.insert(QStringLiteral("parts"), partList);
-        state.addUpload(meta, data);
+        QString keepError;
+        if (state.addUpload(meta, data, &keepError) < 0) {
+            ref_reply_json(
+                response, refusal("details", QStringLiteral("Could not keep upload: ") + keepError),
+                500);
+            return;
+        }
         ref_reply_json(response, QJsonObject{{QStringLiteral("status"), QStringLiteral("ok")}});
     });
 }

@@ -1,5 +1,7 @@
 #include "RefState.h"
 
+#include "RefUploadStore.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -311,24 +313,16 @@ bool RefState::streamEnded(const std::shared_ptr<RefStream> &stream) const
     return stream->ended || m_stopping;
 }
 
-int RefState::addUpload(QJsonObject meta, const QByteArray &data)
+int RefState::addUpload(QJsonObject meta, const QByteArray &data, QString *error)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const int index = static_cast<int>(m_uploads.size());
-    const QString path = QStringLiteral("%1/upload-%2.bin").arg(m_uploadsDir).arg(index);
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly)) {
-        file.write(data);
+    const auto kept = RefUploadStore::keep(m_uploadsDir, static_cast<int>(m_uploads.size()),
+                                           std::move(meta), data, error);
+    if (!kept) {
+        return -1;
     }
-    meta.insert(QStringLiteral("index"), index);
-    meta.insert(QStringLiteral("path"), path);
-    meta.insert(QStringLiteral("size"), static_cast<qint64>(data.size()));
-    QFile metaFile(path.chopped(4) + QStringLiteral(".json"));
-    if (metaFile.open(QIODevice::WriteOnly)) {
-        metaFile.write(QJsonDocument(meta).toJson());
-    }
-    m_uploads.append(meta);
-    return index;
+    m_uploads.append(*kept);
+    return static_cast<int>(m_uploads.size()) - 1;
 }
 
 QJsonArray RefState::uploads() const

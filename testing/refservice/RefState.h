@@ -70,8 +70,9 @@ public:
     std::optional<std::string> nextChunk(const std::shared_ptr<RefStream> &stream, int ms);
     bool streamEnded(const std::shared_ptr<RefStream> &stream) const;
 
-    // Log uploads, kept on disk under the uploads folder and listed in memory.
-    int addUpload(QJsonObject meta, const QByteArray &data);
+    // Log uploads, kept on disk under the uploads folder (RefUploadStore) and listed in
+    // memory. The new index, or -1 with `error` when the upload could not be kept.
+    int addUpload(QJsonObject meta, const QByteArray &data, QString *error);
     QJsonArray uploads() const;
     std::optional<QByteArray> uploadData(int index) const;
 

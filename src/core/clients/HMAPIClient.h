@@ -158,6 +158,9 @@ Q_SIGNALS:
     void willChangeValueForKey(const QString &key);
     void didChangeValueForKey(const QString &key);
     void isFallrootHealthyChanged();
+    // Progress of a POST's body (the log upload is the one that takes a while); `path` is
+    // the request's URL path.
+    void uploadProgress(const QString &path, qint64 sent, qint64 total);
 
 private:
     void send(QNetworkRequest request, int method, const QByteArray &body,

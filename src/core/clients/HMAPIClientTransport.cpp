@@ -182,6 +182,12 @@ void HMAPIClient::send(QNetworkRequest request, int method, const QByteArray &bo
             reply->abort();
         }
     });
+    if (method == HMAPIMethodPOST) {
+        connect(reply, &QNetworkReply::uploadProgress, this,
+                [this, reply](qint64 sent, qint64 total) {
+                    Q_EMIT uploadProgress(reply->url().path(), sent, total);
+                });
+    }
     connect(reply, &QNetworkReply::finished, this, [this, reply, timer, method, completion] {
         m_clock.cancel(timer);
         reply->deleteLater();
