@@ -1,12 +1,16 @@
 #include "HMAppDelegate.h"
 
 #include "HMBundleInfo.h"
+#include "HMControlInterface.h"
+#include "HMDaemonManager.h"
 #include "HMLog.h"
 #include "HMLogging.h"
 #include "HMMenuBarItemController.h"
 #include "HMPreferenceStore.h"
 #include "HMPreferences.h"
 #include "HMSignalWatcher.h"
+#include "HMVPNManager.h"
+#include "HMWisprouteManager.h"
 
 #include <QCoreApplication>
 #include <syslog.h>
@@ -37,6 +41,28 @@ void HMAppDelegate::applicationDidFinishLaunching()
     migratePreferencesFromOlderVersions(m_store);
 
     initializeUI();
+    startHelperClient();
+    HMControlInterface::registerOnSessionBus();
+}
+
+// The helper's queue, the VPN manager and the DNS-port check that decides whether selective
+// routing is supported; the last steps of the start-up order.
+void HMAppDelegate::startHelperClient()
+{
+    HMDaemonManager &daemon = HMDaemonManager::instance();
+    daemon.createCommandQueue();
+    HMVPNManager::instance();
+    daemon.stopDNSProxy([&daemon](const QVariantMap &, const HMMaybeError &error) {
+        if (error) {
+            HMLogError(error->description());
+        }
+        daemon.checkDNSPortOpen([](const QVariantMap &, const HMMaybeError &portError) {
+            HMWisprouteManager::instance().setSupported(!portError);
+            if (HMControlInterface *control = HMControlInterface::shared()) {
+                control->refresh();
+            }
+        });
+    });
 }
 
 void HMAppDelegate::initializeLogging()

@@ -23,6 +23,7 @@ public:
     void initializeLogging();
     void initializeUI();
     void quitHandler();
+    void startHelperClient();
 
     HMMenuBarItemController *menuBarItemController() const { return m_menuBarItem; }
 
