@@ -32,8 +32,6 @@ launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S . -B build -G Ninja "${launcher[@]}" >/dev/null
 cmake --build build -j "$(nproc)" --target hollowmere hollowmerectl hmwispd hm-refservice
-# The helper runs only its own OpenVPN, and the application names the one beside itself.
-ln -sf "$(readlink -f "$(command -v openvpn || echo /usr/sbin/openvpn)")" build/src/gui/openvpn
 
 name="hmdemo$$"
 dir="/tmp/$name"

@@ -312,6 +312,17 @@ int HMCtlCommands::waitForState(const QList<uint> &targets, const QList<uint> &f
 
 int HMCtlCommands::login(const QString &user)
 {
+    // Asked before the password, so nobody types one for nothing.
+    QVariantMap p;
+    if (const auto failure = m_bus.properties(&p)) {
+        return fail(*failure);
+    }
+    if (p.value(QStringLiteral("SignedIn")).toBool()) {
+        return fail(
+            {HMCtlBus::Refused,
+             QStringLiteral("Already signed in as %1; sign out first (hollowmerectl logout)")
+                 .arg(p.value(QStringLiteral("User")).toString())});
+    }
     const std::optional<QString> password = hm_ctl_read_password(m_err);
     if (!password || password->isEmpty()) {
         return usageError(QStringLiteral("no password given"));
