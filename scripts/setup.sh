@@ -13,6 +13,8 @@ packages=(
   openvpn iproute2 dbus dbus-x11 systemd procps psmisc
   # test-only: real Secret Service, notification daemon, certificates, display
   gnome-keyring libsecret-tools dunst openssl xvfb xauth
+  # the demo's proof page and its request; the package and its checks
+  python3 curl dpkg-dev fakeroot lintian desktop-file-utils appstream man-db
   # sanitizer runtime
   libclang-rt-14-dev
 )
