@@ -52,6 +52,7 @@ step "run"
 # The installed application on a bus of its own, asked through the installed hollowmerectl.
 run_home="$work/home"
 mkdir -p "$run_home"
+# shellcheck disable=SC2016 # expanded by the inner shell
 HOME="$run_home" XDG_CONFIG_HOME="$run_home/config" XDG_DATA_HOME="$run_home/data" \
     XDG_STATE_HOME="$run_home/state" QT_QPA_PLATFORM=offscreen dbus-run-session -- sh -c '
         hollowmere >"$HOME/app.log" 2>&1 &
@@ -68,8 +69,8 @@ DEBIAN_FRONTEND=noninteractive apt-get purge -y -q hollowmere >"$work/purge.log"
 left=$(find /usr/libexec/hollowmere /usr/share/hollowmere /var/log/hmwispd /run/hmwispd \
     /etc/hollowmere /usr/share/doc/hollowmere /usr/bin/hollowmere /usr/bin/hollowmerectl \
     /etc/systemd/system -name '*hollowmere*' -o -path '*hmwispd*' 2>/dev/null || true)
-left+=$(ls /var/lib/systemd/deb-systemd-helper-enabled /var/lib/systemd/deb-systemd-helper-masked 2>/dev/null |
-    grep hollowmere || true)
+left+=$(find /var/lib/systemd/deb-systemd-helper-enabled /var/lib/systemd/deb-systemd-helper-masked \
+    -name '*hollowmere*' 2>/dev/null || true)
 [ -z "$left" ] || fail "left behind: $left"
 if [ -z "$group_before" ] && getent group hollowmere >/dev/null; then
     fail "the group hollowmere is left behind"

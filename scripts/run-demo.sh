@@ -21,7 +21,7 @@ case "${1:-}" in
 *) sed -n '2,11p' "$0" >&2; exit 2 ;;
 esac
 if [ "$(id -u)" -ne 0 ]; then
-    exec sudo --preserve-env=DISPLAY,WAYLAND_DISPLAY,XAUTHORITY "$0" "$@"
+    exec sudo --preserve-env=DISPLAY,WAYLAND_DISPLAY,XAUTHORITY,XDG_RUNTIME_DIR "$0" "$@"
 fi
 
 say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
@@ -38,6 +38,7 @@ dir="/tmp/$name"
 user="demo@hollowmere.lab.test"
 password="demo-password"
 lab=(testing/lab/vpn-lab.sh)
+# shellcheck disable=SC2317 # run by the EXIT trap
 finish() {
     local status=$?
     trap - EXIT INT TERM
@@ -57,7 +58,7 @@ while IFS= read -r fact; do
     # shellcheck disable=SC2163 # the fact is NAME=VALUE
     case "$fact" in LAB_*=*) export "$fact" ;; esac
 done <<<"$facts"
-echo "$facts" | sed 's/^/  /'
+printf '  %s\n' "${facts//$'\n'/$'\n'  }"
 
 # The proof page: only the server's tunnel address serves it, and only to tunnel clients.
 ip netns exec "$LAB_SERVER_NAMESPACE" setsid python3 scripts/demo/tunnel-page.py 10.8.0.1 8000 \

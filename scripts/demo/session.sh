@@ -11,6 +11,11 @@ page="http://10.8.0.1:8000/"
 say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 
 home="$DEMO_DIR/home"
+# The desktop's Wayland socket is named relative to the desktop's runtime folder, which is
+# about to be replaced by the demo's own.
+if [ -n "${WAYLAND_DISPLAY:-}" ] && [ "${WAYLAND_DISPLAY#/}" = "$WAYLAND_DISPLAY" ]; then
+    export WAYLAND_DISPLAY="${XDG_RUNTIME_DIR:-/run/user/0}/$WAYLAND_DISPLAY"
+fi
 mkdir -p "$home/data" "$home/config/hollowmere" "$home/state" "$home/cache" "$home/runtime"
 chmod 700 "$home/runtime"
 export HOME="$home" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" \

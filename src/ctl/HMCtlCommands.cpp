@@ -1,6 +1,7 @@
 #include "HMCtlCommands.h"
 
 #include "HMCtlPassword.h"
+#include "HMVPNState.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -12,13 +13,18 @@
 
 namespace {
 
-// The tunnel's states as the interface numbers them.
-constexpr uint kDisconnected = 0;
-constexpr uint kConnected = 2;
-constexpr uint kConnecting = 3;
-constexpr uint kError = 4;
-constexpr uint kOutOfData = 5;
-constexpr uint kNoConnection = 6;
+// The tunnel's states as the interface numbers them: VPNState's values.
+constexpr uint stateNumber(VPNState value)
+{
+    return static_cast<uint>(value);
+}
+constexpr uint kDisconnected = stateNumber(VPNState::Disconnected);
+constexpr uint kDisconnecting = stateNumber(VPNState::Disconnecting);
+constexpr uint kConnected = stateNumber(VPNState::Connected);
+constexpr uint kConnecting = stateNumber(VPNState::Connecting);
+constexpr uint kError = stateNumber(VPNState::Error);
+constexpr uint kOutOfData = stateNumber(VPNState::OutOfData);
+constexpr uint kNoConnection = stateNumber(VPNState::NoConnection);
 
 QString bytes(qlonglong value)
 {
@@ -265,7 +271,7 @@ int HMCtlCommands::waitForState(const QList<uint> &targets, const QList<uint> &f
         }
         const uint state = p.value(QStringLiteral("State")).toUInt();
         const QString error = p.value(QStringLiteral("LastError")).toString();
-        if (state == kConnecting || state == 1) {
+        if (state == kConnecting || state == kDisconnecting) {
             sawProgress = true;
         }
         if (targets.contains(state)) {
