@@ -45,6 +45,13 @@ finish() {
     say "Taking everything down"
     "${lab[@]}" down --name "$name" --dir "$dir" >/dev/null 2>&1 || true
     rm -rf "$dir"
+    local left
+    left=$(ip netns list 2>/dev/null | grep "^$name-" || true)
+    left+=$(pgrep -f "$dir/" 2>/dev/null | tr '\n' ' ' || true)
+    if [ -n "$left" ]; then
+        echo "Left behind: $left" >&2
+        exit 1
+    fi
     echo "Done: no namespace, process or file of the demo is left."
     exit "$status"
 }
@@ -67,7 +74,7 @@ ip netns exec "$LAB_SERVER_NAMESPACE" setsid python3 scripts/demo/tunnel-page.py
 say "Starting the application on a private session bus"
 set +e
 DEMO_DIR="$dir" DEMO_USER="$user" DEMO_PASSWORD="$password" DEMO_CHECK="$check" \
-    DEMO_ROOT="$root" ip netns exec "$LAB_CLIENT_NAMESPACE" \
+    DEMO_ROOT="$root" DEMO_NAMESPACE="$LAB_CLIENT_NAMESPACE" ip netns exec "$LAB_CLIENT_NAMESPACE" \
     dbus-run-session -- bash scripts/demo/session.sh
 status=$?
 set -e

@@ -77,20 +77,34 @@ if [ "$DEMO_CHECK" = 1 ]; then
     exit 0
 fi
 
-ns=$(ip netns identify $$ 2>/dev/null || echo "the client namespace")
+# Commands for another terminal: the same namespace and session bus as the application.
+for tool in hollowmerectl curl; do
+    program=$tool
+    [ "$tool" = hollowmerectl ] && program="$DEMO_ROOT/$ctl"
+    cat >"$DEMO_DIR/$tool" <<SCRIPT
+#!/bin/sh
+exec ip netns exec $DEMO_NAMESPACE env DBUS_SESSION_BUS_ADDRESS='$DBUS_SESSION_BUS_ADDRESS' \\
+    HOME='$HOME' XDG_CONFIG_HOME='$XDG_CONFIG_HOME' XDG_DATA_HOME='$XDG_DATA_HOME' "$program" "\$@"
+SCRIPT
+    chmod 755 "$DEMO_DIR/$tool"
+done
+
 cat <<TEXT
 
-What to look at (commands run inside the lab:  ip netns exec $ns env DBUS_SESSION_BUS_ADDRESS='$DBUS_SESSION_BUS_ADDRESS' ...):
-  * The application: Hollowmere's window $where.
-  * The account: $DEMO_USER / $DEMO_PASSWORD on the reference service.
-  * $ctl watch              follows every change (try the switch in the app)
-  * $ctl disconnect --wait / connect --wait
-  * $ctl routing include; $ctl routing add include example.com
-                            selective routing (refused with a reason when the helper
-                            cannot run the DNS proxy here)
-  * curl $page              answers only through the tunnel
+What to look at (from another terminal, as root):
+  * The application: Hollowmere runs $where.
+  * The account: $DEMO_USER / $DEMO_PASSWORD on the lab's reference service.
+  * $DEMO_DIR/hollowmerectl watch          one line per change; then use the switch in the
+                                           app, or the commands below
+  * $DEMO_DIR/hollowmerectl disconnect --wait, then connect --wait
+  * $DEMO_DIR/hollowmerectl country GB      the tunnel moves to the new country
+  * $DEMO_DIR/hollowmerectl routing add include example.com
+    $DEMO_DIR/hollowmerectl routing include   selective routing (refused with the reason
+                                           where the helper cannot run its DNS proxy)
+  * $DEMO_DIR/curl $page
+                                           answers only through the tunnel
   * Files: settings $XDG_CONFIG_HOME, domain lists $XDG_DATA_HOME/Hollowmere,
-    logs $XDG_STATE_HOME/Hollowmere, helper logs $LAB_HELPER_LOGS
+    the application's log $XDG_STATE_HOME/Hollowmere, the helper's logs $LAB_HELPER_LOGS
 
 Press Ctrl-C to take everything down.
 TEXT

@@ -1,11 +1,22 @@
 #include "HMCtlPassword.h"
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
 
 namespace {
+
+termios g_saved{};
+
+// Ctrl-C at the prompt must not leave the terminal without echo.
+void restoreAndDie(int signal)
+{
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
 
 std::optional<QString> readLine()
 {
@@ -36,17 +47,22 @@ std::optional<QString> hm_ctl_read_password(QTextStream &prompt)
         return readLine();
     }
     prompt << "Password: " << Qt::flush;
-    termios saved{};
-    const bool canHide = ::tcgetattr(STDIN_FILENO, &saved) == 0;
+    const bool canHide = ::tcgetattr(STDIN_FILENO, &g_saved) == 0;
     if (canHide) {
-        termios hidden = saved;
+        std::signal(SIGINT, restoreAndDie);
+        std::signal(SIGTERM, restoreAndDie);
+        std::signal(SIGHUP, restoreAndDie);
+        termios hidden = g_saved;
         hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         hidden.c_lflag |= ECHONL;
         ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
     }
     std::optional<QString> password = readLine();
     if (canHide) {
-        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved);
+        std::signal(SIGINT, SIG_DFL);
+        std::signal(SIGTERM, SIG_DFL);
+        std::signal(SIGHUP, SIG_DFL);
     }
     return password;
 }
