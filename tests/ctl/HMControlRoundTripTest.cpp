@@ -4,6 +4,8 @@
 #include "HMRefService.h"
 #include "HMTestEnvironment.h"
 
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -286,6 +288,21 @@ private Q_SLOTS:
         const QString shown =
             now.isArray() ? now.toVariant().toStringList().join(QLatin1Char(',')) : now.toString();
         QCOMPARE(shown, value);
+    }
+
+    void wrongTypesAreRefusedByTheBus()
+    {
+        const QJsonObject before = status();
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            QStringLiteral("com.hollowmere.Hollowmere"),
+            QStringLiteral("/com/hollowmere/Hollowmere"),
+            QStringLiteral("com.hollowmere.Hollowmere"), QStringLiteral("SetCountry"));
+        call << 49;
+        const QDBusMessage reply = QDBusConnection::sessionBus().call(call);
+        QCOMPARE(reply.type(), QDBusMessage::ErrorMessage);
+        QVERIFY2(reply.errorMessage().contains(QLatin1String("SetCountry")),
+                 qPrintable(reply.errorMessage()));
+        QCOMPARE(status(), before);
     }
 
     void connectWaitIsWatchedAndRefusesASecondWait()
