@@ -8,11 +8,12 @@ set(CPACK_PACKAGE_NAME hollowmere)
 set(CPACK_PACKAGE_VENDOR Hollowmere)
 set(CPACK_PACKAGE_CONTACT "Hollowmere <support@hollowmere.com>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "VPN client for the Hollowmere service")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "VPN client for the Hollowmere service
- A tray application that signs you in to your Hollowmere account, lets you pick a country
- and switches an OpenVPN tunnel on and off, with selective routing by domain lists, a
- privacy filter and diagnostics. hollowmerectl drives it from the command line; the
- helper hmwispd, started by systemd, runs OpenVPN for members of the group hollowmere.")
+# CPack puts the summary first and indents these lines under it.
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "A tray application that signs you in to your Hollowmere account,
+lets you pick a country and switches an OpenVPN tunnel on and off, with
+selective routing by domain lists, a privacy filter and diagnostics.
+hollowmerectl drives it from the command line; the helper hmwispd, started
+by systemd, runs OpenVPN for members of the group hollowmere.")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
