@@ -99,7 +99,7 @@ bool HMControlInterface::registerOn(const QDBusConnection &bus, QString *why)
         *why = QStringLiteral("the name %1 is owned by another process").arg(kServiceName);
         return false;
     }
-    m_registered = true;
+    m_busName = connection.name();
     return true;
 }
 
@@ -229,14 +229,14 @@ void HMControlInterface::refresh()
         }
     }
     m_announced = now;
-    if (changed.isEmpty() || !m_registered) {
+    if (changed.isEmpty() || m_busName.isEmpty()) {
         return;
     }
     QDBusMessage signal =
         QDBusMessage::createSignal(kObjectPath, QStringLiteral("org.freedesktop.DBus.Properties"),
                                    QStringLiteral("PropertiesChanged"));
     signal << kInterfaceName << changed << QStringList();
-    QDBusConnection::sessionBus().send(signal);
+    QDBusConnection(m_busName).send(signal);
 }
 
 // ---- replies ----

@@ -135,5 +135,5 @@ private:
     PrivacySwitch m_privacySwitch;
     QString m_lastError;
     QVariantMap m_announced;
-    bool m_registered = false;
+    QString m_busName; // empty until registered
 };
