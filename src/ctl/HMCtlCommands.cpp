@@ -1,30 +1,13 @@
 #include "HMCtlCommands.h"
 
 #include "HMCtlPassword.h"
-#include "HMVPNState.h"
+#include "HMCtlText.h"
 
 #include <QCoreApplication>
-#include <QDateTime>
-#include <QElapsedTimer>
-#include <QEventLoop>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTimer>
 
 namespace {
-
-// The tunnel's states as the interface numbers them: VPNState's values.
-constexpr uint stateNumber(VPNState value)
-{
-    return static_cast<uint>(value);
-}
-constexpr uint kDisconnected = stateNumber(VPNState::Disconnected);
-constexpr uint kDisconnecting = stateNumber(VPNState::Disconnecting);
-constexpr uint kConnected = stateNumber(VPNState::Connected);
-constexpr uint kConnecting = stateNumber(VPNState::Connecting);
-constexpr uint kError = stateNumber(VPNState::Error);
-constexpr uint kOutOfData = stateNumber(VPNState::OutOfData);
-constexpr uint kNoConnection = stateNumber(VPNState::NoConnection);
 
 QString bytes(qlonglong value)
 {
@@ -38,18 +21,6 @@ QString bytes(qlonglong value)
     return unit == 0
                ? QStringLiteral("%1 bytes").arg(value)
                : QStringLiteral("%1 %2").arg(amount, 0, 'f', 1).arg(QLatin1String(units[unit]));
-}
-
-QString text(const QVariant &value)
-{
-    if (value.userType() == QMetaType::QStringList) {
-        return value.toStringList().join(QStringLiteral(", "));
-    }
-    if (value.userType() == QMetaType::QVariantMap) {
-        return QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantMap(value.toMap()))
-                                     .toJson(QJsonDocument::Compact));
-    }
-    return value.toString();
 }
 
 } // namespace
@@ -245,77 +216,6 @@ int HMCtlCommands::status(bool json)
     return HMCtlBus::Ok;
 }
 
-int HMCtlCommands::switchTunnel(bool on, bool wait, int timeoutSeconds)
-{
-    if (const auto failure =
-            m_bus.call(on ? QStringLiteral("Connect") : QStringLiteral("Disconnect"))) {
-        return fail(*failure);
-    }
-    if (!wait) {
-        return HMCtlBus::Ok;
-    }
-    return on ? waitForState({kConnected}, {kError, kOutOfData, kNoConnection}, timeoutSeconds)
-              : waitForState({kDisconnected, kOutOfData, kNoConnection, kError}, {},
-                             timeoutSeconds);
-}
-
-int HMCtlCommands::waitForState(const QList<uint> &targets, const QList<uint> &failures,
-                                int timeoutSeconds)
-{
-    QEventLoop loop;
-    int result = -1;
-    bool sawProgress = false;
-    const auto judge = [&](const QVariantMap &p) {
-        if (result >= 0) {
-            return;
-        }
-        const uint state = p.value(QStringLiteral("State")).toUInt();
-        const QString error = p.value(QStringLiteral("LastError")).toString();
-        if (state == kConnecting || state == kDisconnecting) {
-            sawProgress = true;
-        }
-        if (targets.contains(state)) {
-            result = HMCtlBus::Ok;
-        } else if (!error.isEmpty() || failures.contains(state) ||
-                   (sawProgress && state == kDisconnected && !targets.contains(state))) {
-            m_err << "hollowmerectl: "
-                  << (error.isEmpty() ? p.value(QStringLiteral("StateText")).toString() : error)
-                  << Qt::endl;
-            result = HMCtlBus::Refused;
-        }
-        if (result >= 0) {
-            loop.quit();
-        }
-    };
-    // Signals carry only what changed; the full picture is read again on each one, and once
-    // a second in case a signal was missed.
-    QVariantMap p;
-    const auto poll = [&]() {
-        if (const auto failure = m_bus.properties(&p)) {
-            result = fail(*failure);
-            loop.quit();
-            return;
-        }
-        judge(p);
-    };
-    m_bus.watch([&](const QVariantMap &) { poll(); });
-    QTimer ticker;
-    QObject::connect(&ticker, &QTimer::timeout, &loop, poll);
-    ticker.start(1000);
-    QTimer::singleShot(timeoutSeconds * 1000, &loop, [&] {
-        if (result < 0) {
-            m_err << "hollowmerectl: gave up waiting after " << timeoutSeconds << " s" << Qt::endl;
-            result = HMCtlBus::TimedOut;
-        }
-        loop.quit();
-    });
-    poll();
-    if (result < 0) {
-        loop.exec();
-    }
-    return result;
-}
-
 int HMCtlCommands::login(const QString &user)
 {
     // Asked before the password, so nobody types one for nothing.
@@ -414,7 +314,7 @@ int HMCtlCommands::privacy(const QStringList &words)
                          QStringLiteral("The running Hollowmere reports no privacy filters")});
         }
         for (auto it = privacy.constBegin(); it != privacy.constEnd(); ++it) {
-            m_out << it.key() << ": " << text(it.value()) << "\n";
+            m_out << it.key() << ": " << hm_ctl_text(it.value()) << "\n";
         }
         m_out << Qt::flush;
         return HMCtlBus::Ok;
@@ -427,37 +327,4 @@ int HMCtlCommands::privacy(const QStringList &words)
     const auto failure =
         m_bus.call(QStringLiteral("SetPrivacy"), {filter, onOff == QLatin1String("on")}, 60000);
     return failure ? fail(*failure) : HMCtlBus::Ok;
-}
-
-int HMCtlCommands::watch(bool json)
-{
-    const bool subscribed = m_bus.watch([this, json](const QVariantMap &changed) {
-        if (json) {
-            m_out << QJsonDocument(QJsonObject::fromVariantMap(changed))
-                         .toJson(QJsonDocument::Compact)
-                  << Qt::endl;
-            return;
-        }
-        const QString time = QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss"));
-        for (auto it = changed.constBegin(); it != changed.constEnd(); ++it) {
-            // The number of a state says nothing to a person: its text comes in the same signal.
-            if (it.key() != QLatin1String("State")) {
-                m_out << time << " " << it.key() << ": " << text(it.value()) << Qt::endl;
-            }
-        }
-    });
-    if (!subscribed) {
-        return fail(
-            {HMCtlBus::NotRunning, QStringLiteral("Could not follow Hollowmere's changes")});
-    }
-    // Ends when the application leaves the bus or on Ctrl-C (the default action).
-    QTimer alive;
-    QObject::connect(&alive, &QTimer::timeout, [this] {
-        if (m_bus.reach()) {
-            m_err << "hollowmerectl: Hollowmere has quit" << Qt::endl;
-            QCoreApplication::exit(HMCtlBus::NotRunning);
-        }
-    });
-    alive.start(2000);
-    return QCoreApplication::exec();
 }

@@ -309,8 +309,15 @@ private Q_SLOTS:
     {
         QProcess watch;
         watch.start(buildPath(QStringLiteral("src/ctl/hollowmerectl")), {QStringLiteral("watch")});
-        QVERIFY(watch.waitForStarted());
+        // watch starts with the current state: from then on it misses nothing.
+        QByteArray seen;
+        QTRY_VERIFY((seen += watch.readAllStandardOutput()).contains("StateText: Disconnected"));
 
+        // The token refresh answers late, so the switch-on stays in Connecting long enough
+        // for a second request to meet it.
+        m_service.addFault({{QStringLiteral("path"), QStringLiteral("/core/register")},
+                            {QStringLiteral("delayMs"), 3000},
+                            {QStringLiteral("times"), 1}});
         QProcess first;
         first.start(buildPath(QStringLiteral("src/ctl/hollowmerectl")),
                     {QStringLiteral("connect"), QStringLiteral("--wait")});
@@ -325,7 +332,6 @@ private Q_SLOTS:
                  QStringLiteral("Connected"));
         QCOMPARE(connected.value(QStringLiteral("ConnectedAddress")).toString(),
                  lab("LAB_SERVER_IP"));
-        QByteArray seen;
         QTRY_VERIFY((seen += watch.readAllStandardOutput()).contains("StateText: Connected\n"));
         QVERIFY(seen.indexOf("StateText: Connecting") < seen.indexOf("StateText: Connected\n"));
         QVERIFY(seen.contains("StateText: Connecting"));
@@ -339,6 +345,7 @@ private Q_SLOTS:
 
     void connectWaitReportsTheFailure()
     {
+        QCOMPARE(ctl({QStringLiteral("disconnect"), QStringLiteral("--wait")}).exit, 0);
         // The service refuses every sign-in from now on: the token refresh fails, and the
         // attempt ends (after its retries) with the service's message.
         m_service.addFault({{QStringLiteral("path"), QStringLiteral("/core/register")},
