@@ -23,6 +23,8 @@ packages=(
   dnsmasq-base ldnsutils tcpdump
   # diagnostics benchmark reference and reading received archives
   zip unzip
+  # the demo's proof page and its request; the package and its checks
+  python3 curl dpkg-dev fakeroot lintian desktop-file-utils appstream man-db
   # sanitizer runtime
   libclang-rt-14-dev
 )

@@ -5,6 +5,7 @@
 #include "HMBundleInfo.h"
 #include "HMClock.h"
 #include "HMClosestServerManager.h"
+#include "HMControlInterface.h"
 #include "HMDaemonInstaller.h"
 #include "HMDaemonManager.h"
 #include "HMImageView.h"
@@ -130,6 +131,7 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     initializeUI();
     startKVO();
     checkSelectiveRouting();
+    HMControlInterface::registerOnSessionBus();
     return true;
 }
 
@@ -284,6 +286,9 @@ void HMAppDelegate::checkSelectiveRouting()
             [self](const QVariantMap &, const HMMaybeError &portError) {
                 if (self) {
                     self->m_c.routing->setSupported(!portError);
+                    if (HMControlInterface *control = HMControlInterface::shared()) {
+                        control->refresh();
+                    }
                 }
             });
     });

@@ -79,6 +79,17 @@ HMDaemonManager::Paths HMDaemonManager::Paths::production()
         QStringLiteral("/etc/systemd/system"), QStringLiteral("/run/systemd/system"),
         QStringLiteral("/usr/local/lib/systemd/system"), QStringLiteral("/lib/systemd/system"),
         QStringLiteral("/usr/lib/systemd/system")};
+    // A helper of one's own (the demo's lab, a development machine) listens elsewhere and
+    // runs OpenVPN in its own resource folder. Nothing is trusted by this: the helper still
+    // checks the caller and refuses any resource folder but its own.
+    const QString socket = qEnvironmentVariable("HOLLOWMERE_HELPER_SOCKET");
+    const QString resources = qEnvironmentVariable("HOLLOWMERE_HELPER_RESOURCES");
+    if (!socket.isEmpty()) {
+        paths.socketPath = socket;
+    }
+    if (!resources.isEmpty()) {
+        paths.resourceDirectory = resources;
+    }
     return paths;
 }
 
