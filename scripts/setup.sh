@@ -24,7 +24,7 @@ packages=(
   # diagnostics benchmark reference and reading received archives
   zip unzip
   # the demo's proof page and its request; the package and its checks
-  python3 curl dpkg-dev fakeroot lintian desktop-file-utils appstream man-db
+  python3 curl dpkg-dev fakeroot lintian desktop-file-utils appstream man-db librsvg2-bin
   # sanitizer runtime
   libclang-rt-14-dev
 )
