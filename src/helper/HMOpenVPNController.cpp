@@ -68,6 +68,30 @@ HMOpenVPNController::HMOpenVPNController(const HMHelperConfig &config, HMHelperL
     : m_config(config), m_log(log), m_process(config.openVPNPath, config.openVPNPidPath())
 {}
 
+bool HMOpenVPNController::isListening(pid_t pid, quint16 port)
+{
+    const QSet<QByteArray> inodes = socketInodes(pid);
+    if (inodes.isEmpty()) {
+        return false;
+    }
+    QFile table(QStringLiteral("/proc/net/tcp"));
+    if (!table.open(QIODevice::ReadOnly)) {
+        return false;
+    }
+    // 127.0.0.1 as the kernel prints it (host byte order), the port in hex; 0A is LISTEN.
+    const QByteArray local = QByteArrayLiteral("0100007F:") +
+                             QByteArray::number(port, 16).toUpper().rightJustified(4, '0');
+    const QList<QByteArray> lines = table.readAll().split('\n');
+    for (const QByteArray &line : lines) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        if (fields.size() > 9 && fields.at(1) == local && fields.at(3) == "0A" &&
+            inodes.contains(fields.at(9))) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool HMOpenVPNController::isListening(pid_t pid, const QString &path)
 {
     const QSet<QByteArray> inodes = socketInodes(pid);

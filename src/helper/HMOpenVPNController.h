@@ -36,6 +36,8 @@ public:
 
     // True when pid owns a Unix socket listening on path.
     static bool isListening(pid_t pid, const QString &path);
+    // A listener of that process on 127.0.0.1:port over TCP (the DNS proxy's port).
+    static bool isListening(pid_t pid, quint16 port);
 
 private:
     // The owner's management socket path and user name, with the directory ready.
