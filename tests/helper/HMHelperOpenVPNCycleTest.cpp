@@ -168,6 +168,28 @@ private:
     Lab m_lab;
     HMHelperInstance m_helper;
 
+    // Starts OpenVPN through the helper and plays the application's part on the management
+    // interface until the tunnel is up.
+    void bringUp(const QCborMap &request, int *pid)
+    {
+        const QCborMap reply = m_helper.call(request);
+        QVERIFY2(reply.value("status").toString() == "ok",
+                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
+        *pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
+        QVERIFY(*pid > 1);
+        Management management;
+        QVERIFY(management.connect(m_lab.facts.value("LAB_CLIENT_NAMESPACE")));
+        QVERIFY2(management.waitFor(">HOLD:", 10000), qPrintable(management.transcript.join('\n')));
+        QVERIFY(management.send("state on"));
+        QVERIFY(management.send("hold release"));
+        QVERIFY2(management.waitFor(">PASSWORD:Need 'Auth' username/password", 30000),
+                 qPrintable(management.transcript.join('\n')));
+        QVERIFY(management.send("username \"Auth\" " + m_lab.facts.value("LAB_USER").toUtf8()));
+        QVERIFY(management.send("password \"Auth\" " + m_lab.facts.value("LAB_PASSWORD").toUtf8()));
+        QVERIFY2(management.waitFor(",CONNECTED,SUCCESS,", 30000),
+                 qPrintable(management.transcript.join('\n')));
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
@@ -214,27 +236,11 @@ private Q_SLOTS:
         const QString port = m_lab.facts.value(protocol == "udp" ? "LAB_UDP_PORT" : "LAB_TCP_PORT");
         const QStringList remotes = {"--remote", m_lab.facts.value("LAB_HOST"), port, protocol};
 
-        QCborMap reply = m_helper.call(
-            m_helper.startVPNRequest(m_helper.applicationArguments(selectiveRouting, remotes)));
-        QVERIFY2(reply.value("status").toString() == "ok",
-                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
-        const int pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
-        QVERIFY(pid > 1);
-
-        {
-            Management management;
-            QVERIFY(management.connect(ns));
-            QVERIFY2(management.waitFor(">HOLD:", 10000),
-                     qPrintable(management.transcript.join('\n')));
-            QVERIFY(management.send("state on"));
-            QVERIFY(management.send("hold release"));
-            QVERIFY2(management.waitFor(">PASSWORD:Need 'Auth' username/password", 30000),
-                     qPrintable(management.transcript.join('\n')));
-            QVERIFY(management.send("username \"Auth\" " + m_lab.facts.value("LAB_USER").toUtf8()));
-            QVERIFY(
-                management.send("password \"Auth\" " + m_lab.facts.value("LAB_PASSWORD").toUtf8()));
-            QVERIFY2(management.waitFor(",CONNECTED,SUCCESS,", 30000),
-                     qPrintable(management.transcript.join('\n')));
+        int pid = 0;
+        bringUp(m_helper.startVPNRequest(m_helper.applicationArguments(selectiveRouting, remotes)),
+                &pid);
+        if (QTest::currentTestFailed()) {
+            return;
         }
         QVERIFY(linkExists(ns, "tun0"));
         const QString tunnelResolvConf = readFile(resolvConf);
@@ -246,7 +252,7 @@ private Q_SLOTS:
         // The up script keeps what it replaced in the helper's run directory.
         QVERIFY(QFile::exists(m_helper.runDir() + "/resolv.conf.tun0"));
 
-        reply = m_helper.call(HMHelperInstance::request("getLogs"));
+        QCborMap reply = m_helper.call(HMHelperInstance::request("getLogs"));
         QCOMPARE(reply.value("status").toString(), QString("ok"));
         const QString vpnLog = reply.value("vpnLog").toString();
         QVERIFY2(vpnLog.contains("Initialization Sequence Completed"), qPrintable(vpnLog));
@@ -264,6 +270,36 @@ private Q_SLOTS:
         QVERIFY(!linkExists(ns, "tun0"));
         QCOMPARE(readFile(resolvConf), originalResolvConf);
         QVERIFY(readFile(m_helper.logDir() + "/vpn.log").contains("restored after tun0"));
+    }
+
+    // An operator's own file with its keys inline: the checked copy, keys re-emitted as bare
+    // armour, is what the real OpenVPN connects with.
+    void operatorFileWithInlineKeysConnects()
+    {
+        const QString client = m_lab.facts.value("LAB_CLIENT_FILES");
+        const auto inlined = [&](const QByteArray &tag, const QString &file) -> QByteArray {
+            return "<" + tag + ">\n# " + file.toUtf8() + "\n" +
+                   HMTestEnvironment::readFile(client + "/" + file) + "</" + tag + ">\n";
+        };
+        const QString config = m_helper.path("operator.conf");
+        QVERIFY(HMTestEnvironment::writeFile(
+            config, "client\r\ndev tun\nnobind\ncomp-lzo\nns-cert-type server\n"
+                    "auth-user-pass\n'verb' \"3\" ; comment\n" +
+                        inlined("ca", "ca.crt") + inlined("cert", "key.crt") +
+                        inlined("key", "key.key")));
+        QStringList arguments =
+            m_helper.applicationArguments(false, {"--remote", m_lab.facts.value("LAB_HOST"),
+                                                  m_lab.facts.value("LAB_UDP_PORT"), "udp"});
+        arguments = arguments.mid(0, 7) + QStringList{"--config", config} +
+                    arguments.mid(arguments.size() - 4);
+        int pid = 0;
+        bringUp(m_helper.startVPNRequest(arguments), &pid);
+        const QString copy = readFile(m_helper.runDir() + "/openvpn-client.conf");
+        QVERIFY(!copy.contains("# ca.crt") && copy.contains("<key>\n-----BEGIN "));
+        QVERIFY(linkExists(m_lab.facts.value("LAB_CLIENT_NAMESPACE"), "tun0"));
+        const QCborMap reply = m_helper.call(HMHelperInstance::request("stopVPN"));
+        QCOMPARE(reply.value("status").toString(), QString("ok"));
+        QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
     }
 };
 
