@@ -89,7 +89,7 @@ std::optional<QList<QByteArray>> HMOpenVPNConfigReader::tokenize(const QByteArra
             token += out;
         }
         if (tokens.size() >= kMaxTokens) {
-            // OpenVPN silently drops what follows the fifteenth token.
+            // OpenVPN silently drops what follows the sixteenth token.
             return tokens;
         }
     }

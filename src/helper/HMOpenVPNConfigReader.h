@@ -1,7 +1,7 @@
 // OpenVPN 2.6's own reading of a configuration file, byte for byte, so that the helper judges
 // exactly what a root OpenVPN will act on (HMConfigFileSanitizer). OpenVPN takes a file in
 // pieces of at most 255 bytes (a longer line in the main file is fatal, a longer line inside
-// an inline block silently becomes several), splits a piece into at most 15 tokens with its
+// an inline block silently becomes several), splits a piece into at most 16 tokens with its
 // own quote and backslash rules, opens an inline block on a line that is one token "<tag>"
 // (quoted or with "--" too), and closes it on the first piece that, after leading blanks,
 // starts with "</tag>", ignoring the rest of that piece. reread() replays all of it on a
@@ -20,7 +20,7 @@ public:
     static constexpr int kPieceBytes = 255;
     // Longest line (without its newline) that OpenVPN reads in one piece.
     static constexpr int kMaxLineBytes = kPieceBytes - 1;
-    static constexpr int kMaxTokens = 15;
+    static constexpr int kMaxTokens = 16;
 
     struct Directive
     {

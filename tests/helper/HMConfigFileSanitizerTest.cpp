@@ -292,6 +292,45 @@ private Q_SLOTS:
         }
     }
 
+    // Lines where a tokeniser could easily differ from OpenVPN's, read by both.
+    void tokensAreOpenVPNs_data()
+    {
+        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<int>("tokens"); // -1: refused
+        QTest::addColumn<QString>("openVPNSays");
+        const QByteArray fifteen = "remote a b c d e f g h i j k l m n";
+        QTest::newRow("open quote as 16th token")
+            << fifteen + " \"" << -1 << "No closing quotation";
+        QTest::newRow("open quote after 16 tokens")
+            << fifteen + " o \"" << 16 << "Unrecognized option or missing or extra parameter";
+        QTest::newRow("backslash before a letter")
+            << QByteArray("verb \\3") << -1 << "Bad backslash";
+        QTest::newRow("comment mark after a backslash")
+            << QByteArray("verb 3 \\#x") << 2 << "You must define TUN/TAP device";
+    }
+
+    void tokensAreOpenVPNs()
+    {
+        QFETCH(QByteArray, line);
+        QFETCH(int, tokens);
+        QFETCH(QString, openVPNSays);
+        const QString openVPN = HMTestEnvironment::findProgram(QStringLiteral("openvpn"));
+        if (openVPN.isEmpty()) {
+            QSKIP("needs OpenVPN");
+        }
+        QString error;
+        const auto read = HMOpenVPNConfigReader::tokenize(line, &error);
+        QCOMPARE(read ? int(read->size()) : -1, tokens);
+        const QString config = m_dir.filePath("tokens.conf");
+        QVERIFY(HMTestEnvironment::writeFile(config, line + "\n"));
+        QProcess process;
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(openVPN, {"--config", config});
+        QVERIFY(process.waitForFinished(20000));
+        const QString output = QString::fromLocal8Bit(process.readAll());
+        QVERIFY2(output.contains(openVPNSays), qPrintable(output));
+    }
+
     void copyIsPrivate()
     {
         QString error;

@@ -225,6 +225,43 @@ private:
     Lab m_lab;
     HMHelperInstance m_helper;
 
+    // Starts OpenVPN through the helper and plays the application's part on the management
+    // interface until the tunnel is up.
+    // Starts a tunnel through the helper and takes it to Connected over its management
+    // socket. With probeForeign, other users try the socket first while OpenVPN waits in
+    // management hold: in the helper's group or not, they cannot reach it; with the
+    // directory opened up OpenVPN itself hangs up on them. Either way the interface stays
+    // free for its owner.
+    void bringUp(const QCborMap &request, int *pid, bool probeForeign = false)
+    {
+        const QCborMap reply = m_helper.call(request);
+        QVERIFY2(reply.value("status").toString() == "ok",
+                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
+        *pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
+        QVERIFY(*pid > 1);
+        const QString socket = m_helper.managementSocket(::getuid());
+        if (probeForeign) {
+            const gid_t group = ::getgrnam("users")->gr_gid;
+            QCOMPARE(foreignAttempt(socket, kNobody, kNobody), QString("refused"));
+            QCOMPARE(foreignAttempt(socket, kNobody, group), QString("refused"));
+            const QByteArray dir = QFile::encodeName(QFileInfo(socket).path());
+            QCOMPARE(::chmod(dir.constData(), 0711), 0);
+            QCOMPARE(foreignAttempt(socket, kNobody, group), QString("closed"));
+            QCOMPARE(::chmod(dir.constData(), 0700), 0);
+        }
+        Management management;
+        QVERIFY(management.connect(socket));
+        QVERIFY2(management.waitFor(">HOLD:", 10000), qPrintable(management.transcript.join('\n')));
+        QVERIFY(management.send("state on"));
+        QVERIFY(management.send("hold release"));
+        QVERIFY2(management.waitFor(">PASSWORD:Need 'Auth' username/password", 30000),
+                 qPrintable(management.transcript.join('\n')));
+        QVERIFY(management.send("username \"Auth\" " + m_lab.facts.value("LAB_USER").toUtf8()));
+        QVERIFY(management.send("password \"Auth\" " + m_lab.facts.value("LAB_PASSWORD").toUtf8()));
+        QVERIFY2(management.waitFor(",CONNECTED,SUCCESS,", 30000),
+                 qPrintable(management.transcript.join('\n')));
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
@@ -272,40 +309,11 @@ private Q_SLOTS:
         const QString port = m_lab.facts.value(protocol == "udp" ? "LAB_UDP_PORT" : "LAB_TCP_PORT");
         const QStringList remotes = {"--remote", m_lab.facts.value("LAB_HOST"), port, protocol};
 
-        QCborMap reply = m_helper.call(
-            m_helper.startVPNRequest(m_helper.applicationArguments(selectiveRouting, remotes)));
-        QVERIFY2(reply.value("status").toString() == "ok",
-                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
-        const int pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
-        QVERIFY(pid > 1);
-        const QString socket = m_helper.managementSocket(::getuid());
-        if (selectiveRouting) {
-            // While OpenVPN waits in management hold: another user, in the helper's group or
-            // not, cannot reach the socket; with the directory opened up OpenVPN itself hangs
-            // up on them. Either way the interface stays free for its owner.
-            const gid_t group = ::getgrnam("users")->gr_gid;
-            QCOMPARE(foreignAttempt(socket, kNobody, kNobody), QString("refused"));
-            QCOMPARE(foreignAttempt(socket, kNobody, group), QString("refused"));
-            const QByteArray dir = QFile::encodeName(QFileInfo(socket).path());
-            QCOMPARE(::chmod(dir.constData(), 0711), 0);
-            QCOMPARE(foreignAttempt(socket, kNobody, group), QString("closed"));
-            QCOMPARE(::chmod(dir.constData(), 0700), 0);
-        }
-
-        {
-            Management management;
-            QVERIFY(management.connect(socket));
-            QVERIFY2(management.waitFor(">HOLD:", 10000),
-                     qPrintable(management.transcript.join('\n')));
-            QVERIFY(management.send("state on"));
-            QVERIFY(management.send("hold release"));
-            QVERIFY2(management.waitFor(">PASSWORD:Need 'Auth' username/password", 30000),
-                     qPrintable(management.transcript.join('\n')));
-            QVERIFY(management.send("username \"Auth\" " + m_lab.facts.value("LAB_USER").toUtf8()));
-            QVERIFY(
-                management.send("password \"Auth\" " + m_lab.facts.value("LAB_PASSWORD").toUtf8()));
-            QVERIFY2(management.waitFor(",CONNECTED,SUCCESS,", 30000),
-                     qPrintable(management.transcript.join('\n')));
+        int pid = 0;
+        bringUp(m_helper.startVPNRequest(m_helper.applicationArguments(selectiveRouting, remotes)),
+                &pid, selectiveRouting);
+        if (QTest::currentTestFailed()) {
+            return;
         }
         QVERIFY(linkExists(ns, "tun0"));
         const QString tunnelResolvConf = readFile(resolvConf);
@@ -317,7 +325,7 @@ private Q_SLOTS:
         // The up script keeps what it replaced in the helper's run directory.
         QVERIFY(QFile::exists(m_helper.runDir() + "/resolv.conf.tun0"));
 
-        reply = m_helper.call(HMHelperInstance::request("getLogs"));
+        QCborMap reply = m_helper.call(HMHelperInstance::request("getLogs"));
         QCOMPARE(reply.value("status").toString(), QString("ok"));
         const QString vpnLog = reply.value("vpnLog").toString();
         QVERIFY2(vpnLog.contains("Initialization Sequence Completed"), qPrintable(vpnLog));
@@ -335,6 +343,36 @@ private Q_SLOTS:
         QVERIFY(!linkExists(ns, "tun0"));
         QCOMPARE(readFile(resolvConf), originalResolvConf);
         QVERIFY(readFile(m_helper.logDir() + "/vpn.log").contains("restored after tun0"));
+    }
+
+    // An operator's own file with its keys inline: the checked copy, keys re-emitted as bare
+    // armour, is what the real OpenVPN connects with.
+    void operatorFileWithInlineKeysConnects()
+    {
+        const QString client = m_lab.facts.value("LAB_CLIENT_FILES");
+        const auto inlined = [&](const QByteArray &tag, const QString &file) -> QByteArray {
+            return "<" + tag + ">\n# " + file.toUtf8() + "\n" +
+                   HMTestEnvironment::readFile(client + "/" + file) + "</" + tag + ">\n";
+        };
+        const QString config = m_helper.path("operator.conf");
+        QVERIFY(HMTestEnvironment::writeFile(
+            config, "client\r\ndev tun\nnobind\ncomp-lzo\nns-cert-type server\n"
+                    "auth-user-pass\n'verb' \"3\" ; comment\n" +
+                        inlined("ca", "ca.crt") + inlined("cert", "key.crt") +
+                        inlined("key", "key.key")));
+        QStringList arguments =
+            m_helper.applicationArguments(false, {"--remote", m_lab.facts.value("LAB_HOST"),
+                                                  m_lab.facts.value("LAB_UDP_PORT"), "udp"});
+        arguments = arguments.mid(0, 7) + QStringList{"--config", config} +
+                    arguments.mid(arguments.size() - 4);
+        int pid = 0;
+        bringUp(m_helper.startVPNRequest(arguments), &pid);
+        const QString copy = readFile(m_helper.runDir() + "/openvpn-client.conf");
+        QVERIFY(!copy.contains("# ca.crt") && copy.contains("<key>\n-----BEGIN "));
+        QVERIFY(linkExists(m_lab.facts.value("LAB_CLIENT_NAMESPACE"), "tun0"));
+        const QCborMap reply = m_helper.call(HMHelperInstance::request("stopVPN"));
+        QCOMPARE(reply.value("status").toString(), QString("ok"));
+        QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
     }
 };
 
