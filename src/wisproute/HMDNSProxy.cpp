@@ -176,7 +176,11 @@ void HMDNSProxy::acceptTcp()
 
 void HMDNSProxy::readTcp(uint64_t number)
 {
-    TcpClient &client = m_tcpClients[number];
+    const auto found = m_tcpClients.find(number);
+    if (found == m_tcpClients.end()) {
+        return; // closed earlier in this round
+    }
+    TcpClient &client = found->second;
     uint8_t chunk[4096];
     const ssize_t size = ::recv(client.fd, chunk, sizeof(chunk), 0);
     if (size <= 0) {

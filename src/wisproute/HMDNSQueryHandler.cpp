@@ -103,7 +103,7 @@ size_t dropAAAA(ldns_pkt *packet, ldns_pkt_section section)
         }
     }
     if (dropped == 0) {
-        ldns_rr_list_free(kept);
+        ldns_rr_list_deep_free(kept); // the clones too
         return 0;
     }
     ldns_rr_list_deep_free(records);

@@ -114,7 +114,6 @@ private Q_SLOTS:
         QCOMPARE(exitCode, 0);
         QCOMPARE(output, expected);
     }
-
 };
 
 QTEST_GUILESS_MAIN(HMDNSScriptsTest)

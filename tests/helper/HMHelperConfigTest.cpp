@@ -59,7 +59,8 @@ private Q_SLOTS:
                                                     "group = vpnusers\n"
                                                     "client-timeout-ms = 750\n"
                                                     "start-timeout-ms = 30000\n"
-                                                    "stop-timeout-ms = 1500\n");
+                                                    "stop-timeout-ms = 1500\n"
+                                                    "tunnel-dns = 10.8.0.1,10.8.0.2\n");
         QString error;
         const auto config = HMHelperConfig::load(path, &error);
         QVERIFY2(config, qPrintable(error));
@@ -71,6 +72,7 @@ private Q_SLOTS:
         QCOMPARE(config->clientTimeoutMs, 750);
         QCOMPARE(config->startTimeoutMs, 30000);
         QCOMPARE(config->stopTimeoutMs, 1500);
+        QCOMPARE(config->tunnelResolvers, QString("10.8.0.1,10.8.0.2"));
 
         const auto partial =
             HMHelperConfig::load(write("etc/partial.conf", "logs = /srv/log\n"), &error);
@@ -108,6 +110,9 @@ private Q_SLOTS:
         QTest::newRow("time-out out of range")
             << "etc/o.conf" << QByteArray("client-timeout-ms = 5\n") << 0644 << 0
             << "from 100 to 600000";
+        QTest::newRow("tunnel resolver by name")
+            << "etc/t.conf" << QByteArray("tunnel-dns = 8.8.8.8,dns.example\n") << 0644 << 0
+            << "one to four IPv4 addresses";
         QTest::newRow("group name") << "etc/g.conf" << QByteArray("group = ../x\n") << 0644 << 0
                                     << "not a valid group name";
     }

@@ -262,6 +262,10 @@ private Q_SLOTS:
                                     QStringLiteral("edge.cdn.test. 30 IN AAAA 2001:db8::9")});
         const auto done = handler.complete(*question, reply.data(), reply.size());
         QCOMPARE(recordTypes(done.reply), kept);
+        // An answer with nothing to take out goes on byte for byte.
+        const Bytes plain = answer(owner.constData(), LDNS_RR_TYPE_A,
+                                   {name + QStringLiteral(". 30 IN A 203.0.113.9")});
+        QCOMPARE(handler.complete(*question, plain.data(), plain.size()).reply, plain);
         if (via < 0) {
             QVERIFY(table.routes.empty());
         } else {

@@ -2,7 +2,6 @@
 
 #include "HMWisprouteManager.h"
 
-
 HMDomainListEditor::HMDomainListEditor(HMWisprouteManager &manager,
                                        std::function<bool()> isConnected)
     : m_manager(manager), m_isConnected(std::move(isConnected))

@@ -599,8 +599,10 @@ private Q_SLOTS:
         QCOMPARE(routeDevice(original), QString("lab0"));
         QCOMPARE(routeDevice(tunnel), QString("tun0"));
 
+        const int exclusionPid = proxyPid();
         editor.chooseTag(HMDomainListEditor::TagOff);
-        QTRY_COMPARE_WITH_TIMEOUT(resolve("off.listed.lab.test", "A"), QStringList{tunnel}, 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(proxyPid() > 0 && proxyPid() != exclusionPid, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(resolve("off.listed.lab.test", "A"), QStringList{tunnel}, 5000);
         QCOMPARE(routeDevice(original), QString("tun0"));
 
         capture.terminate();
