@@ -179,6 +179,13 @@ private Q_SLOTS:
         world.accounts.routing->setWisprouteMode(2);
         world.rig.vpn->setState(VPNState::Connected);
         QCOMPARE(display.logoName(), QStringLiteral("scr_on_logo_wisproute"));
+        // The pulse runs only while on screen.
+        const auto *indicator = display.findChild<HMIndicatorView *>("indicatorImage");
+        QVERIFY(indicator->isAnimating());
+        display.hide();
+        QVERIFY(!indicator->isAnimating());
+        display.show();
+        QVERIFY(indicator->isAnimating());
         const auto *bar = display.findChild<HMDataBar *>("progressBarView");
         QCOMPARE(bar->foregroundColor(), bar->backgroundColor()); // one colour, on purpose
 
