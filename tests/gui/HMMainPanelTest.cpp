@@ -174,13 +174,28 @@ private Q_SLOTS:
     void routingOffWhileConnectedAndSwitchOffReturnToPlainLooks()
     {
         HMScreenWorld world;
-        HMDisplayViewController display(world.context());
+        HMScreenContext context = world.context();
+        int routingPaneOpened = 0;
+        context.showPreferencesWisproute = [&] { ++routingPaneOpened; };
+        HMDisplayViewController display(context);
         display.show();
+        auto *status = display.findChild<QLabel *>("statusLabel");
         world.accounts.routing->setWisprouteMode(2);
+        QTest::mouseClick(status, Qt::LeftButton); // routing on, but not connected
+        QCOMPARE(routingPaneOpened, 0);
         world.rig.vpn->setState(VPNState::Connected);
         QCOMPARE(display.logoName(), QStringLiteral("scr_on_logo_wisproute"));
+        // The pulse runs only while on screen.
+        const auto *indicator = display.findChild<HMIndicatorView *>("indicatorImage");
+        QVERIFY(indicator->isAnimating());
+        display.hide();
+        QVERIFY(!indicator->isAnimating());
+        display.show();
+        QVERIFY(indicator->isAnimating());
         const auto *bar = display.findChild<HMDataBar *>("progressBarView");
         QCOMPARE(bar->foregroundColor(), bar->backgroundColor()); // one colour, on purpose
+        QTest::mouseClick(status, Qt::LeftButton);
+        QCOMPARE(routingPaneOpened, 1);
 
         world.accounts.routing->setWisprouteMode(0);
         QCOMPARE(display.logoName(), QStringLiteral("scr_on_logo"));

@@ -82,7 +82,6 @@ public:
         frame.adjustSize();
         QApplication::processEvents();
         const QImage image = frame.grab().toImage();
-        screen->setParent(nullptr);
         QSet<QRgb> colours;
         for (int y = 0; y < image.height() && colours.size() < kMinimumColours; y += 3) {
             for (int x = 0; x < image.width(); x += 3) {

@@ -46,7 +46,14 @@ HMCreateAccountViewController::HMCreateAccountViewController(HMScreenPresenter &
     updatePasswordCoaching();
 }
 
-HMCreateAccountViewController::~HMCreateAccountViewController() = default;
+HMCreateAccountViewController::~HMCreateAccountViewController()
+{
+    // A focused field loses its focus while the form is torn down; by then this object is
+    // no longer a create-account form and must not hear about it.
+    for (Rules::Field which : kFields) {
+        QObject::disconnect(field(which), nullptr, this, nullptr);
+    }
+}
 
 HMTextField *HMCreateAccountViewController::field(Rules::Field which) const
 {

@@ -40,40 +40,62 @@ void HMIndicatorView::setImageName(const QString &name)
 
 void HMIndicatorView::startSpinner()
 {
-    if (!isSpinning()) {
-        m_spinner->start();
-    }
+    m_wantSpinner = true;
+    runWantedAnimations();
 }
 
 void HMIndicatorView::stopSpinner()
 {
+    m_wantSpinner = false;
     m_spinner->stop();
     m_angle = 0.0;
     update();
 }
 
-bool HMIndicatorView::isSpinning() const
-{
-    return m_spinner->state() == QAbstractAnimation::Running;
-}
-
 void HMIndicatorView::startPulse()
 {
-    if (!isPulsing()) {
-        m_pulse->start();
-    }
+    m_wantPulse = true;
+    runWantedAnimations();
 }
 
 void HMIndicatorView::stopPulse()
 {
+    m_wantPulse = false;
     m_pulse->stop();
     m_opacity = 1.0;
     update();
 }
 
-bool HMIndicatorView::isPulsing() const
+void HMIndicatorView::runWantedAnimations()
 {
-    return m_pulse->state() == QAbstractAnimation::Running;
+    if (!isVisible()) {
+        return;
+    }
+    if (m_wantSpinner && m_spinner->state() != QAbstractAnimation::Running) {
+        m_spinner->start();
+    }
+    if (m_wantPulse && m_pulse->state() != QAbstractAnimation::Running) {
+        m_pulse->start();
+    }
+}
+
+bool HMIndicatorView::isAnimating() const
+{
+    return m_spinner->state() == QAbstractAnimation::Running ||
+           m_pulse->state() == QAbstractAnimation::Running;
+}
+
+void HMIndicatorView::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    runWantedAnimations();
+}
+
+void HMIndicatorView::hideEvent(QHideEvent *event)
+{
+    QWidget::hideEvent(event);
+    m_spinner->stop();
+    m_pulse->stop();
 }
 
 void HMIndicatorView::paintEvent(QPaintEvent *)
