@@ -37,11 +37,16 @@ printf 'hollowmere-demo' | gnome-keyring-daemon --foreground --unlock --componen
     >"$home/keyring.log" 2>&1 &
 pids+=($!)
 
+# The application trusts the system's certificate store only; the lab's service authority
+# is added to a copy that only the application sees.
+trusted=(testing/lab/with-trusted-ca.sh "${LAB_SERVICE_CA:-$(dirname "$LAB_SERVICE_DEPLOYMENT")/ca.crt}"
+    "$home/certs" --)
 if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
-    build/src/gui/hollowmere >"$home/app.log" 2>&1 &
+    "${trusted[@]}" build/src/gui/hollowmere >"$home/app.log" 2>&1 &
     where="on your desktop"
 else
-    xvfb-run -a -s "-screen 0 1280x800x24" build/src/gui/hollowmere >"$home/app.log" 2>&1 &
+    xvfb-run -a -s "-screen 0 1280x800x24" "${trusted[@]}" build/src/gui/hollowmere \
+        >"$home/app.log" 2>&1 &
     where="on a virtual display (no desktop session here)"
 fi
 pids+=($!)

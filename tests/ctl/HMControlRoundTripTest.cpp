@@ -8,6 +8,7 @@
 #include <QDBusMessage>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -124,7 +125,14 @@ private Q_SLOTS:
                            lab("LAB_HELPER_RESOURCES"));
         m_app.setProcessEnvironment(environment);
         m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_app.start(buildPath(QStringLiteral("src/gui/hollowmere")), {});
+        // The application trusts the system's store only: the lab's service authority is
+        // added to a copy of it that only the application sees.
+        const QString ca = lab("LAB_SERVICE_CA").isEmpty()
+                               ? QFileInfo(lab("LAB_SERVICE_DEPLOYMENT")).path() + "/ca.crt"
+                               : lab("LAB_SERVICE_CA");
+        m_app.start(HMTestEnvironment::sourceDir() + "/testing/lab/with-trusted-ca.sh",
+                    {ca, qEnvironmentVariable("HOME") + "/certs", QStringLiteral("--"),
+                     buildPath(QStringLiteral("src/gui/hollowmere"))});
         QVERIFY(m_app.waitForStarted());
         QTRY_VERIFY_WITH_TIMEOUT(ctl({QStringLiteral("status")}).exit == 0, 20000);
     }
