@@ -1,54 +1,95 @@
 #include "HMScreenFactory.h"
 
-#include <QLabel>
+#include "HMAPIClient.h"
+#include "HMAccountManager.h"
+#include "HMAccountViewController.h"
+#include "HMDiagnosticsViewController.h"
+#include "HMGeneralViewController.h"
+#include "HMLaunchViewController.h"
+#include "HMLogFileManager.h"
+#include "HMLoginViewController.h"
+#include "HMMainViewController.h"
+#include "HMScreenContext.h"
+#include "HMVPNManager.h"
+#include "HMVerifyEmailViewController.h"
+#include "HMWisprouteManager.h"
+#include "HMWisprouteViewController.h"
 
-// Placeholders until the screens land: each says plainly that it is missing.
+#include <optional>
+
 namespace {
-QWidget *notInThisBuild()
+std::optional<HMScreenContext> &storedContext()
 {
-    auto *label = new QLabel(QStringLiteral("This screen is not part of this build yet."));
-    label->setAlignment(Qt::AlignCenter);
-    label->setWordWrap(true);
-    label->setAccessibleName(label->text());
-    return label;
+    static std::optional<HMScreenContext> context;
+    return context;
+}
+
+HMScreenContext context()
+{
+    if (!storedContext()) {
+        storedContext() = HMScreenContext::shared();
+    }
+    return *storedContext();
 }
 } // namespace
 
 namespace HMScreenFactory {
-QWidget *createLaunchScreen(HMScreenPresenter &)
+
+void setContext(const HMScreenContext &context)
 {
-    return notInThisBuild();
+    storedContext() = context;
 }
-QWidget *createLoginScreen(HMScreenPresenter &)
+
+QWidget *createLaunchScreen(HMScreenPresenter &presenter)
 {
-    return notInThisBuild();
+    return new HMLaunchViewController(presenter, context());
 }
-QWidget *createVerifyEmailScreen(HMScreenPresenter &)
+
+QWidget *createLoginScreen(HMScreenPresenter &presenter)
 {
-    return notInThisBuild();
+    return new HMLoginViewController(presenter, context());
 }
-QWidget *createDiagnosticsScreen(HMScreenPresenter &)
+
+QWidget *createVerifyEmailScreen(HMScreenPresenter &presenter)
 {
-    return notInThisBuild();
+    return new HMVerifyEmailViewController(presenter, context());
 }
+
+QWidget *createDiagnosticsScreen(HMScreenPresenter &presenter)
+{
+    return new HMDiagnosticsViewController(presenter, HMLogFileManager::instance(),
+                                           *context().api);
+}
+
 QWidget *createMainPanel()
 {
-    return notInThisBuild();
+    return new HMMainViewController(context());
 }
+
 QWidget *createGeneralPane()
 {
-    return notInThisBuild();
+    return new HMGeneralViewController(context());
 }
+
 QWidget *createWisproutePane()
 {
-    return notInThisBuild();
+    const HMScreenContext screens = context();
+    HMWisprouteViewController::Context pane;
+    pane.isConnected = [vpn = screens.vpn] { return vpn->isConnected(); };
+    pane.isFullVersion = [account = screens.account] { return account->isFullVersion(); };
+    pane.openInfo = [api = screens.api] { api->openWisprouteInfo(); };
+    pane.openUnsupportedInfo = [api = screens.api] { api->openWisprouteUnsupportedInfo(); };
+    return new HMWisprouteViewController(*screens.routing, pane);
 }
+
 QWidget *createPrivacyPane()
 {
-    return notInThisBuild();
+    return nullptr;
 }
+
 QWidget *createAccountPane()
 {
-    return notInThisBuild();
+    return new HMAccountViewController(context());
 }
+
 } // namespace HMScreenFactory

@@ -7,8 +7,14 @@
 
 class QWidget;
 class HMScreenPresenter;
+struct HMScreenContext;
 
 namespace HMScreenFactory {
+
+// The managers and window commands every screen is made with. The application controller
+// sets them once, before its first window; until then the process-wide managers serve and
+// screens hide the controls for window commands they were not given.
+void setContext(const HMScreenContext &context);
 
 // Utility window screens; each is handed the presenter that hosts it.
 QWidget *createLaunchScreen(HMScreenPresenter &presenter);
