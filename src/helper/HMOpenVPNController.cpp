@@ -17,6 +17,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
@@ -60,6 +61,35 @@ QSet<QByteArray> socketInodes(pid_t pid)
     }
     ::closedir(dir);
     return inodes;
+}
+
+// Sets the directory's access list to owner rwx, `uid` pass-through only, nobody else: the
+// kernel's extended-attribute form, so no library is needed for five entries.
+bool allowPassage(const QByteArray &dir, uid_t uid)
+{
+    struct Entry
+    {
+        quint16 tag;
+        quint16 permissions;
+        quint32 id;
+    };
+    constexpr quint32 kNoId = 0xffffffffu;
+    // Sorted by tag as the kernel requires: user owner, named user, group owner, mask, other.
+    const Entry entries[] = {{0x01, 7, kNoId},
+                             {0x02, 1, static_cast<quint32>(uid)},
+                             {0x04, 0, kNoId},
+                             {0x10, 1, kNoId},
+                             {0x20, 0, kNoId}};
+    QByteArray value;
+    const quint32 version = 2;
+    value.append(reinterpret_cast<const char *>(&version), sizeof(version));
+    for (const Entry &entry : entries) {
+        value.append(reinterpret_cast<const char *>(&entry.tag), sizeof(entry.tag));
+        value.append(reinterpret_cast<const char *>(&entry.permissions), sizeof(entry.permissions));
+        value.append(reinterpret_cast<const char *>(&entry.id), sizeof(entry.id));
+    }
+    return ::setxattr(dir.constData(), "system.posix_acl_access", value.constData(),
+                      static_cast<size_t>(value.size()), 0) == 0;
 }
 
 } // namespace
@@ -145,30 +175,29 @@ HMOpenVPNController::prepareManagement(uid_t owner, QString *error) const
                      .arg(m_config.managementDir);
         return std::nullopt;
     }
-    // Only root can make entries here, so the user's directory was made by an earlier start;
-    // it is made again when anything about it is off, and what its user left inside goes.
+    // The user's directory stays root's (OpenVPN, root without the power to override file
+    // modes, must create the socket in it) and is opened to that user alone by an access
+    // list entry allowing to pass through. Anything else found under its name goes.
     const QString userDir = m_config.managementDir + QLatin1Char('/') + QString::number(owner);
     const QByteArray dir = QFile::encodeName(userDir);
     if (::lstat(dir.constData(), &info) == 0 &&
-        (!S_ISDIR(info.st_mode) || info.st_uid != owner || (info.st_mode & 07777) != 0700)) {
+        (!S_ISDIR(info.st_mode) || info.st_uid != 0 || (info.st_mode & 0007) != 0)) {
         if (S_ISDIR(info.st_mode)) {
             QDir(userDir).removeRecursively();
         } else {
             ::unlink(dir.constData());
         }
     }
-    if (::mkdir(dir.constData(), 0700) == 0) {
-        if (::lchown(dir.constData(), owner, found->pw_gid) != 0) {
-            *error = QStringLiteral("cannot give %1 to user %2: %3")
-                         .arg(userDir)
-                         .arg(owner)
-                         .arg(QString::fromLocal8Bit(::strerror(errno)));
-            ::rmdir(dir.constData());
-            return std::nullopt;
-        }
-    } else if (errno != EEXIST) {
+    if (::mkdir(dir.constData(), 0700) != 0 && errno != EEXIST) {
         *error = QStringLiteral("cannot make %1: %2")
                      .arg(userDir, QString::fromLocal8Bit(::strerror(errno)));
+        return std::nullopt;
+    }
+    if (owner != 0 && !allowPassage(dir, owner)) {
+        *error = QStringLiteral("cannot open %1 to user %2: %3")
+                     .arg(userDir)
+                     .arg(owner)
+                     .arg(QString::fromLocal8Bit(::strerror(errno)));
         return std::nullopt;
     }
     const QString socketPath =

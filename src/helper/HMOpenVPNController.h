@@ -6,9 +6,9 @@
 // count as OpenVPN having started. OpenVPN stays the helper's child, so an early exit is
 // seen at once and reported with the last line of its log.
 //
-// The management socket lies in <management>/<uid>/, a 0700 directory owned by that user
-// below a root-owned one, so no other local user can even reach it; OpenVPN's own
-// "--management-client-user" check stands behind that.
+// The management socket lies in <management>/<uid>/, a root-owned 0700 directory that an
+// access list opens to that user alone (pass-through only), so no other local user can
+// even reach it; OpenVPN's own "--management-client-user" check stands behind that.
 #pragma once
 
 #include "HMHelperConfig.h"

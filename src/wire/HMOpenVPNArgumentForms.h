@@ -23,7 +23,7 @@ enum class Body
 QString vpnLogPath();
 
 // OpenVPN's management interface is not the TCP port the head names: the helper gives each
-// user a directory of their own below this one (mode 0700, owned by them) and has OpenVPN
+// user a directory of their own below this one (reachable by that user alone) and has OpenVPN
 // listen on a Unix socket in it, open to that user alone.
 QString managementDirectory();
 // The socket a user's OpenVPN listens on, below the given management directory.

@@ -18,6 +18,7 @@ QString HMMemoryKeychain::passwordForService(const QString &service, const QStri
 bool HMMemoryKeychain::setPassword(const QString &password, const QString &service,
                                    const QString &account, HMMaybeError *error)
 {
+    ++m_writes;
     if (failed(error)) {
         return false;
     }

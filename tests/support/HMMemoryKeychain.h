@@ -24,6 +24,7 @@ public:
         return m_items.contains({service, account});
     }
     int readCount() const { return m_reads; }
+    int writeCount() const { return m_writes; }
 
 private:
     // Whether the switched-on failure applies, passing it on.
@@ -32,4 +33,5 @@ private:
     QHash<QPair<QString, QString>, QString> m_items;
     HMMaybeError m_failure;
     int m_reads = 0;
+    int m_writes = 0;
 };

@@ -459,6 +459,7 @@ QString HMAccountManager::password()
         });
     }
     m_cachedPassword = found;
+    m_cachedPasswordUser = username();
     return found;
 }
 
@@ -477,6 +478,7 @@ void HMAccountManager::keychainDidChange()
     willChange(Key::password);
     willChange(Key::loggedIn);
     m_cachedPassword = found;
+    m_cachedPasswordUser = username();
     didChange(Key::loggedIn);
     didChange(Key::password);
     Q_EMIT accountRestoredFromKeychain();
@@ -487,15 +489,20 @@ void HMAccountManager::setPassword(const QString &newPassword)
     willChange(Key::password);
     willChange(Key::loggedIn);
     HMMaybeError error;
+    // Every token renewal signs in again with the same password: rewriting the unchanged
+    // item would only cost a Secret Service round trip on each switch-on.
+    const bool unchanged = !newPassword.isNull() && m_cachedPassword == newPassword &&
+                           m_cachedPasswordUser == username();
     if (newPassword.isNull()) {
         m_keychain.deletePassword(app_bundle_identifier(), username(), &error);
-    } else {
+    } else if (!unchanged) {
         m_keychain.setPassword(newPassword, app_bundle_identifier(), username(), &error);
     }
     if (error) {
         HMLogError(QStringLiteral("Keychain write failed: %1").arg(error->description()));
     }
     m_cachedPassword = newPassword;
+    m_cachedPasswordUser = username();
     didChange(Key::loggedIn);
     didChange(Key::password);
 }

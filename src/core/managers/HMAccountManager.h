@@ -233,6 +233,7 @@ private:
     HMNotificationCenter &m_center;
 
     std::optional<QString> m_cachedPassword;
+    QString m_cachedPasswordUser; // whose password m_cachedPassword is
     bool m_awaitingUnlock = false;
     QString m_paymentStatus;
     QVariant m_closestServers;

@@ -117,90 +117,58 @@ bool HMNetlinkReachabilitySource::lookupRouteAvoiding(int excluded, Route *route
 {
     QByteArray request = header(RTM_GETROUTE, ++m_sequence);
     reinterpret_cast<nlmsghdr *>(request.data())->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    rtmsg query{};
-    query.rtm_family = AF_INET;
-    append(request, query);
+    rtmsg dump{};
+    dump.rtm_family = AF_INET;
+    append(request, dump);
     finish(request);
-    if (send(m_querySocket, request.constData(), static_cast<size_t>(request.size()), 0) < 0) {
-        HMLogError(QStringLiteral("Reachability: route dump failed (%1)").arg(errnoText(errno)));
-        return false;
-    }
     in_addr probe{};
     inet_pton(AF_INET, kProbeAddress, &probe);
     const quint32 target = ntohl(probe.s_addr);
     int bestLength = -1;
     quint32 bestPriority = 0;
-    QByteArray buffer(32768, Qt::Uninitialized);
-    for (;;) {
-        const ssize_t got =
-            recv(m_querySocket, buffer.data(), static_cast<size_t>(buffer.size()), 0);
-        if (got < 0 && errno == EINTR) {
-            continue;
+    const bool answered = query(request, [&](quint16 type, const QByteArray &payload) {
+        if (type == NLMSG_DONE || type == NLMSG_ERROR) {
+            return true;
         }
-        if (got <= 0) {
-            HMLogError(QStringLiteral("Reachability: no answer to the route dump (%1)")
-                           .arg(errnoText(errno)));
+        if (type != RTM_NEWROUTE || payload.size() < static_cast<qsizetype>(sizeof(rtmsg))) {
             return false;
         }
-        const QByteArray bytes = buffer.left(got);
-        qsizetype offset = 0;
-        while (offset + static_cast<qsizetype>(sizeof(nlmsghdr)) <= bytes.size()) {
-            const nlmsghdr nh = readAt<nlmsghdr>(bytes, offset);
-            if (nh.nlmsg_len < sizeof(nlmsghdr) || offset + nh.nlmsg_len > bytes.size()) {
-                break;
-            }
-            const qsizetype next = offset + static_cast<qsizetype>(NLMSG_ALIGN(nh.nlmsg_len));
-            if (nh.nlmsg_seq != m_sequence) {
-                offset = next;
-                continue;
-            }
-            if (nh.nlmsg_type == NLMSG_DONE || nh.nlmsg_type == NLMSG_ERROR) {
-                return bestLength >= 0;
-            }
-            const QByteArray payload =
-                bytes.mid(offset + static_cast<qsizetype>(NLMSG_HDRLEN),
-                          nh.nlmsg_len - static_cast<qsizetype>(NLMSG_HDRLEN));
-            offset = next;
-            if (nh.nlmsg_type != RTM_NEWROUTE ||
-                payload.size() < static_cast<qsizetype>(sizeof(rtmsg))) {
-                continue;
-            }
-            const rtmsg header = readAt<rtmsg>(payload, 0);
-            quint32 table = header.rtm_table;
-            quint32 destination = 0;
-            quint32 priority = 0;
-            Route candidate;
-            candidate.type = header.rtm_type;
-            forEachAttribute(payload, static_cast<qsizetype>(NLMSG_ALIGN(sizeof(rtmsg))),
-                             [&](unsigned short type, const QByteArray &value) {
-                                 if (value.size() < 4) {
-                                     return;
-                                 }
-                                 if (type == RTA_TABLE) {
-                                     table = readAt<quint32>(value, 0);
-                                 } else if (type == RTA_DST) {
-                                     destination = ntohl(readAt<quint32>(value, 0));
-                                 } else if (type == RTA_OIF) {
-                                     candidate.ifindex = readAt<int>(value, 0);
-                                 } else if (type == RTA_GATEWAY) {
-                                     candidate.hasGateway = true;
-                                 } else if (type == RTA_PRIORITY) {
-                                     priority = readAt<quint32>(value, 0);
-                                 }
-                             });
-            const int length = header.rtm_dst_len;
-            const quint32 mask = length == 0 ? 0 : ~quint32(0) << (32 - length);
-            const bool better =
-                length > bestLength || (length == bestLength && priority < bestPriority);
-            if (table == RT_TABLE_MAIN && header.rtm_type == RTN_UNICAST && candidate.ifindex > 0 &&
-                candidate.ifindex != excluded && (target & mask) == (destination & mask) &&
-                better) {
-                *route = candidate;
-                bestLength = length;
-                bestPriority = priority;
-            }
+        const rtmsg entry = readAt<rtmsg>(payload, 0);
+        quint32 table = entry.rtm_table;
+        quint32 destination = 0;
+        quint32 priority = 0;
+        Route candidate;
+        candidate.type = entry.rtm_type;
+        forEachAttribute(payload, static_cast<qsizetype>(NLMSG_ALIGN(sizeof(rtmsg))),
+                         [&](unsigned short attribute, const QByteArray &value) {
+                             if (value.size() < 4) {
+                                 return;
+                             }
+                             if (attribute == RTA_TABLE) {
+                                 table = readAt<quint32>(value, 0);
+                             } else if (attribute == RTA_DST) {
+                                 destination = ntohl(readAt<quint32>(value, 0));
+                             } else if (attribute == RTA_OIF) {
+                                 candidate.ifindex = readAt<int>(value, 0);
+                             } else if (attribute == RTA_GATEWAY) {
+                                 candidate.hasGateway = true;
+                             } else if (attribute == RTA_PRIORITY) {
+                                 priority = readAt<quint32>(value, 0);
+                             }
+                         });
+        const int length = entry.rtm_dst_len;
+        const quint32 mask = length == 0 ? 0 : ~quint32(0) << (32 - length);
+        const bool better =
+            length > bestLength || (length == bestLength && priority < bestPriority);
+        if (table == RT_TABLE_MAIN && entry.rtm_type == RTN_UNICAST && candidate.ifindex > 0 &&
+            candidate.ifindex != excluded && (target & mask) == (destination & mask) && better) {
+            *route = candidate;
+            bestLength = length;
+            bestPriority = priority;
         }
-    }
+        return false;
+    });
+    return answered && bestLength >= 0;
 }
 
 HMNetlinkReachabilitySource::HMNetlinkReachabilitySource(QObject *parent)
@@ -264,10 +232,8 @@ void HMNetlinkReachabilitySource::onEventsReadable()
     Q_EMIT flagsReported(currentFlags());
 }
 
-bool HMNetlinkReachabilitySource::exchange(const QByteArray &request, quint16 expectedType,
-                                           QByteArray *answer, int *errorCode)
+bool HMNetlinkReachabilitySource::query(const QByteArray &request, const Visit &visit)
 {
-    *errorCode = 0;
     const quint32 sequence = readAt<nlmsghdr>(request, 0).nlmsg_seq;
     if (send(m_querySocket, request.constData(), static_cast<size_t>(request.size()), 0) < 0) {
         HMLogError(QStringLiteral("Reachability: route query failed (%1)").arg(errnoText(errno)));
@@ -277,10 +243,10 @@ bool HMNetlinkReachabilitySource::exchange(const QByteArray &request, quint16 ex
     for (;;) {
         const ssize_t got =
             recv(m_querySocket, buffer.data(), static_cast<size_t>(buffer.size()), 0);
-        if (got < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
             HMLogError(QStringLiteral("Reachability: no answer to the route query (%1)")
                            .arg(errnoText(errno)));
             return false;
@@ -292,32 +258,44 @@ bool HMNetlinkReachabilitySource::exchange(const QByteArray &request, quint16 ex
             if (nh.nlmsg_len < sizeof(nlmsghdr) || offset + nh.nlmsg_len > bytes.size()) {
                 break;
             }
-            if (nh.nlmsg_seq == sequence) {
-                const QByteArray payload =
-                    bytes.mid(offset + static_cast<qsizetype>(NLMSG_HDRLEN),
-                              nh.nlmsg_len - static_cast<qsizetype>(NLMSG_HDRLEN));
-                if (nh.nlmsg_type == NLMSG_ERROR &&
-                    payload.size() >= static_cast<qsizetype>(sizeof(int))) {
-                    *errorCode = readAt<int>(payload, 0);
-                    return false;
-                }
-                if (nh.nlmsg_type == expectedType) {
-                    *answer = payload;
-                    return true;
-                }
+            if (nh.nlmsg_seq == sequence &&
+                visit(nh.nlmsg_type,
+                      bytes.mid(offset + static_cast<qsizetype>(NLMSG_HDRLEN),
+                                nh.nlmsg_len - static_cast<qsizetype>(NLMSG_HDRLEN)))) {
+                return true;
             }
             offset += static_cast<qsizetype>(NLMSG_ALIGN(nh.nlmsg_len));
         }
     }
 }
 
+bool HMNetlinkReachabilitySource::exchange(const QByteArray &request, quint16 expectedType,
+                                           QByteArray *answer, int *errorCode)
+{
+    *errorCode = 0;
+    bool found = false;
+    const bool answered = query(request, [&](quint16 type, const QByteArray &payload) {
+        if (type == NLMSG_ERROR && payload.size() >= static_cast<qsizetype>(sizeof(int))) {
+            *errorCode = readAt<int>(payload, 0);
+            return true;
+        }
+        if (type == expectedType) {
+            *answer = payload;
+            found = true;
+            return true;
+        }
+        return false;
+    });
+    return answered && found;
+}
+
 bool HMNetlinkReachabilitySource::lookupRoute(Route *route)
 {
     QByteArray request = header(RTM_GETROUTE, ++m_sequence);
-    rtmsg query{};
-    query.rtm_family = AF_INET;
-    query.rtm_dst_len = 32;
-    append(request, query);
+    rtmsg lookup{};
+    lookup.rtm_family = AF_INET;
+    lookup.rtm_dst_len = 32;
+    append(request, lookup);
     in_addr destination{};
     inet_pton(AF_INET, kProbeAddress, &destination);
     rtattr attribute{};
@@ -353,10 +331,10 @@ bool HMNetlinkReachabilitySource::lookupRoute(Route *route)
 bool HMNetlinkReachabilitySource::linkFlags(int ifindex, unsigned *flags)
 {
     QByteArray request = header(RTM_GETLINK, ++m_sequence);
-    ifinfomsg query{};
-    query.ifi_family = AF_UNSPEC;
-    query.ifi_index = ifindex;
-    append(request, query);
+    ifinfomsg link{};
+    link.ifi_family = AF_UNSPEC;
+    link.ifi_index = ifindex;
+    append(request, link);
     finish(request);
 
     QByteArray answer;

@@ -20,6 +20,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <functional>
 
 class QSocketNotifier;
 
@@ -38,6 +39,10 @@ private:
     struct Route;
 
     void onEventsReadable();
+    // Sends request and hands each answer message of its sequence to the visitor until it
+    // returns true; false with a logged reason when the kernel does not answer.
+    using Visit = std::function<bool(quint16 type, const QByteArray &payload)>;
+    bool query(const QByteArray &request, const Visit &visit);
     // One request/answer exchange on the query socket; false with a logged reason on
     // failure, and `errorCode` set to the kernel's negative errno when it refused.
     bool exchange(const QByteArray &request, quint16 expectedType, QByteArray *answer,

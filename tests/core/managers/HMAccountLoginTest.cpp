@@ -256,6 +256,7 @@ private Q_SLOTS:
     {
         QVERIFY(!signIn("ann@example.test", "secret", true));
         QCOMPARE(m_account->vpnToken(), QStringLiteral("token-1"));
+        const int keychainWrites = m_keychain->writeCount();
         m_bed.service.updateAccount(
             {{"username", "ann@example.test"}, {"vpnToken", "token-2"}, {"dataAllowed", 10}});
         QVERIFY(!await([this](auto done) { m_account->loginGetToken(false, done); }));
@@ -264,6 +265,8 @@ private Q_SLOTS:
         QCOMPARE(lastRegisterParam("getToken"), QStringLiteral("0"));
         QVERIFY(!await([this](auto done) { m_account->loginGetToken(true, done); }));
         QCOMPARE(m_account->vpnToken(), QStringLiteral("token-2"));
+        // Renewals keep the password: the keychain item is not rewritten.
+        QCOMPARE(m_keychain->writeCount(), keychainWrites);
     }
 
     void closestIsAppendedOnlyWhenEnabled_data()

@@ -530,6 +530,19 @@ private Q_SLOTS:
         QCOMPARE(m_vpn->state(), VPNState::Disconnected);
     }
 
+    void everyTokenRefusedEndsInError()
+    {
+        HMLogCapture log;
+        // The sign-in hands out a token the OpenVPN server's check never accepts.
+        setAccountField("replyOverrides", QJsonObject{{"vpnToken", "never-accepted"}});
+        m_vpn->connect();
+        QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Error, 3 * kConnectTimeoutMs);
+        setAccountField("replyOverrides", QJsonObject());
+        QVERIFY(log.contains(QStringLiteral("refused 3 freshly renewed tokens")));
+        QTRY_VERIFY_WITH_TIMEOUT(openVPNProcesses().isEmpty(), 10000);
+        QCOMPARE(m_states.count(VPNState::Error), 1);
+    }
+
     void linkLossDisconnectsAndReturnReconnects()
     {
         QVERIFY(connectAndWait());
