@@ -42,6 +42,26 @@ QString prefKeyFor(const QString &key)
     return QStringLiteral("privacy") + key.left(1).toUpper() + key.mid(1);
 }
 
+// The service refuses with a reply {"status": "error", "message": ...}; that is a failure
+// too, or a refused sync would clear every switch.
+HMMaybeError failureOf(const QVariantMap &reply, const HMMaybeError &error)
+{
+    if (error || reply.value(QStringLiteral("status")).toString() != QLatin1String("error")) {
+        return error;
+    }
+    const QString message =
+        reply.value(QStringLiteral("message"), reply.value(QStringLiteral("details"))).toString();
+    return HMError::errorWithDescription(
+        message.isEmpty() ? QStringLiteral("The service refused the request") : message);
+}
+
+void logFailure(const QVariantMap &reply, const HMMaybeError &error)
+{
+    if (const HMMaybeError failure = failureOf(reply, error)) {
+        HMLogError(QStringLiteral("error: %1").arg(failure->description()));
+    }
+}
+
 QVariantMap categoryNode(const QString &name, const QString &image = QString())
 {
     QVariantMap node{{kName, name}, {kChildren, QVariantList()}};
@@ -187,25 +207,15 @@ void HMPrivacyManager::setLinkedinEnabled(bool enabled)
 void HMPrivacyManager::setFilterEnabled(const QString &filter, bool enabled)
 {
     HMAccountManager &account = *m_collaborators.account;
-    m_collaborators.api->setPrivacyFilter(
-        filter, enabled, account.username(), account.password(),
-        [](const QVariantMap &, const HMMaybeError &error) {
-            if (error) {
-                HMLogError(QStringLiteral("error: %1").arg(error->description()));
-            }
-        });
+    m_collaborators.api->setPrivacyFilter(filter, enabled, account.username(), account.password(),
+                                          logFailure);
 }
 
 void HMPrivacyManager::setAllFiltersEnabled(bool enabled)
 {
     HMAccountManager &account = *m_collaborators.account;
-    m_collaborators.api->setAllPrivacyFiltersEnabled(
-        enabled, account.username(), account.password(),
-        [](const QVariantMap &, const HMMaybeError &error) {
-            if (error) {
-                HMLogError(QStringLiteral("error: %1").arg(error->description()));
-            }
-        });
+    m_collaborators.api->setAllPrivacyFiltersEnabled(enabled, account.username(),
+                                                     account.password(), logFailure);
 }
 
 void HMPrivacyManager::syncFilterSettings()
@@ -215,8 +225,8 @@ void HMPrivacyManager::syncFilterSettings()
     m_collaborators.api->getPrivacyFilterStateWithUsername(
         account.username(), account.password(),
         [self](const QVariantMap &reply, const HMMaybeError &error) {
-            if (error) {
-                HMLogError(error->description());
+            if (const HMMaybeError failure = failureOf(reply, error)) {
+                HMLogError(failure->description());
                 return;
             }
             if (!self) {
