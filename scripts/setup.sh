@@ -11,6 +11,7 @@ packages=(
   libssl-dev libcpp-httplib-dev
   # run
   openvpn iproute2 dbus dbus-x11 systemd procps psmisc
+  libqt6svg6  # SVG icons (image and icon-engine plugins)
   # test-only: real Secret Service, notification daemon, certificates, display
   gnome-keyring libsecret-tools dunst openssl xvfb xauth
   # sanitizer runtime

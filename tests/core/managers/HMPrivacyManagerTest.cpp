@@ -1,14 +1,10 @@
 // The privacy manager's rules: block handling as a table of event sequences, the switches
 // and their service calls, synchronising with the service, the reaction to the tunnel and
 // the stream's lifecycle, all against the reference service on the loopback address.
-#include "HMPrivacyManager.h"
 #include "EventSource.h"
-#include "HMAPIClient.h"
-#include "HMAccountWorld.h"
 #include "HMKeyChangeLog.h"
 #include "HMLogCapture.h"
-#include "HMManualClock.h"
-#include "HMRefService.h"
+#include "HMPrivacyWorld.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -17,9 +13,6 @@
 #include <memory>
 
 namespace {
-
-const QString kUser = QStringLiteral("ann@example.test");
-const QString kPassword = QStringLiteral("p&ss word");
 
 // "analytics*:a=2,b=1 | ads*: | shop:x=1" ('*' marks a node with an image).
 QString render(const QVariantList &content)
@@ -60,66 +53,27 @@ class HMPrivacyManagerTest : public QObject
 
 private:
     HMRefService m_service;
-    HMManualClock m_clock;
-    std::unique_ptr<HMAccountWorld> m_world;
-    std::unique_ptr<HMAPIClient> m_api;
-    std::unique_ptr<HMPrivacyManager> m_privacy;
-    bool m_connected = false;
+    std::unique_ptr<HMPrivacyWorld> m_w;
 
-    int requests(const QString &path) { return m_service.requestsTo(path).size(); }
     QJsonObject lastRequest(const QString &path)
     {
         const QJsonArray all = m_service.requestsTo(path);
         return all.isEmpty() ? QJsonObject() : all.last().toObject();
-    }
-    int openStreams() { return m_service.call("GET", "/test/state").value("streams").toInt(); }
-    void push(const QJsonObject &block)
-    {
-        m_service.call("POST", "/test/blocks",
-                       {{"username", kUser}, {"events", QJsonArray{block}}});
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
         QString error;
-        QVERIFY2(m_service.start(
-                     QJsonObject{{"listeners",
-                                  QJsonArray{QJsonObject{
-                                      {"name", "api"}, {"address", "127.0.0.1"}, {"port", 0}}}}},
-                     &error),
-                 qPrintable(error));
+        QVERIFY2(HMPrivacyWorld::startService(m_service, &error), qPrintable(error));
     }
 
-    void init()
-    {
-        m_service.putAccount({{"username", kUser}, {"password", kPassword}});
-        m_world = std::make_unique<HMAccountWorld>();
-        m_world->account->setUsername(kUser);
-        m_world->account->setPassword(kPassword);
-        m_api = std::make_unique<HMAPIClient>(
-            HMDeploymentValues::builtIn(), [] { return true; }, m_clock, m_world->center);
-        m_api->setStatus(HMAPIStatusHealthy);
-        m_api->setAPIRoot(2, QStringLiteral("http://127.0.0.1:%1").arg(m_service.port("api")));
-        HMPrivacyManager::Collaborators c;
-        c.store = m_world->store.get();
-        c.api = m_api.get();
-        c.account = m_world->account.get();
-        c.notifications = &m_world->center;
-        c.clock = &m_clock;
-        c.isVPNConnected = [this] { return m_connected; };
-        m_privacy = std::make_unique<HMPrivacyManager>(c);
-        m_connected = false;
-    }
+    void init() { m_w = std::make_unique<HMPrivacyWorld>(m_service); }
 
     void cleanup()
     {
-        m_privacy.reset();
-        m_api.reset();
-        m_world.reset();
-        m_service.call("POST", "/test/blocks/end");
-        QTRY_COMPARE(openStreams(), 0);
-        m_service.clearRequests();
+        m_w.reset();
+        QTRY_COMPARE(m_service.call("GET", "/test/state").value("streams").toInt(), 0);
     }
 
     void countsBlocks_data()
@@ -169,31 +123,31 @@ private Q_SLOTS:
         QFETCH(QStringList, events);
         QFETCH(QList<uint>, social);
         QFETCH(QString, content);
-        QSignalSpy counters(m_privacy.get(), &HMPrivacyManager::countersChanged);
+        QSignalSpy counters(m_w->privacy.get(), &HMPrivacyManager::countersChanged);
         for (const QString &data : events) {
-            m_privacy->handleBlockEvent(blockEvent(data));
+            m_w->privacy->handleBlockEvent(blockEvent(data));
         }
-        QCOMPARE((QList<uint>{m_privacy->numFacebookBlocked(), m_privacy->numTwitterBlocked(),
-                              m_privacy->numLinkedinBlocked()}),
+        QCOMPARE((QList<uint>{m_w->privacy->numFacebookBlocked(), m_w->privacy->numTwitterBlocked(),
+                              m_w->privacy->numLinkedinBlocked()}),
                  social);
         QCOMPARE(counters.size(), int(social[0] + social[1] + social[2]));
         if (content.isNull()) {
-            QCOMPARE(m_privacy->blockedContent().size(), 32);
+            QCOMPARE(m_w->privacy->blockedContent().size(), 32);
         } else {
-            QCOMPARE(render(m_privacy->blockedContent()), content);
+            QCOMPARE(render(m_w->privacy->blockedContent()), content);
         }
     }
 
     void storesServiceValuesUnderPrefixedKeys()
     {
-        HMKeyChangeLog<HMPrivacyManager> log(*m_privacy);
-        QSignalSpy facebook(m_privacy.get(), &HMPrivacyManager::facebookEnabledChanged);
-        m_privacy->updateValueForKey(true, "facebookEnabled");
-        QCOMPARE(m_privacy->getPref("privacyFacebookEnabled"), QVariant(true));
-        QVERIFY(m_privacy->isFacebookEnabled());
-        m_privacy->updateValueForKey(QVariant(), "facebookEnabled");
-        QVERIFY(!m_world->store->contains("privacyFacebookEnabled"));
-        QVERIFY(!m_privacy->isFacebookEnabled());
+        HMKeyChangeLog<HMPrivacyManager> log(*m_w->privacy);
+        QSignalSpy facebook(m_w->privacy.get(), &HMPrivacyManager::facebookEnabledChanged);
+        m_w->privacy->updateValueForKey(true, "facebookEnabled");
+        QCOMPARE(m_w->privacy->getPref("privacyFacebookEnabled"), QVariant(true));
+        QVERIFY(m_w->privacy->isFacebookEnabled());
+        m_w->privacy->updateValueForKey(QVariant(), "facebookEnabled");
+        QVERIFY(!m_w->account.store->contains("privacyFacebookEnabled"));
+        QVERIFY(!m_w->privacy->isFacebookEnabled());
         QCOMPARE(log.entries, (QStringList{"will:facebookEnabled", "did:facebookEnabled",
                                            "will:facebookEnabled", "did:facebookEnabled"}));
         QCOMPARE(facebook.size(), 2);
@@ -219,74 +173,77 @@ private Q_SLOTS:
         QFETCH(QVariantList, stored);
         for (const char *key : {"privacyEnabled", "privacyFacebookEnabled", "privacyTwitterEnabled",
                                 "privacyLinkedinEnabled"}) {
-            m_privacy->setValueForPref(true, key);
+            m_w->privacy->setValueForPref(true, key);
         }
-        m_service.updateAccount({{"username", kUser}, {"privacy", privacy}});
-        HMKeyChangeLog<HMPrivacyManager> log(*m_privacy);
-        m_privacy->syncFilterSettings();
+        m_service.updateAccount({{"username", HMPrivacyWorld::kUser}, {"privacy", privacy}});
+        HMKeyChangeLog<HMPrivacyManager> log(*m_w->privacy);
+        m_w->privacy->syncFilterSettings();
         QTRY_COMPARE(log.entries.size(), 8);
         QCOMPARE(log.entries.at(1), QStringLiteral("did:enabled"));
         QCOMPARE(log.entries.at(7), QStringLiteral("did:linkedinEnabled"));
-        QCOMPARE((QVariantList{m_privacy->getPref("privacyEnabled"),
-                               m_privacy->getPref("privacyFacebookEnabled"),
-                               m_privacy->getPref("privacyTwitterEnabled"),
-                               m_privacy->getPref("privacyLinkedinEnabled")}),
+        QCOMPARE((QVariantList{m_w->privacy->getPref("privacyEnabled"),
+                               m_w->privacy->getPref("privacyFacebookEnabled"),
+                               m_w->privacy->getPref("privacyTwitterEnabled"),
+                               m_w->privacy->getPref("privacyLinkedinEnabled")}),
                  stored);
-        QVERIFY(!m_privacy->eventSource());
+        QVERIFY(!m_w->privacy->eventSource());
     }
 
     void failedSyncAndFilterChangesAreOnlyLogged()
     {
         HMLogCapture log;
-        m_privacy->setValueForPref(true, "privacyTwitterEnabled");
-        m_world->account->setPassword("wrong");
-        m_privacy->syncFilterSettings();
-        m_privacy->setFacebookEnabled(true);
-        QTRY_COMPARE(requests("/dashboard/setFilter"), 1);
+        m_w->privacy->setValueForPref(true, "privacyTwitterEnabled");
+        m_w->account.account->setPassword("wrong");
+        m_w->privacy->syncFilterSettings();
+        m_w->privacy->setFacebookEnabled(true);
+        QTRY_COMPARE(m_w->requests("/dashboard/setFilter"), 1);
         QTRY_VERIFY2(log.contains("error: "), qPrintable(log.lines().join("\n")));
         QVERIFY(log.contains("Incorrect password"));
-        QVERIFY(m_privacy->isFacebookEnabled());
-        QVERIFY(m_privacy->isTwitterEnabled());
+        QVERIFY(m_w->privacy->isFacebookEnabled());
+        QVERIFY(m_w->privacy->isTwitterEnabled());
     }
 
     void oneNetworkSwitchSendsOnlyItsFilter()
     {
-        m_privacy->handleBlockEvent(blockEvent(block("social", "Facebook")));
-        m_privacy->setFacebookEnabled(false);
-        QTRY_COMPARE(requests("/dashboard/setFilter"), 1);
+        m_w->privacy->handleBlockEvent(blockEvent(block("social", "Facebook")));
+        m_w->privacy->setFacebookEnabled(false);
+        QTRY_COMPARE(m_w->requests("/dashboard/setFilter"), 1);
         const QJsonObject sent = lastRequest("/dashboard/setFilter").value("params").toObject();
         QCOMPARE(sent.value("filter").toString(), QStringLiteral("facebook"));
         QCOMPARE(sent.value("on").toString(), QStringLiteral("0"));
-        QCOMPARE(sent.value("password").toString(), kPassword);
-        QCOMPARE(m_privacy->numFacebookBlocked(), 1u);
-        QVERIFY(!m_privacy->isTwitterEnabled() && !m_privacy->isLinkedinEnabled());
+        QCOMPARE(sent.value("password").toString(), HMPrivacyWorld::kPassword);
+        QCOMPARE(m_w->privacy->numFacebookBlocked(), 1u);
+        QVERIFY(!m_w->privacy->isTwitterEnabled() && !m_w->privacy->isLinkedinEnabled());
     }
 
     void featureSwitchResetsAndFollowsTheTunnel()
     {
-        m_privacy->handleBlockEvent(blockEvent(block("ads", "x")));
-        m_privacy->setEnabled(true); // not connected: no stream
-        QVERIFY(!m_privacy->eventSource());
-        QCOMPARE(render(m_privacy->blockedContent()), QStringLiteral("analytics*: | ads*:"));
-        QTRY_COMPARE(requests("/dashboard/setFilter"), 1);
+        m_w->privacy->handleBlockEvent(blockEvent(block("ads", "x")));
+        m_w->privacy->setEnabled(true); // not connected: no stream
+        QVERIFY(!m_w->privacy->eventSource());
+        QCOMPARE(render(m_w->privacy->blockedContent()), QStringLiteral("analytics*: | ads*:"));
+        QTRY_COMPARE(m_w->requests("/dashboard/setFilter"), 1);
         QVERIFY(!lastRequest("/dashboard/setFilter").value("params").toObject().contains("filter"));
-        QVERIFY(
-            m_service.account(kUser).value("privacy").toObject().value("globalSwitch").toBool());
+        QVERIFY(m_service.account(HMPrivacyWorld::kUser)
+                    .value("privacy")
+                    .toObject()
+                    .value("globalSwitch")
+                    .toBool());
 
-        m_connected = true;
-        m_privacy->setEnabled(true);
-        QVERIFY(m_privacy->eventSource());
-        m_privacy->setEnabled(false);
-        QVERIFY(!m_privacy->eventSource());
+        m_w->connected = true;
+        m_w->privacy->setEnabled(true);
+        QVERIFY(m_w->privacy->eventSource());
+        m_w->privacy->setEnabled(false);
+        QVERIFY(!m_w->privacy->eventSource());
     }
 
     void dialOffResetsTheCounters()
     {
-        m_privacy->handleBlockEvent(blockEvent(block("social", "Twitter")));
-        m_privacy->handleBlockEvent(blockEvent(block("shop", "x")));
-        m_world->center.postNotificationName(HMPrivacyManager::kDidSwitchDialOffNotification);
-        QCOMPARE(m_privacy->numTwitterBlocked(), 0u);
-        QCOMPARE(render(m_privacy->blockedContent()), QStringLiteral("analytics*: | ads*:"));
+        m_w->privacy->handleBlockEvent(blockEvent(block("social", "Twitter")));
+        m_w->privacy->handleBlockEvent(blockEvent(block("shop", "x")));
+        m_w->account.center.postNotificationName(HMPrivacyManager::kDidSwitchDialOffNotification);
+        QCOMPARE(m_w->privacy->numTwitterBlocked(), 0u);
+        QCOMPARE(render(m_w->privacy->blockedContent()), QStringLiteral("analytics*: | ads*:"));
     }
 
     // Connected with the feature on: the stream opens a second later, counts what the service
@@ -301,42 +258,42 @@ private Q_SLOTS:
     void streamRunsWhileConnected()
     {
         QFETCH(bool, endByService);
-        m_privacy->setValueForPref(true, "privacyEnabled");
-        m_privacy->vpnConnectedDidChange(false); // equal to the start value: nothing
-        QCOMPARE(requests("/dashboard/getFilter"), 0);
-        m_service.updateAccount(
-            {{"username", kUser}, {"privacy", QJsonObject{{"globalSwitch", true}}}});
-        m_privacy->vpnConnectedDidChange(true);
-        QTRY_COMPARE(requests("/dashboard/getFilter"), 1);
-        QVERIFY(m_privacy->eventSource());
-        m_clock.advance(EventSource::kOpenDelayMs);
-        QTRY_COMPARE(openStreams(), 1);
+        m_w->privacy->setValueForPref(true, "privacyEnabled");
+        m_w->privacy->vpnConnectedDidChange(false); // equal to the start value: nothing
+        QCOMPARE(m_w->requests("/dashboard/getFilter"), 0);
+        m_service.updateAccount({{"username", HMPrivacyWorld::kUser},
+                                 {"privacy", QJsonObject{{"globalSwitch", true}}}});
+        m_w->privacy->vpnConnectedDidChange(true);
+        QTRY_COMPARE(m_w->requests("/dashboard/getFilter"), 1);
+        QVERIFY(m_w->privacy->eventSource());
+        m_w->clock.advance(EventSource::kOpenDelayMs);
+        QTRY_COMPARE(m_w->openStreams(), 1);
         const QJsonObject opened = lastRequest("/dashboard/blocks");
         QCOMPARE(
             opened.value("target").toString(),
             QStringLiteral("/dashboard/blocks?username=ann%40example.test&password=p%26ss%20word"));
 
-        push({{"category", "social"}, {"text", "LinkedIn"}});
-        QTRY_COMPARE(m_privacy->numLinkedinBlocked(), 1u);
-        push({{"category", "analytics"}, {"text", "tracker.example"}});
-        QTRY_COMPARE(render(m_privacy->blockedContent()),
+        m_w->push({{"category", "social"}, {"text", "LinkedIn"}});
+        QTRY_COMPARE(m_w->privacy->numLinkedinBlocked(), 1u);
+        m_w->push({{"category", "analytics"}, {"text", "tracker.example"}});
+        QTRY_COMPARE(render(m_w->privacy->blockedContent()),
                      QStringLiteral("analytics*:tracker.example=1 | ads*:"));
 
         if (endByService) {
             m_service.call("POST", "/test/blocks/end");
-            QTRY_VERIFY(m_privacy->eventSource()->wasClosed());
-            m_clock.advance(2 * EventSource::kRetryDelayMs);
-            QVERIFY(m_privacy->eventSource()->wasClosed()); // nothing reopened it
+            QTRY_VERIFY(m_w->privacy->eventSource()->wasClosed());
+            m_w->clock.advance(2 * EventSource::kRetryDelayMs);
+            QVERIFY(m_w->privacy->eventSource()->wasClosed()); // nothing reopened it
         } else {
-            m_privacy->vpnConnectedDidChange(false);
-            QVERIFY(!m_privacy->eventSource());
-            QTRY_COMPARE(requests("/dashboard/getFilter"), 2);
+            m_w->privacy->vpnConnectedDidChange(false);
+            QVERIFY(!m_w->privacy->eventSource());
+            QTRY_COMPARE(m_w->requests("/dashboard/getFilter"), 2);
         }
         // Counters stay when the tunnel goes; the stream no longer reaches them.
-        QCOMPARE(m_privacy->numLinkedinBlocked(), 1u);
-        push({{"category", "social"}, {"text", "LinkedIn"}});
-        QTRY_COMPARE(openStreams(), 0);
-        QCOMPARE(m_privacy->numLinkedinBlocked(), 1u);
+        QCOMPARE(m_w->privacy->numLinkedinBlocked(), 1u);
+        m_w->push({{"category", "social"}, {"text", "LinkedIn"}});
+        QTRY_COMPARE(m_w->openStreams(), 0);
+        QCOMPARE(m_w->privacy->numLinkedinBlocked(), 1u);
     }
 };
 
