@@ -3,27 +3,10 @@
 // application's core) in the other. Every manager is the real one: sign-in over TLS,
 // the Secret Service, the kernel's reachability, the helper over its socket, OpenVPN's
 // management interface.
-#include "HMAPIClient.h"
-#include "HMAccountManager.h"
-#include "HMClock.h"
-#include "HMClosestServerManager.h"
-#include "HMDaemonManager.h"
-#include "HMDeploymentValues.h"
 #include "HMLogCapture.h"
-#include "HMNetlinkReachabilitySource.h"
-#include "HMNotificationCenter.h"
-#include "HMPreferenceStore.h"
-#include "HMReachabilityManager.h"
-#include "HMRefService.h"
-#include "HMSecretServiceKeychain.h"
 #include "HMTestEnvironment.h"
-#include "HMVPNAccountAdapter.h"
-#include "HMVPNDaemonAdapter.h"
-#include "HMVPNManager.h"
-#include "HMVPNReachabilityAdapter.h"
-#include "HMVPNRoutingAdapter.h"
+#include "HMVPNLabClient.h"
 #include "HMVPNState.h"
-#include "HMWisprouteManager.h"
 
 #include <QDir>
 #include <QFile>
@@ -122,40 +105,16 @@ class HMVPNEndToEndTest : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_home;
-    std::unique_ptr<HMPreferenceStore> m_store;
-    HMNotificationCenter m_center;
-    std::unique_ptr<HMWisprouteManager> m_routing;
-    std::unique_ptr<HMAccountManager> m_account;
-    std::unique_ptr<HMReachabilityManager> m_reachability;
-    std::unique_ptr<HMAPIClient> m_api;
-    std::unique_ptr<HMDaemonManager> m_daemon;
-    std::unique_ptr<HMVPNAccountAdapter> m_accountAdapter;
-    std::unique_ptr<HMVPNReachabilityAdapter> m_reachabilityAdapter;
-    std::unique_ptr<HMVPNDaemonAdapter> m_helper;
-    std::unique_ptr<HMVPNRoutingAdapter> m_routingAdapter;
-    std::unique_ptr<HMClosestServerManager> m_closest;
-    std::unique_ptr<HMVPNManager> m_vpn;
-    HMRefService m_service;
+    HMVPNLabClient m_lab;
+    // Short names for the lab client's managers, set once it is built.
+    HMNotificationCenter &m_center = m_lab.center;
+    HMRefService &m_service = m_lab.service;
+    HMWisprouteManager *m_routing = nullptr;
+    HMAccountManager *m_account = nullptr;
+    HMReachabilityManager *m_reachability = nullptr;
+    HMVPNManager *m_vpn = nullptr;
     QList<VPNState> m_states;
     int m_outOfData = 0;
-
-    bool signIn()
-    {
-        bool done = false;
-        HMMaybeError result;
-        m_account->loginWithUsername(lab("LAB_USER"), lab("LAB_PASSWORD"), false,
-                                     [&](const HMMaybeError &error) {
-                                         result = error;
-                                         done = true;
-                                     });
-        if (!QTest::qWaitFor([&] { return done; }, 20000) || result) {
-            qWarning("sign-in failed: %s",
-                     result ? qPrintable(result->description()) : "no answer");
-            return false;
-        }
-        return m_account->isLoggedIn();
-    }
 
     // What the usage loop does every minute: sign in again without a new token.
     bool refreshAccount()
@@ -181,101 +140,33 @@ private:
                                kConnectTimeoutMs);
     }
 
-    void disconnectAndWait()
-    {
-        if (m_vpn->state() == VPNState::Connected || m_vpn->state() == VPNState::Connecting ||
-            m_vpn->socket()) {
-            bool done = false;
-            m_vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
-            if (!QTest::qWaitFor([&] { return done; }, 20000)) {
-                qWarning("the helper did not answer the disconnect within 20 s");
-            }
-        }
-    }
+    void disconnectAndWait() { m_lab.disconnectAndWait(); }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        if (qEnvironmentVariableIsSet("HM_LAB_UNAVAILABLE")) {
-            QSKIP(qPrintable(qEnvironmentVariable("HM_LAB_UNAVAILABLE")));
+        if (const QString reason = HMVPNLabClient::skipReason(); !reason.isEmpty()) {
+            QSKIP(qPrintable(reason));
         }
-        if (lab("LAB_HELPER_SOCKET").isEmpty() || lab("LAB_SERVICE_CONTROL").isEmpty()) {
-            QSKIP(
-                "runs inside the VPN lab: testing/lab/vpn-lab.sh run --service ... --helper ... -- "
-                "<this test> (ctest does that)");
-        }
-        QVERIFY2(qEnvironmentVariable("HM_SECRET_SERVICE") == QLatin1String("keyring"),
-                 "runs on a private Secret Service (tests/support/with-secret-service.sh)");
-
-        m_home = HMTestEnvironment::isolateUserDirectories();
-        const QString deployment = qEnvironmentVariable("XDG_CONFIG_HOME") + QLatin1Char('/') +
-                                   HMDeploymentValues::kFileName;
-        QDir().mkpath(QFileInfo(deployment).path());
-        QVERIFY(QFile::copy(lab("LAB_SERVICE_DEPLOYMENT"), deployment));
-
-        const QString control = lab("LAB_SERVICE_CONTROL");
-        m_service.attach(control.section(QLatin1Char(':'), 0, 0),
-                         control.section(QLatin1Char(':'), 1).toInt());
-
-        m_store =
-            std::make_unique<HMPreferenceStore>(m_home->filePath(QStringLiteral("prefs.json")));
-        m_routing = std::make_unique<HMWisprouteManager>(*m_store);
-        m_account = std::make_unique<HMAccountManager>(*m_store, HMSecretServiceKeychain::shared(),
-                                                       m_routing.get(), m_center);
-        m_reachability = std::make_unique<HMReachabilityManager>(
-            std::make_unique<HMNetlinkReachabilitySource>());
-        m_api = std::make_unique<HMAPIClient>(
-            HMDeploymentValues::loadFromSearchPath(),
-            [this] { return m_reachability->isReachable(); }, HMClock::system(), m_center);
-        m_account->setAPIClient(m_api.get());
-        m_account->setClosestEnabledQuery([] { return false; });
-
-        HMDaemonManager::Paths paths;
-        paths.socketPath = lab("LAB_HELPER_SOCKET");
-        paths.executableDirectory = lab("LAB_HELPER_APP_DIR");
-        paths.resourceDirectory = lab("LAB_HELPER_RESOURCES");
-        m_daemon =
-            std::make_unique<HMDaemonManager>(*m_store, m_account.get(), m_routing.get(), paths);
-        m_daemon->createCommandQueue();
-
-        m_accountAdapter = std::make_unique<HMVPNAccountAdapter>(*m_account);
-        m_reachabilityAdapter = std::make_unique<HMVPNReachabilityAdapter>(*m_reachability);
-        m_helper = std::make_unique<HMVPNDaemonAdapter>(*m_daemon);
-        m_routingAdapter = std::make_unique<HMVPNRoutingAdapter>(*m_routing);
-        HMVPNManager::Collaborators c;
-        c.account = m_accountAdapter.get();
-        c.reachability = m_reachabilityAdapter.get();
-        c.helper = m_helper.get();
-        c.routing = m_routingAdapter.get();
-        c.notifications = &m_center;
-        // The cases choose a country, so the closest-server test never runs; it is wired anyway.
-        m_closest = std::make_unique<HMClosestServerManager>(m_account.get(), HMClock::system(),
-                                                             lab("LAB_SERVICE_DOMAIN"));
-        c.closest = m_closest.get();
-        m_vpn = std::make_unique<HMVPNManager>(c);
-        HMVPNManager *vpn = m_vpn.get();
-        m_daemon->setTunnelInfo([vpn] { return vpn->connectedIp(); },
-                                [vpn] { return vpn->tapAdapter(); });
-        QObject::connect(vpn, &HMVPNManager::stateChanged,
+        const QString failure = HMVPNLabClient::failReason();
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        QString why;
+        QVERIFY2(m_lab.setUp(&why), qPrintable(why));
+        m_routing = m_lab.routing.get();
+        m_account = m_lab.account.get();
+        m_reachability = m_lab.reachability.get();
+        m_vpn = m_lab.vpn.get();
+        QObject::connect(m_vpn, &HMVPNManager::stateChanged,
                          [this](VPNState, VPNState now) { m_states.append(now); });
         m_center.addObserverForName(HMVPNManager::kOutOfDataNotification,
                                     [this] { ++m_outOfData; });
 
         QTRY_VERIFY_WITH_TIMEOUT(m_reachability->isReachable(), 5000);
-        QVERIFY(signIn());
+        QVERIFY2(m_lab.signIn(&why), qPrintable(why));
 
-        // What start-up does: the helper's DNS-port check decides the OpenVPN argument form. In
-        // the lab the port is free, so the tunnel carries no default route and losing the link
-        // shows in the kernel's route lookup.
-        bool checked = false;
-        m_daemon->stopDNSProxy([this, &checked](const QVariantMap &, const HMMaybeError &) {
-            m_daemon->checkDNSPortOpen(
-                [this, &checked](const QVariantMap &, const HMMaybeError &error) {
-                    m_routing->setSupported(!error);
-                    checked = true;
-                });
-        });
-        QTRY_VERIFY_WITH_TIMEOUT(checked, 10000);
+        // In the lab the DNS port is free, so the tunnel carries no default route and losing
+        // the link shows in the kernel's route lookup.
+        QVERIFY2(m_lab.checkDNSPort(&why), qPrintable(why));
         QVERIFY(m_routing->isSupported());
     }
 
@@ -299,7 +190,7 @@ private Q_SLOTS:
     void cleanupTestCase()
     {
         if (m_vpn) {
-            disconnectAndWait();
+            m_lab.disconnectAndWait();
         }
     }
 
