@@ -40,13 +40,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        if (const QString reason = HMVPNLabClient::skipReason(); !reason.isEmpty()) {
-            QSKIP(qPrintable(reason));
-        }
-        const QString failure = HMVPNLabClient::failReason();
-        QVERIFY2(failure.isEmpty(), qPrintable(failure));
-        QString why;
-        QVERIFY2(m_lab.setUp(&why), qPrintable(why));
+        HM_START_VPN_LAB(m_lab);
         m_vpn = m_lab.vpn.get();
 
         HMPrivacyManager::Collaborators p;
@@ -60,10 +54,6 @@ private Q_SLOTS:
         m_privacy->startKVO(*vpn);
         m_pane = std::make_unique<HMPrivacyViewController>(*m_privacy, *m_lab.routing, vpn);
         m_pane->show();
-
-        QTRY_VERIFY_WITH_TIMEOUT(m_lab.reachability->isReachable(), 5000);
-        QVERIFY2(m_lab.signIn(&why), qPrintable(why));
-        QVERIFY2(m_lab.checkDNSPort(&why), qPrintable(why));
     }
 
     void cleanupTestCase()

@@ -92,6 +92,18 @@ bool HMVPNLabClient::setUp(QString *why)
     return true;
 }
 
+bool HMVPNLabClient::start(QString *why)
+{
+    if (!setUp(why)) {
+        return false;
+    }
+    if (!QTest::qWaitFor([this] { return reachability->isReachable(); }, 5000)) {
+        *why = QStringLiteral("the network is not reachable in the lab");
+        return false;
+    }
+    return signIn(why) && checkDNSPort(why);
+}
+
 bool HMVPNLabClient::signIn(QString *why)
 {
     bool done = false;

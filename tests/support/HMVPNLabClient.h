@@ -21,7 +21,20 @@
 #include "HMWisprouteManager.h"
 
 #include <QTemporaryDir>
+#include <QTest>
 #include <memory>
+
+// For initTestCase: skips outside the lab, then builds the client, waits for the network,
+// signs in and runs the start-up DNS-port check, failing the suite where any step fails.
+#define HM_START_VPN_LAB(client)                                                                   \
+    do {                                                                                           \
+        const QString hmSkip = HMVPNLabClient::skipReason();                                       \
+        if (!hmSkip.isEmpty()) {                                                                   \
+            QSKIP(qPrintable(hmSkip));                                                             \
+        }                                                                                          \
+        QString hmWhy = HMVPNLabClient::failReason();                                              \
+        QVERIFY2(hmWhy.isEmpty() && (client).start(&hmWhy), qPrintable(hmWhy));                    \
+    } while (false)
 
 class HMVPNLabClient
 {
@@ -35,6 +48,8 @@ public:
 
     // Isolates the user folders, installs the lab's deployment file and builds the managers.
     bool setUp(QString *why);
+    // setUp, then the network, signIn and checkDNSPort.
+    bool start(QString *why);
     // Signs in with the lab's account and waits for the answer.
     bool signIn(QString *why);
     // What start-up does: the helper's DNS-port check decides the OpenVPN argument form.

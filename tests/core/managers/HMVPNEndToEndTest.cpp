@@ -145,13 +145,9 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        if (const QString reason = HMVPNLabClient::skipReason(); !reason.isEmpty()) {
-            QSKIP(qPrintable(reason));
-        }
-        const QString failure = HMVPNLabClient::failReason();
-        QVERIFY2(failure.isEmpty(), qPrintable(failure));
-        QString why;
-        QVERIFY2(m_lab.setUp(&why), qPrintable(why));
+        // In the lab the DNS port is free, so the tunnel carries no default route and losing
+        // the link shows in the kernel's route lookup.
+        HM_START_VPN_LAB(m_lab);
         m_routing = m_lab.routing.get();
         m_account = m_lab.account.get();
         m_reachability = m_lab.reachability.get();
@@ -160,13 +156,6 @@ private Q_SLOTS:
                          [this](VPNState, VPNState now) { m_states.append(now); });
         m_center.addObserverForName(HMVPNManager::kOutOfDataNotification,
                                     [this] { ++m_outOfData; });
-
-        QTRY_VERIFY_WITH_TIMEOUT(m_reachability->isReachable(), 5000);
-        QVERIFY2(m_lab.signIn(&why), qPrintable(why));
-
-        // In the lab the DNS port is free, so the tunnel carries no default route and losing
-        // the link shows in the kernel's route lookup.
-        QVERIFY2(m_lab.checkDNSPort(&why), qPrintable(why));
         QVERIFY(m_routing->isSupported());
     }
 
