@@ -31,6 +31,7 @@ const QString kName = QStringLiteral("name");
 const QString kChildren = QStringLiteral("children");
 const QString kImage = QStringLiteral("image");
 const QString kCount = QStringLiteral("count");
+constexpr int kStreamRoot = 2; // index of the API roots
 constexpr int kMostRecentItems = 10;
 // The service knows a handful of categories and short item names. Without these bounds a
 // hostile stream could grow the counters with every event it sends.
@@ -278,7 +279,7 @@ void HMPrivacyManager::subscribeToPrivacyEvents()
     HMAccountManager &account = *m_collaborators.account;
     const QString query = url_encode_dict({{QStringLiteral("username"), account.username()},
                                            {QStringLiteral("password"), account.password()}});
-    const QUrl url(m_collaborators.api->APIRoots().value(2) + kBlocksPath + query);
+    const QUrl url(m_collaborators.api->APIRoots().value(kStreamRoot) + kBlocksPath + query);
     // The callers never subscribe twice; should one, the old stream must not live on unseen.
     delete m_eventSource;
     m_eventSource =
