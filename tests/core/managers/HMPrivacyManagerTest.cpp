@@ -138,21 +138,6 @@ private Q_SLOTS:
         }
     }
 
-    void storesServiceValuesUnderPrefixedKeys()
-    {
-        HMKeyChangeLog<HMPrivacyManager> log(*m_w->privacy);
-        QSignalSpy facebook(m_w->privacy.get(), &HMPrivacyManager::facebookEnabledChanged);
-        m_w->privacy->updateValueForKey(true, "facebookEnabled");
-        QCOMPARE(m_w->privacy->getPref("privacyFacebookEnabled"), QVariant(true));
-        QVERIFY(m_w->privacy->isFacebookEnabled());
-        m_w->privacy->updateValueForKey(QVariant(), "facebookEnabled");
-        QVERIFY(!m_w->account.store->contains("privacyFacebookEnabled"));
-        QVERIFY(!m_w->privacy->isFacebookEnabled());
-        QCOMPARE(log.entries, (QStringList{"will:facebookEnabled", "did:facebookEnabled",
-                                           "will:facebookEnabled", "did:facebookEnabled"}));
-        QCOMPARE(facebook.size(), 2);
-    }
-
     void syncAppliesTheServiceState_data()
     {
         QTest::addColumn<QJsonObject>("privacy");
@@ -235,15 +220,6 @@ private Q_SLOTS:
         QVERIFY(m_w->privacy->eventSource());
         m_w->privacy->setEnabled(false);
         QVERIFY(!m_w->privacy->eventSource());
-    }
-
-    void dialOffResetsTheCounters()
-    {
-        m_w->privacy->handleBlockEvent(blockEvent(block("social", "Twitter")));
-        m_w->privacy->handleBlockEvent(blockEvent(block("shop", "x")));
-        m_w->account.center.postNotificationName(HMPrivacyManager::kDidSwitchDialOffNotification);
-        QCOMPARE(m_w->privacy->numTwitterBlocked(), 0u);
-        QCOMPARE(render(m_w->privacy->blockedContent()), QStringLiteral("analytics*: | ads*:"));
     }
 
     // Connected with the feature on: the stream opens a second later, counts what the service
