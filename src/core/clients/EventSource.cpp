@@ -189,7 +189,8 @@ void EventSource::endIfParsed()
     }
     Event event;
     event.readyState = Event::Closed;
-    event.error = HMError::errorWithDomain(QString(), Event::Closed, kEndOfStreamDescription);
+    event.error =
+        HMError::errorWithDomain(QLatin1String(""), Event::Closed, kEndOfStreamDescription);
     deliver(kError, event);
     // At once, unlike after a failure; the handlers run after this open and may close it again.
     open();

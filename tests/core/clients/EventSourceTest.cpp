@@ -185,6 +185,7 @@ private Q_SLOTS:
         openStream();
         m_source->onError([this](const Event &event) {
             QCOMPARE(event.error->localizedDescription(), EventSource::kEndOfStreamDescription);
+            QVERIFY(!event.error->domain().isNull() && event.error->domain().isEmpty());
             m_source->close();
         });
         m_service.call("POST", "/test/blocks/end");
