@@ -7,6 +7,7 @@
 
 #include <QCheckBox>
 #include <QLabel>
+#include <QLayout>
 #include <QTreeWidget>
 #include <QtTest>
 
@@ -82,7 +83,8 @@ private Q_SLOTS:
         QTest::newRow("connected") << true << 0 << true << "" << true;
         QTest::newRow("connected, exclusion list") << true << 1 << true << "" << true;
         QTest::newRow("connected, inclusion list")
-            << true << 2 << false << "The privacy filter is off while Selective routing" << false;
+            << true << 2 << false << "The privacy filter is not available while Selective routing"
+            << false;
     }
 
     void switchesAreUsableOnlyWhenConnectedOutsideInclusionRouting()
@@ -103,6 +105,11 @@ private Q_SLOTS:
                                  : text("noticeLabel").startsWith(notice));
         QCOMPARE(child<QTreeWidget>("blockedTree")->isVisible(), counters);
         QCOMPARE(child<QLabel>("facebookCount")->isVisible(), counters);
+        if (qEnvironmentVariableIsSet("HM_SCREENSHOT_DIR")) {
+            m_pane->layout()->activate();
+            m_pane->grab().save(qEnvironmentVariable("HM_SCREENSHOT_DIR") + "/privacy-pane-" +
+                                QTest::currentDataTag() + ".png");
+        }
     }
 
     void clicksReachTheServiceAndServiceStateReachesTheSwitches()

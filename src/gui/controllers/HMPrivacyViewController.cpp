@@ -95,8 +95,8 @@ void HMPrivacyViewController::updateSwitches()
 
     QString notice;
     if (inclusionRouting) {
-        notice = tr("The privacy filter is off while Selective routing sends only the listed "
-                    "sites through the VPN.");
+        notice = tr("The privacy filter is not available while Selective routing sends only the "
+                    "listed sites through the VPN.");
     } else if (!m_connected) {
         notice = tr("Switch the VPN on to change the privacy filter.");
     }
