@@ -207,7 +207,8 @@ void EventSource::deliver(const QString &name, const Event &event)
 
 std::optional<Event> EventSource::parseChunk(const QByteArray &chunk)
 {
-    QStringDecoder decoder(QStringDecoder::Utf8);
+    // Stateless: a sequence cut off at the end of the chunk is an error too, not pending.
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     QString text = decoder.decode(chunk);
     if (decoder.hasError() || !text.endsWith(kEventEnd)) {
         return std::nullopt;

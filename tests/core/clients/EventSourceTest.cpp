@@ -119,6 +119,8 @@ private Q_SLOTS:
             << QByteArray(": hi\nretry: 5\ndata:x\nevent\r\n\r\n") << true << none << none << none;
         QTest::newRow("empty value")
             << QByteArray("data: \r\n\r\n") << true << none << none << QString(QLatin1String(""));
+        QTest::newRow("cut-off UTF-8 after the end")
+            << QByteArray("data: x\r\n\r\n\r\n\xc9") << false << none << none << none;
         QTest::newRow("invalid UTF-8")
             << QByteArray("data: \xff\xfe\r\n\r\n") << false << none << none << none;
     }
