@@ -156,8 +156,11 @@ void ref_install_control_routes(httplib::Server &server, RefState &state)
     });
 
     server.Post(
-        "/test/blocks/end", [&state](const httplib::Request &, httplib::Response &response) {
-            state.endStreams();
+        "/test/blocks/end", [&state](const httplib::Request &request, httplib::Response &response) {
+            // {"drop": true} hangs up instead of ending the stream properly.
+            const QJsonObject body =
+                QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).object();
+            state.endStreams(body.value(QStringLiteral("drop")).toBool());
             ref_reply_json(response, QJsonObject{{QStringLiteral("status"), QStringLiteral("ok")}});
         });
 

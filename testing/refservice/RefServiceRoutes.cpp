@@ -429,6 +429,9 @@ void installDashboardRoutes(httplib::Server &server, RefState &state, const QStr
                                return sink.write(chunk->data(), chunk->size());
                            }
                            if (state.streamEnded(stream)) {
+                               if (state.streamDropped(stream)) {
+                                   return false; // no closing chunk: the client sees a failure
+                               }
                                sink.done();
                                return true;
                            }

@@ -279,11 +279,12 @@ int RefState::pushChunk(const std::string &chunk, const QString &username)
     return queued;
 }
 
-void RefState::endStreams()
+void RefState::endStreams(bool drop)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto &entry : m_streams) {
         entry.second->ended = true;
+        entry.second->dropped = drop;
     }
     m_changed.notify_all();
 }
@@ -311,6 +312,12 @@ bool RefState::streamEnded(const std::shared_ptr<RefStream> &stream) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return stream->ended || m_stopping;
+}
+
+bool RefState::streamDropped(const std::shared_ptr<RefStream> &stream) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return stream->dropped;
 }
 
 int RefState::addUpload(QJsonObject meta, const QByteArray &data, QString *error)

@@ -24,6 +24,7 @@ struct RefStream
     QString username;
     std::deque<std::string> chunks;
     bool ended = false;
+    bool dropped = false; // ended by hanging up, without the closing chunk
 };
 
 class RefState
@@ -63,12 +64,13 @@ public:
     void closeStream(quint64 id);
     // Queues one chunk on every open stream (of `username` when given).
     int pushChunk(const std::string &chunk, const QString &username);
-    void endStreams();
+    void endStreams(bool drop = false);
     int openStreamCount() const;
     // Waits until the stream has a chunk, has ended, the service stops or `ms` pass; hands
     // back the next chunk if there is one.
     std::optional<std::string> nextChunk(const std::shared_ptr<RefStream> &stream, int ms);
     bool streamEnded(const std::shared_ptr<RefStream> &stream) const;
+    bool streamDropped(const std::shared_ptr<RefStream> &stream) const;
 
     // Log uploads, kept on disk under the uploads folder (RefUploadStore) and listed in
     // memory. The new index, or -1 with `error` when the upload could not be kept.

@@ -84,6 +84,11 @@ public:
     void doPOSTAPI(int root, const QString &path, const HMAPIParams &params,
                    HMAPICompletion completion);
 
+    // Qt reports HTTP statuses as errors too (a QNetworkReply::NetworkError); true for those,
+    // which are answers, not transport failures.
+    static bool isHTTPStatusError(int networkError);
+    // A transport failure in the URL-loading domain and codes.
+    static HMError transportError(const QNetworkReply *reply);
     static QVariantMap fixData(const QVariantMap &reply);
     static HMAPIParams removePassword(const HMAPIParams &params);
 

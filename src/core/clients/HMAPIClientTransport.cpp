@@ -76,8 +76,18 @@ HMError urlLoadingError(long code, const QString &description, const QString &re
     return HMError::errorWithDomain(HMAPIClient::kURLLoadingDomain, code, description, reason);
 }
 
+bool isJSONContentType(const QNetworkReply *reply)
+{
+    const QString header = reply->header(QNetworkRequest::ContentTypeHeader).toString();
+    return header.section(QLatin1Char(';'), 0, 0)
+               .trimmed()
+               .compare(QLatin1String("application/json"), Qt::CaseInsensitive) == 0;
+}
+
+} // namespace
+
 // Qt reports HTTP statuses as errors too; those are not transport failures here.
-bool isHTTPStatusError(QNetworkReply::NetworkError error)
+bool HMAPIClient::isHTTPStatusError(int error)
 {
     return (error >= QNetworkReply::ContentAccessDenied &&
             error <= QNetworkReply::UnknownContentError) ||
@@ -86,7 +96,7 @@ bool isHTTPStatusError(QNetworkReply::NetworkError error)
             error <= QNetworkReply::UnknownServerError);
 }
 
-HMError transportError(const QNetworkReply *reply)
+HMError HMAPIClient::transportError(const QNetworkReply *reply)
 {
     const QString reason = reply->errorString();
     switch (reply->error()) {
@@ -122,16 +132,6 @@ HMError transportError(const QNetworkReply *reply)
         return urlLoadingError(-1, QStringLiteral("An unknown error occurred."), reason);
     }
 }
-
-bool isJSONContentType(const QNetworkReply *reply)
-{
-    const QString header = reply->header(QNetworkRequest::ContentTypeHeader).toString();
-    return header.section(QLatin1Char(';'), 0, 0)
-               .trimmed()
-               .compare(QLatin1String("application/json"), Qt::CaseInsensitive) == 0;
-}
-
-} // namespace
 
 void HMAPIClient::doGETAPI(int root, const QString &path, const HMAPIParams &params,
                            HMAPICompletion completion)

@@ -175,6 +175,7 @@ int proxyStarts()
 {
     QFile log(lab("LAB_HELPER_LOGS") + QStringLiteral("/daemon.log"));
     return log.open(QIODevice::ReadOnly) ? int(log.readAll().count("started the DNS proxy")) : 0;
+}
 
 // How many OpenVPN processes the helper has started so far.
 int openVPNStarts()

@@ -1,0 +1,150 @@
+#include "HMVPNLabClient.h"
+
+#include "HMClock.h"
+#include "HMDeploymentValues.h"
+#include "HMNetlinkReachabilitySource.h"
+#include "HMSecretServiceKeychain.h"
+#include "HMTestEnvironment.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTest>
+
+QString HMVPNLabClient::lab(const char *fact)
+{
+    return qEnvironmentVariable(fact);
+}
+
+QString HMVPNLabClient::skipReason()
+{
+    if (qEnvironmentVariableIsSet("HM_LAB_UNAVAILABLE")) {
+        return qEnvironmentVariable("HM_LAB_UNAVAILABLE");
+    }
+    if (lab("LAB_HELPER_SOCKET").isEmpty() || lab("LAB_SERVICE_CONTROL").isEmpty()) {
+        return QStringLiteral("runs inside the VPN lab: testing/lab/vpn-lab.sh run --service ... "
+                              "--helper ... -- <this test> (ctest does that)");
+    }
+    return QString();
+}
+
+QString HMVPNLabClient::failReason()
+{
+    if (qEnvironmentVariable("HM_SECRET_SERVICE") != QLatin1String("keyring")) {
+        return QStringLiteral(
+            "runs on a private Secret Service (tests/support/with-secret-service.sh)");
+    }
+    return QString();
+}
+
+bool HMVPNLabClient::setUp(QString *why)
+{
+    home = HMTestEnvironment::isolateUserDirectories();
+    const QString deployment =
+        qEnvironmentVariable("XDG_CONFIG_HOME") + QLatin1Char('/') + HMDeploymentValues::kFileName;
+    QDir().mkpath(QFileInfo(deployment).path());
+    if (!QFile::copy(lab("LAB_SERVICE_DEPLOYMENT"), deployment)) {
+        *why = QStringLiteral("cannot copy the lab's deployment file to ") + deployment;
+        return false;
+    }
+    const QString control = lab("LAB_SERVICE_CONTROL");
+    service.attach(control.section(QLatin1Char(':'), 0, 0),
+                   control.section(QLatin1Char(':'), 1).toInt());
+
+    store = std::make_unique<HMPreferenceStore>(home->filePath(QStringLiteral("prefs.json")));
+    routing = std::make_unique<HMWisprouteManager>(*store);
+    account = std::make_unique<HMAccountManager>(*store, HMSecretServiceKeychain::shared(),
+                                                 routing.get(), center);
+    reachability =
+        std::make_unique<HMReachabilityManager>(std::make_unique<HMNetlinkReachabilitySource>());
+    HMReachabilityManager *reach = reachability.get();
+    api = std::make_unique<HMAPIClient>(
+        HMDeploymentValues::loadFromSearchPath(), [reach] { return reach->isReachable(); },
+        HMClock::system(), center);
+    account->setAPIClient(api.get());
+    account->setClosestEnabledQuery([] { return false; });
+
+    HMDaemonManager::Paths paths;
+    paths.socketPath = lab("LAB_HELPER_SOCKET");
+    paths.executableDirectory = lab("LAB_HELPER_APP_DIR");
+    paths.resourceDirectory = lab("LAB_HELPER_RESOURCES");
+    daemon = std::make_unique<HMDaemonManager>(*store, account.get(), routing.get(), paths);
+    daemon->createCommandQueue();
+
+    accountAdapter = std::make_unique<HMVPNAccountAdapter>(*account);
+    reachabilityAdapter = std::make_unique<HMVPNReachabilityAdapter>(*reachability);
+    helper = std::make_unique<HMVPNDaemonAdapter>(*daemon);
+    routingAdapter = std::make_unique<HMVPNRoutingAdapter>(*routing);
+    HMVPNManager::Collaborators c;
+    c.account = accountAdapter.get();
+    c.reachability = reachabilityAdapter.get();
+    c.helper = helper.get();
+    c.routing = routingAdapter.get();
+    c.notifications = &center;
+    // The cases choose a country, so the closest-server test never runs; it is wired anyway.
+    closest = std::make_unique<HMClosestServerManager>(account.get(), HMClock::system(),
+                                                       lab("LAB_SERVICE_DOMAIN"));
+    c.closest = closest.get();
+    vpn = std::make_unique<HMVPNManager>(c);
+    HMVPNManager *tunnel = vpn.get();
+    daemon->setTunnelInfo([tunnel] { return tunnel->connectedIp(); },
+                          [tunnel] { return tunnel->tapAdapter(); });
+    return true;
+}
+
+bool HMVPNLabClient::start(QString *why)
+{
+    if (!setUp(why)) {
+        return false;
+    }
+    if (!QTest::qWaitFor([this] { return reachability->isReachable(); }, 5000)) {
+        *why = QStringLiteral("the network is not reachable in the lab");
+        return false;
+    }
+    return signIn(why) && checkDNSPort(why);
+}
+
+bool HMVPNLabClient::signIn(QString *why)
+{
+    bool done = false;
+    HMMaybeError result;
+    account->loginWithUsername(lab("LAB_USER"), lab("LAB_PASSWORD"), false,
+                               [&](const HMMaybeError &error) {
+                                   result = error;
+                                   done = true;
+                               });
+    if (!QTest::qWaitFor([&] { return done; }, 20000) || result) {
+        *why = QStringLiteral("sign-in failed: ") +
+               (result ? result->description() : QStringLiteral("no answer"));
+        return false;
+    }
+    return account->isLoggedIn();
+}
+
+bool HMVPNLabClient::checkDNSPort(QString *why)
+{
+    bool checked = false;
+    daemon->stopDNSProxy([this, &checked](const QVariantMap &, const HMMaybeError &) {
+        daemon->checkDNSPortOpen([this, &checked](const QVariantMap &, const HMMaybeError &error) {
+            routing->setSupported(!error);
+            checked = true;
+        });
+    });
+    if (!QTest::qWaitFor([&] { return checked; }, 10000)) {
+        *why = QStringLiteral("the helper did not answer the DNS-port check within 10 s");
+        return false;
+    }
+    return true;
+}
+
+void HMVPNLabClient::disconnectAndWait()
+{
+    if (vpn->state() == VPNState::Connected || vpn->state() == VPNState::Connecting ||
+        vpn->socket()) {
+        bool done = false;
+        vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
+        if (!QTest::qWaitFor([&] { return done; }, 20000)) {
+            qWarning("the helper did not answer the disconnect within 20 s");
+        }
+    }
+}
