@@ -6,10 +6,14 @@
 #include "HMClock.h"
 #include "HMClosestServerManager.h"
 #include "HMControlInterface.h"
+#include "HMCountryNames.h"
 #include "HMDaemonInstaller.h"
 #include "HMDaemonManager.h"
+#include "HMDomainListEditor.h"
 #include "HMImageView.h"
+#include "HMLaunchAtStartupManager.h"
 #include "HMLog.h"
+#include "HMLogFileManager.h"
 #include "HMLogging.h"
 #include "HMMainWindowController.h"
 #include "HMMenuBarItemController.h"
@@ -18,7 +22,9 @@
 #include "HMPreferenceStore.h"
 #include "HMPreferenceWindowController.h"
 #include "HMPreferences.h"
+#include "HMPrivacyManager.h"
 #include "HMReachabilityManager.h"
+#include "HMScreenContext.h"
 #include "HMScreenFactory.h"
 #include "HMSignalWatcher.h"
 #include "HMSleepWatcher.h"
@@ -81,6 +87,8 @@ HMAppDelegate::Collaborators HMAppDelegate::production()
         HMDaemonInstaller installer(HMDaemonManager::instance(), env);
         return installer.initializeDaemons();
     };
+    c.countryName = [](const QString &code) { return HMCountryNames::getCountryForCode(code); };
+    c.countryImage = [](const QString &code) { return HMCountryNames::imageNameForCountry(code); };
     c.hostWatcher = new HMTrayHostWatcher(QDBusConnection::sessionBus(), qApp);
     c.sleepWatcher = new HMSleepWatcher(QDBusConnection::systemBus(), qApp);
     c.notifications->setImageRenderer([](const QString &name) {
@@ -131,7 +139,11 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     initializeUI();
     startKVO();
     checkSelectiveRouting();
-    HMControlInterface::registerOnSessionBus();
+    // The privacy manager follows the tunnel from the start, whether or not its pane opens.
+    HMPrivacyManager::instance();
+    if (HMControlInterface::registerOnSessionBus()) {
+        wireControlInterface(*HMControlInterface::shared());
+    }
     return true;
 }
 
@@ -177,6 +189,21 @@ void HMAppDelegate::registerForNotifications()
 
 void HMAppDelegate::initializeUI()
 {
+    HMScreenContext screens = HMScreenContext::shared();
+    screens.account = m_c.account;
+    screens.vpn = m_c.vpn;
+    screens.routing = m_c.routing;
+    screens.center = m_c.center;
+    screens.store = m_c.store;
+    screens.showPreferencesGeneral = [this] { showPreferencesGeneral(); };
+    screens.showPreferencesWisproute = [this] { showPreferencesWisproute(); };
+    screens.showDiagnostics = [this] { showDiagnostics(); };
+    screens.launchOnStartup = [] { return HMLaunchAtStartupManager::instance().launchOnStartup(); };
+    screens.setLaunchOnStartup = [](bool on) {
+        HMLaunchAtStartupManager::instance().setLaunchOnStartup(on);
+    };
+    HMScreenFactory::setContext(screens);
+
     m_mainWindow = new HMMainWindowController;
     HMMenuBarItemController::Collaborators item;
     item.vpn = m_c.vpn;
@@ -203,15 +230,14 @@ void HMAppDelegate::initializeUI()
         m_c.hostWatcher->start();
     }
 
+    // Under auto-login the keyring is often still locked here and the account reads as
+    // signed out; once it unlocks, the account is restored as if it had been there at start.
+    connect(m_c.account, &HMAccountManager::accountRestoredFromKeychain, this,
+            &HMAppDelegate::restoreSignedInAccount);
     if (m_c.account->isLoggedIn()) {
-        m_menuBarItem->showItem();
-        QPointer<HMAppDelegate> self(this);
-        m_c.account->loginGetToken(false, [self](const HMMaybeError &error) {
-            if (self) {
-                self->tokenRequestDidFinish(error);
-            }
-        });
+        restoreSignedInAccount();
     } else {
+        m_c.vpn->stopOrphanedTunnel([] {});
         m_utilityWindow->presentViewController(
             HMScreenFactory::createLaunchScreen(*m_utilityWindow),
             HMScreenPresenter::Animation::None);
@@ -223,12 +249,29 @@ void HMAppDelegate::initializeUI()
     updateTrayFallback();
 }
 
+void HMAppDelegate::restoreSignedInAccount()
+{
+    m_menuBarItem->showItem();
+    QPointer<HMAppDelegate> self(this);
+    m_c.account->loginGetToken(false, [self](const HMMaybeError &error) {
+        if (self) {
+            self->tokenRequestDidFinish(error);
+        }
+    });
+}
+
 void HMAppDelegate::tokenRequestDidFinish(const HMMaybeError &error)
 {
     if (error && error->description().contains(QLatin1String("Unknown"))) {
         m_c.account->logout();
     } else if (m_c.account->isAccountVerified()) {
-        reconnectIfNecessary();
+        // A tunnel an earlier run left (crash, kill) is stopped before deciding to reconnect.
+        QPointer<HMAppDelegate> self(this);
+        m_c.vpn->stopOrphanedTunnel([self] {
+            if (self) {
+                self->reconnectIfNecessary();
+            }
+        });
     } else {
         m_utilityWindow->presentViewController(
             HMScreenFactory::createVerifyEmailScreen(*m_utilityWindow),
@@ -303,6 +346,9 @@ void HMAppDelegate::quitHandler()
     HMLogError(QStringLiteral("Quitting..."));
     m_c.account->setShouldReconnect(m_c.vpn->state() == VPNState::Connected);
     m_c.vpn->disconnect();
+    // The asynchronous disconnect would die with the process: write the helper's stop
+    // requests now (bounded, no reply awaited) so no OpenVPN outlives the application.
+    m_c.vpn->stopBeforeExit();
     m_c.account->synchronize();
     m_c.store->sync();
 }
@@ -333,4 +379,63 @@ void HMAppDelegate::reconnectIfNecessary()
     if (m_c.account->shouldReconnect() && m_c.reachable && m_c.reachable()) {
         m_c.vpn->connect();
     }
+}
+
+void HMAppDelegate::wireControlInterface(HMControlInterface &control)
+{
+    control.setDomainCleaner(&HMDomainListEditor::validateDomain);
+    control.setDiagnosticsSender(
+        [](const QString &feedback, const HMControlInterface::Completion &done) {
+            // After a helper error the collection completes twice, the error first; the
+            // caller on the bus gets one answer, the upload's.
+            auto answered = std::make_shared<bool>(false);
+            HMLogFileManager::instance().sendLogsWithFeedback(
+                feedback, [done, answered](const HMMaybeError &error) {
+                    if (!*answered) {
+                        *answered = true;
+                        done(error);
+                    }
+                });
+        });
+    HMPrivacyManager &privacy = HMPrivacyManager::instance();
+    control.setPrivacyBackend(
+        [&privacy] {
+            QVariantMap blocked{{QStringLiteral("Facebook"), privacy.numFacebookBlocked()},
+                                {QStringLiteral("Twitter"), privacy.numTwitterBlocked()},
+                                {QStringLiteral("LinkedIn"), privacy.numLinkedinBlocked()}};
+            for (const QVariant &category : privacy.blockedContent()) {
+                const QVariantMap node = category.toMap();
+                uint total = 0;
+                for (const QVariant &item : node.value(QStringLiteral("children")).toList()) {
+                    total += item.toMap().value(QStringLiteral("count")).toUInt();
+                }
+                blocked.insert(node.value(QStringLiteral("name")).toString(), total);
+            }
+            return QVariantMap{{QStringLiteral("enabled"), privacy.isEnabled()},
+                               {QStringLiteral("facebook"), privacy.isFacebookEnabled()},
+                               {QStringLiteral("twitter"), privacy.isTwitterEnabled()},
+                               {QStringLiteral("linkedin"), privacy.isLinkedinEnabled()},
+                               {QStringLiteral("blocked"), blocked}};
+        },
+        [&privacy](const QString &filter, bool on, const HMControlInterface::Completion &done) {
+            // The service's answer is only logged, as for the pane's switches.
+            if (filter.isEmpty()) {
+                privacy.setEnabled(on);
+            } else if (filter == QLatin1String("facebook")) {
+                privacy.setFacebookEnabled(on);
+            } else if (filter == QLatin1String("twitter")) {
+                privacy.setTwitterEnabled(on);
+            } else if (filter == QLatin1String("linkedin")) {
+                privacy.setLinkedinEnabled(on);
+            }
+            done(HMMaybeError());
+        });
+    for (auto signal :
+         {&HMPrivacyManager::enabledChanged, &HMPrivacyManager::facebookEnabledChanged,
+          &HMPrivacyManager::twitterEnabledChanged, &HMPrivacyManager::linkedinEnabledChanged}) {
+        connect(&privacy, signal, &control, &HMControlInterface::refresh);
+    }
+    connect(&privacy, &HMPrivacyManager::countersChanged, &control, &HMControlInterface::refresh);
+    connect(&privacy, &HMPrivacyManager::blockedContentChanged, &control,
+            &HMControlInterface::refresh);
 }

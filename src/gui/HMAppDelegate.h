@@ -25,6 +25,7 @@
 
 class HMAccountManager;
 class HMClock;
+class HMControlInterface;
 class HMDaemonManager;
 class HMInstanceGuard;
 class HMMainWindowController;
@@ -115,6 +116,8 @@ private:
     void initializeUI();
     void startKVO();
     void checkSelectiveRouting();
+    void wireControlInterface(HMControlInterface &control);
+    void restoreSignedInAccount();
     void tokenRequestDidFinish(const HMMaybeError &error);
     void updateTrayFallback();
     void applicationStateChanged(Qt::ApplicationState state);

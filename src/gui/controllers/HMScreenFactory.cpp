@@ -9,6 +9,8 @@
 #include "HMLogFileManager.h"
 #include "HMLoginViewController.h"
 #include "HMMainViewController.h"
+#include "HMPrivacyManager.h"
+#include "HMPrivacyViewController.h"
 #include "HMScreenContext.h"
 #include "HMVPNManager.h"
 #include "HMVerifyEmailViewController.h"
@@ -57,8 +59,7 @@ QWidget *createVerifyEmailScreen(HMScreenPresenter &presenter)
 
 QWidget *createDiagnosticsScreen(HMScreenPresenter &presenter)
 {
-    return new HMDiagnosticsViewController(presenter, HMLogFileManager::instance(),
-                                           *context().api);
+    return new HMDiagnosticsViewController(presenter, HMLogFileManager::instance(), *context().api);
 }
 
 QWidget *createMainPanel()
@@ -84,7 +85,8 @@ QWidget *createWisproutePane()
 
 QWidget *createPrivacyPane()
 {
-    return nullptr;
+    const HMScreenContext screens = context();
+    return new HMPrivacyViewController(HMPrivacyManager::instance(), *screens.routing, screens.vpn);
 }
 
 QWidget *createAccountPane()
