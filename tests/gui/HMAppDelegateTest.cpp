@@ -10,12 +10,16 @@
 #include "HMMainWindowController.h"
 #include "HMMenuBarItemController.h"
 #include "HMNotificationManager.h"
+#include "HMSleepWatcher.h"
 #include "HMTestEnvironment.h"
 #include "HMTrayHostWatcher.h"
 #include "HMUtilityWindowController.h"
 #include "HMVPNTestRig.h"
 
 #include <QApplication>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusReply>
 #include <QLabel>
 #include <QScreen>
 #include <QtTest>
@@ -33,6 +37,7 @@ struct Shell
     std::unique_ptr<HMDaemonManager> daemon;
     std::unique_ptr<HMNotificationManager> notifications;
     std::unique_ptr<HMTrayHostWatcher> hostWatcher;
+    std::unique_ptr<HMSleepWatcher> sleepWatcher;
     std::unique_ptr<HMAppDelegate> delegate;
     QStringList delivered; // "title|text"
     bool reachable = true;
@@ -77,6 +82,7 @@ struct Shell
                 return installError;
             };
             c.hostWatcher = hostWatcher.get();
+            c.sleepWatcher = sleepWatcher.get();
             c.countryName = [](const QString &code) {
                 return QHash<QString, QString>{{"US", "United States"}, {"DE", "Germany"}}.value(
                     code);
@@ -120,6 +126,7 @@ private Q_SLOTS:
     void sessionNotificationsDriveTheWindows();
     void quitAndWakeFollowTheTunnel_data();
     void quitAndWakeFollowTheTunnel();
+    void sleepDisconnectsFirstAndWakeReconnects();
     void trayLessProgramIsSingleAndQuitsOnSignal();
 
 private:
@@ -334,6 +341,44 @@ void HMAppDelegateTest::quitAndWakeFollowTheTunnel()
     shell.rig.states.clear();
     shell.delegate->wakeHandler();
     QCOMPARE(shell.rig.states.contains(VPNState::Connecting), reconnects);
+}
+
+void HMAppDelegateTest::sleepDisconnectsFirstAndWakeReconnects()
+{
+    QProcess logind;
+    logind.start(HMTestEnvironment::buildDir() + "/tests/gui/hm-fake-logind", {});
+    QVERIFY(logind.waitForStarted());
+    QTRY_VERIFY(
+        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.login1"));
+    QDBusInterface manager("org.freedesktop.login1", "/org/freedesktop/login1",
+                           "org.freedesktop.login1.Manager");
+    auto held = [&] { return QDBusReply<bool>(manager.call("InhibitorHeld")).value(); };
+
+    Shell shell;
+    shell.sleepWatcher = std::make_unique<HMSleepWatcher>(QDBusConnection::sessionBus());
+    QVERIFY(shell.start());
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QTRY_VERIFY(shell.sleepWatcher->holdsInhibitor());
+    QVERIFY(held());
+    shell.rig.vpn->setState(VPNState::Connected);
+    shell.rig.helper.held << "stopVPN"; // the helper takes its time with it
+
+    manager.call("Sleep", true);
+    QTRY_VERIFY(!shell.rig.helper.requests.isEmpty());
+    QCOMPARE(shell.rig.helper.requests.first().action, QString("stopVPN"));
+    QVERIFY(shell.world.account->shouldReconnect());
+    QVERIFY(held()); // sleep waits for the disconnect
+    shell.rig.helper.release("stopVPN");
+    QTRY_VERIFY(!held());
+
+    shell.rig.states.clear();
+    manager.call("Sleep", false);
+    QTRY_VERIFY(shell.rig.states.contains(VPNState::Connecting));
+    QTRY_VERIFY(held()); // taken again for the next sleep
+
+    shell.delegate.reset();
+    logind.kill();
+    logind.waitForFinished();
 }
 
 void HMAppDelegateTest::trayLessProgramIsSingleAndQuitsOnSignal()
