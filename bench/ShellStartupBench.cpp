@@ -35,6 +35,7 @@ struct Figures
     long rssKiB = 0;
     long pssKiB = 0;
     double wakeupsPerSecond = 0;
+    int threads = 0;
 };
 
 // Items registered with the watcher, with the time each arrived since the launch.
@@ -185,14 +186,17 @@ int main(int argc, char **argv)
     watcher.waitForFinished();
 
     std::printf("idle window: %d s\n", idleSeconds);
-    std::printf("| program | icon registered (ms) | RSS (MiB) | PSS (MiB) | wakeups/s idle |\n");
-    std::printf("|---|---|---|---|---|\n");
+    std::printf(
+        "| program | icon registered (ms) | RSS (MiB) | PSS (MiB) | wakeups/s idle | threads |\n");
+    std::printf("|---|---:|---:|---:|---:|---:|\n");
     for (const auto &[name, f] : {std::pair{"minimal Qt tray program", minimal},
                                   std::pair{"Hollowmere (signed in, disconnected)", shell}}) {
-        std::printf("| %s | %.0f | %.1f | %.1f | %.2f |\n", name, f.registeredMs,
-                    double(f.rssKiB) / 1024.0, double(f.pssKiB) / 1024.0, f.wakeupsPerSecond);
+        std::printf("| %s | %.0f | %.1f | %.1f | %.2f | %d |\n", name, f.registeredMs,
+                    double(f.rssKiB) / 1024.0, double(f.pssKiB) / 1024.0, f.wakeupsPerSecond,
+                    f.threads);
     }
-    std::printf("memory ratio (PSS): %.2f\n", double(shell.pssKiB) / double(minimal.pssKiB));
+    std::printf("memory ratio: RSS %.2f, PSS %.2f\n", double(shell.rssKiB) / double(minimal.rssKiB),
+                double(shell.pssKiB) / double(minimal.pssKiB));
     return 0;
 }
 
