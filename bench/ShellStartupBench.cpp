@@ -133,8 +133,9 @@ Figures measure(const QString &program, const QStringList &arguments, ItemWatch 
     figures.pssKiB = smapsField(process.processId(), "Pss:");
     const QHash<QString, long> before = contextSwitches(process.processId());
     waitMs(idleSeconds * 1000);
-    figures.wakeupsPerSecond =
-        double(switchesSince(before, contextSwitches(process.processId()))) / double(idleSeconds);
+    const QHash<QString, long> after = contextSwitches(process.processId());
+    figures.threads = int(after.size());
+    figures.wakeupsPerSecond = double(switchesSince(before, after)) / double(idleSeconds);
     ::kill(pid_t(process.processId()), SIGTERM);
     process.waitForFinished(5000);
     return figures;
