@@ -3,10 +3,13 @@
 // server receives them, the windows the session notifications open, quit, and the
 // tray-less window and single instance of the real program.
 #include "HMAppDelegate.h"
+#include "HMAPIClient.h"
 #include "HMAccountWorld.h"
 #include "HMBundleInfo.h"
 #include "HMDaemonManager.h"
+#include "HMDeploymentValues.h"
 #include "HMHelperPeerProcess.h"
+#include "HMLogCapture.h"
 #include "HMMainWindowController.h"
 #include "HMMenuBarItemController.h"
 #include "HMNotificationManager.h"
@@ -63,6 +66,13 @@ struct Shell
                              delivered << title + "|" + text;
                          });
         hostWatcher = std::make_unique<HMTrayHostWatcher>(QDBusConnection::sessionBus());
+        launch();
+        return true;
+    }
+
+    // A fresh application controller over the same store, keychain and helper.
+    void launch()
+    {
         delegate = std::make_unique<HMAppDelegate>([this] {
             HMAppDelegate::Collaborators c;
             c.store = world.store.get();
@@ -90,7 +100,6 @@ struct Shell
             c.countryImage = [](const QString &code) { return "alert_" + code; };
             return c;
         });
-        return true;
     }
 
     void signIn()
@@ -126,6 +135,7 @@ private Q_SLOTS:
     void sessionNotificationsDriveTheWindows();
     void quitAndWakeFollowTheTunnel_data();
     void quitAndWakeFollowTheTunnel();
+    void nextLaunchReconnectsAfterTheTokenRequest();
     void sleepDisconnectsFirstAndWakeReconnects();
     void trayLessProgramIsSingleAndQuitsOnSignal();
 
@@ -341,6 +351,39 @@ void HMAppDelegateTest::quitAndWakeFollowTheTunnel()
     shell.rig.states.clear();
     shell.delegate->wakeHandler();
     QCOMPARE(shell.rig.states.contains(VPNState::Connecting), reconnects);
+}
+
+void HMAppDelegateTest::nextLaunchReconnectsAfterTheTokenRequest()
+{
+    Shell shell;
+    QVERIFY(shell.start());
+    shell.signIn();
+    shell.world.account->setAccountVerified(true);
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    shell.rig.vpn->setState(VPNState::Connected);
+    shell.delegate->quitHandler();
+
+    // The next launch over the same store and keychain. Its token request fails at once (no
+    // network as far as the API client knows) without saying "Unknown", so the verified
+    // account reconnects once the request has answered.
+    shell.rig.vpn->setState(VPNState::Disconnected);
+    HMAPIClient api(
+        HMDeploymentValues::builtIn(), [] { return false; }, shell.rig.clock, shell.world.center);
+    shell.world.account->setAPIClient(&api);
+    HMLogCapture log;
+    bool answeredBeforeConnecting = false;
+    QObject::connect(shell.rig.vpn.get(), &HMVPNManager::stateChanged, [&](VPNState, VPNState now) {
+        if (now == VPNState::Connecting) {
+            answeredBeforeConnecting = log.contains("No internet connection");
+        }
+    });
+    shell.delegate.reset();
+    shell.launch();
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.delegate->menuBarItemController()->isItemShown());
+    QTRY_VERIFY(shell.rig.states.contains(VPNState::Connecting));
+    QVERIFY(answeredBeforeConnecting);
+    QVERIFY(shell.world.account->isLoggedIn());
 }
 
 void HMAppDelegateTest::sleepDisconnectsFirstAndWakeReconnects()
