@@ -16,10 +16,12 @@
 
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QHash>
 #include <QProcess>
 #include <QTimer>
 #include <csignal>
@@ -33,15 +35,21 @@ struct Figures
     long rssKiB = 0;
     long pssKiB = 0;
     double wakeupsPerSecond = 0;
+    int threads = 0;
 };
 
+// Items registered with the watcher, with the time each arrived since the launch.
 class ItemWatch : public QObject
 {
     Q_OBJECT
 public:
-    QStringList items;
+    QElapsedTimer launched;
+    QList<QPair<QString, double>> items;
 public Q_SLOTS:
-    void registered(const QString &item) { items << item; }
+    void registered(const QString &item)
+    {
+        items.append({item, double(launched.nsecsElapsed()) / 1e6});
+    }
 };
 
 long smapsField(qint64 pid, const char *field)
@@ -58,9 +66,11 @@ long smapsField(qint64 pid, const char *field)
     return -1;
 }
 
-long contextSwitches(qint64 pid)
+// Context switches of each live thread. A thread that ends takes its count with it, so
+// windows are compared thread by thread.
+QHash<QString, long> contextSwitches(qint64 pid)
 {
-    long total = 0;
+    QHash<QString, long> perThread;
     const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
     for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
         QFile status(tasks.filePath(task + QStringLiteral("/status")));
@@ -69,9 +79,18 @@ long contextSwitches(qint64 pid)
         }
         for (const QByteArray &line : status.readAll().split('\n')) {
             if (line.contains("ctxt_switches:")) {
-                total += line.split(':').last().trimmed().toLong();
+                perThread[task] += line.split(':').last().trimmed().toLong();
             }
         }
+    }
+    return perThread;
+}
+
+long switchesSince(const QHash<QString, long> &before, const QHash<QString, long> &after)
+{
+    long total = 0;
+    for (auto it = after.begin(); it != after.end(); ++it) {
+        total += it.value() - before.value(it.key(), 0);
     }
     return total;
 }
@@ -90,28 +109,33 @@ Figures measure(const QString &program, const QStringList &arguments, ItemWatch 
     QProcess process;
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     watch.items.clear();
-    QElapsedTimer clock;
-    clock.start();
+    watch.launched.start();
     process.start(program, arguments);
     if (!process.waitForStarted()) {
         std::fprintf(stderr, "cannot start %s\n", qPrintable(program));
         return figures;
     }
-    const QString marker = QStringLiteral("-%1-").arg(process.processId());
-    while (clock.elapsed() < 10000) {
-        if (!watch.items.filter(marker).isEmpty()) {
-            figures.registeredMs = double(clock.nsecsElapsed()) / 1e6;
-            break;
+    // Items register under their connection's unique name: matched by process id.
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    while (watch.launched.elapsed() < 10000 && figures.registeredMs < 0) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        for (const auto &[item, arrivedMs] : std::as_const(watch.items)) {
+            const QString owner = item.section(QLatin1Char('/'), 0, 0);
+            if (bus->servicePid(owner).value() == uint(process.processId())) {
+                figures.registeredMs = arrivedMs;
+            }
         }
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 5);
     }
-    waitMs(5000); // settle: start-up work, first paints, the helper's answers
+    // Settle: start-up work, first paints, the helper's answers, and the thread pool's idle
+    // threads ending (after 30 s).
+    waitMs(35000);
     figures.rssKiB = smapsField(process.processId(), "Rss:");
     figures.pssKiB = smapsField(process.processId(), "Pss:");
-    const long before = contextSwitches(process.processId());
+    const QHash<QString, long> before = contextSwitches(process.processId());
     waitMs(idleSeconds * 1000);
-    figures.wakeupsPerSecond =
-        double(contextSwitches(process.processId()) - before) / double(idleSeconds);
+    const QHash<QString, long> after = contextSwitches(process.processId());
+    figures.threads = int(after.size());
+    figures.wakeupsPerSecond = double(switchesSince(before, after)) / double(idleSeconds);
     ::kill(pid_t(process.processId()), SIGTERM);
     process.waitForFinished(5000);
     return figures;
@@ -163,14 +187,17 @@ int main(int argc, char **argv)
     watcher.waitForFinished();
 
     std::printf("idle window: %d s\n", idleSeconds);
-    std::printf("| program | icon registered (ms) | RSS (MiB) | PSS (MiB) | wakeups/s idle |\n");
-    std::printf("|---|---|---|---|---|\n");
+    std::printf(
+        "| program | icon registered (ms) | RSS (MiB) | PSS (MiB) | wakeups/s idle | threads |\n");
+    std::printf("|---|---:|---:|---:|---:|---:|\n");
     for (const auto &[name, f] : {std::pair{"minimal Qt tray program", minimal},
                                   std::pair{"Hollowmere (signed in, disconnected)", shell}}) {
-        std::printf("| %s | %.0f | %.1f | %.1f | %.2f |\n", name, f.registeredMs,
-                    double(f.rssKiB) / 1024.0, double(f.pssKiB) / 1024.0, f.wakeupsPerSecond);
+        std::printf("| %s | %.0f | %.1f | %.1f | %.2f | %d |\n", name, f.registeredMs,
+                    double(f.rssKiB) / 1024.0, double(f.pssKiB) / 1024.0, f.wakeupsPerSecond,
+                    f.threads);
     }
-    std::printf("memory ratio (PSS): %.2f\n", double(shell.pssKiB) / double(minimal.pssKiB));
+    std::printf("memory ratio: RSS %.2f, PSS %.2f\n", double(shell.rssKiB) / double(minimal.rssKiB),
+                double(shell.pssKiB) / double(minimal.pssKiB));
     return 0;
 }
 

@@ -82,6 +82,15 @@ HMAppDelegate::Collaborators HMAppDelegate::production()
             [](bool, const HMMaybeError &) {});
     };
     c.initializeDaemons = [] {
+        // A helper of one's own (the demo's lab, a development tree) is not the installed
+        // one and cannot pass the installation checks; it still checks every caller itself.
+        if (!qEnvironmentVariableIsEmpty("HOLLOWMERE_HELPER_SOCKET")) {
+            HMDaemonManager::instance().createCommandQueue();
+            HMLogError(QStringLiteral("Using the helper at %1 as given; its installation is not "
+                                      "checked")
+                           .arg(qEnvironmentVariable("HOLLOWMERE_HELPER_SOCKET")));
+            return HMMaybeError();
+        }
         HMDaemonInstaller::Environment env = HMDaemonInstaller::Environment::production();
         env.retryDialog = showHelperRetryDialogDidPressGoBack;
         HMDaemonInstaller installer(HMDaemonManager::instance(), env);

@@ -3,19 +3,26 @@
 // server receives them, the windows the session notifications open, quit, and the
 // tray-less window and single instance of the real program.
 #include "HMAppDelegate.h"
+#include "HMAPIClient.h"
 #include "HMAccountWorld.h"
 #include "HMBundleInfo.h"
 #include "HMDaemonManager.h"
+#include "HMDeploymentValues.h"
 #include "HMHelperPeerProcess.h"
+#include "HMLogCapture.h"
 #include "HMMainWindowController.h"
 #include "HMMenuBarItemController.h"
 #include "HMNotificationManager.h"
+#include "HMSleepWatcher.h"
 #include "HMTestEnvironment.h"
 #include "HMTrayHostWatcher.h"
 #include "HMUtilityWindowController.h"
 #include "HMVPNTestRig.h"
 
 #include <QApplication>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusReply>
 #include <QLabel>
 #include <QScreen>
 #include <QtTest>
@@ -33,6 +40,7 @@ struct Shell
     std::unique_ptr<HMDaemonManager> daemon;
     std::unique_ptr<HMNotificationManager> notifications;
     std::unique_ptr<HMTrayHostWatcher> hostWatcher;
+    std::unique_ptr<HMSleepWatcher> sleepWatcher;
     std::unique_ptr<HMAppDelegate> delegate;
     QStringList delivered; // "title|text"
     bool reachable = true;
@@ -58,6 +66,13 @@ struct Shell
                              delivered << title + "|" + text;
                          });
         hostWatcher = std::make_unique<HMTrayHostWatcher>(QDBusConnection::sessionBus());
+        launch();
+        return true;
+    }
+
+    // A fresh application controller over the same store, keychain and helper.
+    void launch()
+    {
         delegate = std::make_unique<HMAppDelegate>([this] {
             HMAppDelegate::Collaborators c;
             c.store = world.store.get();
@@ -77,6 +92,7 @@ struct Shell
                 return installError;
             };
             c.hostWatcher = hostWatcher.get();
+            c.sleepWatcher = sleepWatcher.get();
             c.countryName = [](const QString &code) {
                 return QHash<QString, QString>{{"US", "United States"}, {"DE", "Germany"}}.value(
                     code);
@@ -84,7 +100,6 @@ struct Shell
             c.countryImage = [](const QString &code) { return "alert_" + code; };
             return c;
         });
-        return true;
     }
 
     void signIn()
@@ -120,6 +135,8 @@ private Q_SLOTS:
     void sessionNotificationsDriveTheWindows();
     void quitAndWakeFollowTheTunnel_data();
     void quitAndWakeFollowTheTunnel();
+    void nextLaunchReconnectsAfterTheTokenRequest();
+    void sleepDisconnectsFirstAndWakeReconnects();
     void trayLessProgramIsSingleAndQuitsOnSignal();
 
 private:
@@ -334,6 +351,77 @@ void HMAppDelegateTest::quitAndWakeFollowTheTunnel()
     shell.rig.states.clear();
     shell.delegate->wakeHandler();
     QCOMPARE(shell.rig.states.contains(VPNState::Connecting), reconnects);
+}
+
+void HMAppDelegateTest::nextLaunchReconnectsAfterTheTokenRequest()
+{
+    Shell shell;
+    QVERIFY(shell.start());
+    shell.signIn();
+    shell.world.account->setAccountVerified(true);
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    shell.rig.vpn->setState(VPNState::Connected);
+    shell.delegate->quitHandler();
+
+    // The next launch over the same store and keychain. Its token request fails at once (no
+    // network as far as the API client knows) without saying "Unknown", so the verified
+    // account reconnects once the request has answered.
+    shell.rig.vpn->setState(VPNState::Disconnected);
+    HMAPIClient api(
+        HMDeploymentValues::builtIn(), [] { return false; }, shell.rig.clock, shell.world.center);
+    shell.world.account->setAPIClient(&api);
+    HMLogCapture log;
+    bool answeredBeforeConnecting = false;
+    QObject::connect(shell.rig.vpn.get(), &HMVPNManager::stateChanged, [&](VPNState, VPNState now) {
+        if (now == VPNState::Connecting) {
+            answeredBeforeConnecting = log.contains("No internet connection");
+        }
+    });
+    shell.delegate.reset();
+    shell.launch();
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.delegate->menuBarItemController()->isItemShown());
+    QTRY_VERIFY(shell.rig.states.contains(VPNState::Connecting));
+    QVERIFY(answeredBeforeConnecting);
+    QVERIFY(shell.world.account->isLoggedIn());
+}
+
+void HMAppDelegateTest::sleepDisconnectsFirstAndWakeReconnects()
+{
+    QProcess logind;
+    logind.start(HMTestEnvironment::buildDir() + "/tests/gui/hm-fake-logind", {});
+    QVERIFY(logind.waitForStarted());
+    QTRY_VERIFY(
+        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.login1"));
+    QDBusInterface manager("org.freedesktop.login1", "/org/freedesktop/login1",
+                           "org.freedesktop.login1.Manager");
+    auto held = [&] { return QDBusReply<bool>(manager.call("InhibitorHeld")).value(); };
+
+    Shell shell;
+    shell.sleepWatcher = std::make_unique<HMSleepWatcher>(QDBusConnection::sessionBus());
+    QVERIFY(shell.start());
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QTRY_VERIFY(shell.sleepWatcher->holdsInhibitor());
+    QVERIFY(held());
+    shell.rig.vpn->setState(VPNState::Connected);
+    shell.rig.helper.held << "stopVPN"; // the helper takes its time with it
+
+    manager.call("Sleep", true);
+    QTRY_VERIFY(!shell.rig.helper.requests.isEmpty());
+    QCOMPARE(shell.rig.helper.requests.first().action, QString("stopVPN"));
+    QVERIFY(shell.world.account->shouldReconnect());
+    QVERIFY(held()); // sleep waits for the disconnect
+    shell.rig.helper.release("stopVPN");
+    QTRY_VERIFY(!held());
+
+    shell.rig.states.clear();
+    manager.call("Sleep", false);
+    QTRY_VERIFY(shell.rig.states.contains(VPNState::Connecting));
+    QTRY_VERIFY(held()); // taken again for the next sleep
+
+    shell.delegate.reset();
+    logind.kill();
+    logind.waitForFinished();
 }
 
 void HMAppDelegateTest::trayLessProgramIsSingleAndQuitsOnSignal()

@@ -12,11 +12,7 @@ class HMScreenPresenter
 {
 public:
     // Style 2 is the slide the log-out flow asks for; 0 swaps the screen at once.
-    enum class Animation
-    {
-        None = 0,
-        Slide = 2
-    };
+    enum class Animation { None = 0, Slide = 2 };
 
     virtual ~HMScreenPresenter() = default;
 
