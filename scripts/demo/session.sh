@@ -22,7 +22,8 @@ export HOME="$home" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" \
     XDG_STATE_HOME="$home/state" XDG_CACHE_HOME="$home/cache" XDG_RUNTIME_DIR="$home/runtime"
 # Point the application at the lab: the reference service and the lab's helper.
 cp "$LAB_SERVICE_DEPLOYMENT" "$home/config/hollowmere/deployment.json"
-export HOLLOWMERE_HELPER_SOCKET="$LAB_HELPER_SOCKET" HOLLOWMERE_HELPER_RESOURCES="$LAB_HELPER_RESOURCES"
+export HOLLOWMERE_HELPER_SOCKET="$LAB_HELPER_SOCKET" HOLLOWMERE_HELPER_RESOURCES="$LAB_HELPER_RESOURCES" \
+    HOLLOWMERE_HELPER_MANAGEMENT="$LAB_HELPER_MANAGEMENT"
 
 pids=()
 stop_all() {

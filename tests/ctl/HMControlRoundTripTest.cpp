@@ -121,6 +121,8 @@ private Q_SLOTS:
         QVERIFY(QFile::copy(lab("LAB_SERVICE_DEPLOYMENT"), config + "/deployment.json"));
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("HOLLOWMERE_HELPER_SOCKET"), lab("LAB_HELPER_SOCKET"));
+        environment.insert(QStringLiteral("HOLLOWMERE_HELPER_MANAGEMENT"),
+                           lab("LAB_HELPER_MANAGEMENT"));
         environment.insert(QStringLiteral("HOLLOWMERE_HELPER_RESOURCES"),
                            lab("LAB_HELPER_RESOURCES"));
         m_app.setProcessEnvironment(environment);
@@ -196,9 +198,8 @@ private Q_SLOTS:
         QTest::newRow("country") << QStringList{"country", "US"} << 1 << "Not signed in";
         QTest::newRow("logout") << QStringList{"logout"} << 1 << "Not signed in";
         QTest::newRow("routing") << QStringList{"routing", "include"} << 1 << "Not signed in";
-        // Not in this build's application yet: the command line says so.
-        QTest::newRow("privacy") << QStringList{"privacy", "on"} << 4 << "privacy";
-        QTest::newRow("report") << QStringList{"report", "it broke"} << 4 << "diagnostics";
+        QTest::newRow("privacy") << QStringList{"privacy", "on"} << 1 << "Not signed in";
+        QTest::newRow("report") << QStringList{"report", "it broke"} << 1 << "Not signed in";
     }
 
     void signedOutRefusals()

@@ -406,9 +406,11 @@ void HMAppDelegateTest::sleepDisconnectsFirstAndWakeReconnects()
     shell.rig.vpn->setState(VPNState::Connected);
     shell.rig.helper.held << "stopVPN"; // the helper takes its time with it
 
+    // Start-up's own requests (the orphaned-tunnel stop among them) are not the sleep's.
+    const qsizetype before = shell.rig.helper.requests.size();
     manager.call("Sleep", true);
-    QTRY_VERIFY(!shell.rig.helper.requests.isEmpty());
-    QCOMPARE(shell.rig.helper.requests.first().action, QString("stopVPN"));
+    QTRY_VERIFY(shell.rig.helper.requests.size() > before);
+    QCOMPARE(shell.rig.helper.requests.at(before).action, QString("stopVPN"));
     QVERIFY(shell.world.account->shouldReconnect());
     QVERIFY(held()); // sleep waits for the disconnect
     shell.rig.helper.release("stopVPN");

@@ -3,13 +3,16 @@
 #include "HMClock.h"
 #include "HMDeploymentValues.h"
 #include "HMNetlinkReachabilitySource.h"
+#include "HMOpenVPNArgumentForms.h"
 #include "HMSecretServiceKeychain.h"
 #include "HMTestEnvironment.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSslConfiguration>
 #include <QTest>
+#include <unistd.h>
 
 QString HMVPNLabClient::lab(const char *fact)
 {
@@ -51,6 +54,11 @@ bool HMVPNLabClient::setUp(QString *why)
     service.attach(control.section(QLatin1Char(':'), 0, 0),
                    control.section(QLatin1Char(':'), 1).toInt());
 
+    // The lab's service authority stands in for one the system trusts.
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.addCaCertificates(lab("LAB_SERVICE_CA"));
+    QSslConfiguration::setDefaultConfiguration(tls);
+
     store = std::make_unique<HMPreferenceStore>(home->filePath(QStringLiteral("prefs.json")));
     routing = std::make_unique<HMWisprouteManager>(*store);
     account = std::make_unique<HMAccountManager>(*store, HMSecretServiceKeychain::shared(),
@@ -81,6 +89,8 @@ bool HMVPNLabClient::setUp(QString *why)
     c.helper = helper.get();
     c.routing = routingAdapter.get();
     c.notifications = &center;
+    c.managementSocket =
+        HMOpenVPNArgumentForms::managementSocketPath(lab("LAB_HELPER_MANAGEMENT"), ::getuid());
     // The cases choose a country, so the closest-server test never runs; it is wired anyway.
     closest = std::make_unique<HMClosestServerManager>(account.get(), HMClock::system(),
                                                        lab("LAB_SERVICE_DOMAIN"));

@@ -437,5 +437,9 @@ void HMControlInterface::SendReport(const QString &feedback)
                QStringLiteral("This build of Hollowmere cannot send diagnostics"));
         return;
     }
+    // The service files a report under the signed-in user's name; without one it has no owner.
+    if (refuseUnlessSignedIn()) {
+        return;
+    }
     m_sendDiagnostics(feedback, replyLater());
 }

@@ -6,6 +6,7 @@
 #include "HMDaemonManager.h"
 #include "HMLog.h"
 #include "HMNotificationCenter.h"
+#include "HMOpenVPNArgumentForms.h"
 #include "HMReachabilityManager.h"
 #include "HMVPNAccountAdapter.h"
 #include "HMVPNAccountSource.h"
@@ -20,6 +21,8 @@
 
 #include <QLocalSocket>
 #include <QPointer>
+
+#include <unistd.h>
 
 const QString HMVPNManager::kDidStartConnectingNotification =
     QStringLiteral("HMVPNDidStartConnectingNotification");
@@ -66,6 +69,13 @@ HMVPNManager &HMVPNManager::instance()
         c.helper = &helper;
         c.routing = &routing;
         c.closest = &HMClosestServerManager::instance();
+        // Beside HOLLOWMERE_HELPER_SOCKET: a helper of one's own keeps OpenVPN's management
+        // sockets in its own directory. The socket there still admits only this user.
+        const QString managementDirectory = qEnvironmentVariable("HOLLOWMERE_HELPER_MANAGEMENT");
+        if (!managementDirectory.isEmpty()) {
+            c.managementSocket =
+                HMOpenVPNArgumentForms::managementSocketPath(managementDirectory, ::getuid());
+        }
         auto *vpn = new HMVPNManager(c);
         account->setParent(vpn);
         reachability->setParent(vpn);

@@ -33,6 +33,7 @@
 #include <QJsonObject>
 #include <QNetworkInterface>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QSslConfiguration>
 #include <QTest>
 #include <QUdpSocket>
@@ -199,6 +200,7 @@ private:
     std::unique_ptr<HMReachabilityManager> m_reachability;
     std::unique_ptr<HMAPIClient> m_api;
     std::unique_ptr<HMDaemonManager> m_daemon;
+    bool m_proxyInstalled = false;
     std::unique_ptr<HMVPNAccountAdapter> m_accountAdapter;
     std::unique_ptr<HMVPNReachabilityAdapter> m_reachabilityAdapter;
     std::unique_ptr<HMVPNDaemonAdapter> m_helper;
@@ -346,7 +348,10 @@ private Q_SLOTS:
         bool checked = false;
         m_daemon->stopDNSProxy([this, &checked](const QVariantMap &, const HMMaybeError &) {
             m_daemon->checkDNSPortOpen(
-                [&checked](const QVariantMap &, const HMMaybeError &) { checked = true; });
+                [this, &checked](const QVariantMap &, const HMMaybeError &error) {
+                    m_proxyInstalled = !error;
+                    checked = true;
+                });
         });
         QTRY_VERIFY_WITH_TIMEOUT(checked, 10000);
         m_routing->setSupported(false);
@@ -576,6 +581,10 @@ private Q_SLOTS:
         m_routing->saveDomainsInFileWithExclusion(false);
         m_routing->setArrayDomainsExclusion({QStringLiteral("listed.lab.test")});
         m_routing->saveDomainsInFileWithExclusion(true);
+        // The one case on the selective form: the lab's helper has the DNS proxy installed.
+        QVERIFY2(m_proxyInstalled, "the helper reported the DNS proxy unusable");
+        m_routing->setSupported(true);
+        const auto fullFormAgain = qScopeGuard([this] { m_routing->setSupported(false); });
         HMDomainListEditor editor(*m_routing, [this] { return m_vpn->isConnected(); });
         editor.chooseTag(HMDomainListEditor::TagInclusion);
 
