@@ -17,6 +17,8 @@ else
   extra=()
 fi
 
+# A compiler cache makes building the same sources again cheap (a second run, a warm machine).
+command -v ccache >/dev/null && extra+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S . -B "$build" -G Ninja "${extra[@]}" >/dev/null
 cmake --build "$build" -j "$(nproc)"
 cd "$build"

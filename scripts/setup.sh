@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   # build
-  build-essential cmake ninja-build pkg-config clang-format
+  build-essential cmake ninja-build pkg-config clang-format ccache
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev libgl-dev
   libsecret-1-dev libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
   libssl-dev libcpp-httplib-dev
