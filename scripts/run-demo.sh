@@ -31,7 +31,7 @@ bash scripts/setup.sh
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S . -B build -G Ninja "${launcher[@]}" >/dev/null
-cmake --build build -j "$(nproc)" --target hollowmere hollowmerectl hmwispd hm-refservice
+cmake --build build -j "$(nproc)" --target hollowmere hollowmerectl hmwispd wisproute hm-refservice
 
 name="hmdemo$$"
 dir="/tmp/$name"
@@ -60,7 +60,7 @@ trap 'exit 130' INT TERM
 
 say "Bringing up the VPN lab ($name)"
 facts=$("${lab[@]}" up --name "$name" --dir "$dir" --service build/testing/refservice/hm-refservice \
-    --helper build/src/helper/hmwispd --user "$user" --password "$password")
+    --helper build/src/helper/hmwispd --wisproute build/src/wisproute/wisproute --user "$user" --password "$password")
 while IFS= read -r fact; do
     # shellcheck disable=SC2163 # the fact is NAME=VALUE
     case "$fact" in LAB_*=*) export "$fact" ;; esac

@@ -46,8 +46,11 @@ if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
     "${trusted[@]}" build/src/gui/hollowmere >"$home/app.log" 2>&1 &
     where="on your desktop"
 else
-    xvfb-run -a -s "-screen 0 1280x800x24" "${trusted[@]}" build/src/gui/hollowmere \
-        >"$home/app.log" 2>&1 &
+    # The notification server the bus starts on demand must find the same display.
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    xvfb-run -a -s "-screen 0 1280x800x24" sh -c \
+        'dbus-update-activation-environment DISPLAY XAUTHORITY; exec "$@"' sh \
+        "${trusted[@]}" build/src/gui/hollowmere >"$home/app.log" 2>&1 &
     where="on a virtual display (no desktop session here)"
 fi
 pids+=($!)
