@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -225,6 +226,34 @@ private Q_SLOTS:
                  QStringLiteral("Disconnected"));
         QCOMPARE(ctl({QStringLiteral("countries")}).out, QStringLiteral("* US\n  GB\n  DE\n"));
         expect({QStringLiteral("login"), lab("LAB_USER")}, 1, QStringLiteral("Already signed in"));
+    }
+
+    // Signed in: the privacy switches reach the privacy manager and a report reaches the
+    // service under the account, with the user's words and the collected logs.
+    void privacyAndReportWhileSignedIn()
+    {
+        const auto privacy = [this] {
+            return status().value(QStringLiteral("Privacy")).toObject();
+        };
+        expect({QStringLiteral("privacy"), QStringLiteral("on")}, 0, QString());
+        QTRY_VERIFY(privacy().value(QStringLiteral("enabled")).toBool());
+        expect({QStringLiteral("privacy"), QStringLiteral("twitter"), QStringLiteral("off")}, 0,
+               QString());
+        QTRY_VERIFY(!privacy().value(QStringLiteral("twitter")).toBool());
+        expect({QStringLiteral("privacy"), QStringLiteral("myspace"), QStringLiteral("on")}, 1,
+               QStringLiteral("Unknown filter"));
+        expect({QStringLiteral("privacy"), QStringLiteral("off")}, 0, QString());
+        QTRY_VERIFY(!privacy().value(QStringLiteral("enabled")).toBool());
+
+        const qsizetype before = m_service.uploads().size();
+        expect({QStringLiteral("report"), QStringLiteral("the tunnel dropped twice")}, 0,
+               QStringLiteral("sent"));
+        const QJsonArray uploads = m_service.uploads();
+        QCOMPARE(uploads.size(), before + 1);
+        const QJsonObject upload = uploads.last().toObject();
+        QCOMPARE(upload.value(QStringLiteral("feedback")).toString(),
+                 QStringLiteral("the tunnel dropped twice"));
+        QCOMPARE(upload.value(QStringLiteral("username")).toString(), lab("LAB_USER"));
     }
 
     void accountAndRoutingCommands_data()
