@@ -18,7 +18,7 @@ namespace {
 const QString kService = QStringLiteral("org.freedesktop.Notifications");
 const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
 
-// The "image-data" hint: raw RGBA rows, as the notification specification lays them out.
+// The "image-data" hint: raw RGBA rows, as the desktop notification protocol lays them out.
 struct HMNotificationImage
 {
     int width = 0;
