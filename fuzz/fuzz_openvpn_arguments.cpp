@@ -35,7 +35,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         return 0;
     }
-    const QStringList built = HMOpenVPNArguments::build(*launch, config, QStringLiteral("/run/x"));
+    const HMOpenVPNArguments::Management management{QStringLiteral("/run/m/1000/management"),
+                                                    QStringLiteral("someone")};
+    const QStringList built =
+        HMOpenVPNArguments::build(*launch, config, management, QStringLiteral("/run/x"));
     // The helper's own head, one "--setenv" (its own, last), no code loading, no daemon.
     if (built.size() < 2 || built.at(0) != QLatin1String("--cd") ||
         built.at(1) != config.resourceDir || built.count(QStringLiteral("--setenv")) != 1 ||
