@@ -22,7 +22,4 @@ command -v ccache >/dev/null && extra+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S . -B "$build" -G Ninja "${extra[@]}" >/dev/null
 cmake --build "$build" -j "$(nproc)"
 cd "$build"
-# A failing test gets one more run before it counts: several suites drive real processes
-# against wall-clock deadlines, and a shared machine can starve one of them once. A fault
-# that repeats still fails the run, and the first failure stays in the output.
-ctest --output-on-failure -j "$(nproc)" --timeout 600 --repeat until-pass:2
+ctest --output-on-failure -j "$(nproc)" --timeout 600

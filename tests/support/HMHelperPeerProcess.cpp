@@ -4,7 +4,6 @@
 
 #include <QDeadlineTimer>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QThread>
 #include <csignal>
@@ -53,15 +52,40 @@ bool HMHelperPeerProcess::start(const QString &program, const QStringList &argum
         m_error = m_process.errorString();
         return false;
     }
+    // The socket file appears at bind(), before listen(): a client that connects in between
+    // is refused. Waiting for the file alone made a test's first request fail now and then
+    // on a busy machine.
     const QDeadlineTimer deadline(10000);
-    while (!QFileInfo(m_socketPath).exists()) {
+    while (!isListening(m_socketPath)) {
         if (deadline.hasExpired() || m_process.state() == QProcess::NotRunning) {
-            m_error = QStringLiteral("the socket %1 did not appear").arg(m_socketPath);
+            m_error = QStringLiteral("the socket %1 did not start listening").arg(m_socketPath);
             return false;
         }
         QThread::msleep(10);
     }
     return true;
+}
+
+bool HMHelperPeerProcess::isListening(const QString &socketPath)
+{
+    // Connecting to find out would hand the peer a connection of its own (and end the
+    // backlog of a program that never accepts), so the kernel's table is read instead.
+    QFile table(QStringLiteral("/proc/net/unix"));
+    if (!table.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        return false;
+    }
+    constexpr quint32 kAcceptingConnections = 0x10000; // __SO_ACCEPTCON: listen() was called
+    const QByteArray path = QFile::encodeName(socketPath);
+    table.readLine(); // the column titles
+    while (!table.atEnd()) {
+        // Num RefCount Protocol Flags Type St Inode Path
+        const QList<QByteArray> fields = table.readLine().simplified().split(' ');
+        if (fields.size() >= 8 && fields.at(7) == path &&
+            (fields.at(3).toUInt(nullptr, 16) & kAcceptingConnections) != 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void HMHelperPeerProcess::stop()

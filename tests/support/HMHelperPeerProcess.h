@@ -20,9 +20,11 @@ public:
     HMHelperPeerProcess &operator=(const HMHelperPeerProcess &) = delete;
 
     static QString peerProgram();
+    // Whether a socket is bound to this path and listening, without connecting to it.
+    static bool isListening(const QString &socketPath);
 
     // Starts `program arguments` (default: the scripted peer in "serve" mode) and waits
-    // until the socket exists. False, with errorString(), if that did not happen.
+    // until the socket listens. False, with errorString(), if that did not happen.
     bool start();
     bool start(const QString &program, const QStringList &arguments);
     void stop();

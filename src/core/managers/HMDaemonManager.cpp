@@ -160,44 +160,34 @@ void HMDaemonManager::executeRequest(const QVariantMap &request, bool async,
 // Runs on the command queue.
 void HMDaemonManager::exchange(const QVariantMap &request, const ReplyCompletion &completion)
 {
-    auto deliver = [&completion](const QVariantMap &reply, const HMMaybeError &error) {
-        if (completion) {
-            dispatch_to_main([completion, reply, error] { completion(reply, error); });
-        }
-    };
-    auto fail = [&deliver](const HMWireError &wireError) {
-        const HMError error = errorFromWire(wireError);
-        HMLogError(QStringLiteral("error: %1").arg(error.description()));
-        deliver(QVariantMap(), error);
-    };
-
+    QVariantMap reply;
+    HMMaybeError error;
     HMWireMaybeError wireError;
     const int fd = unix_socket(m_paths.socketPath, &wireError);
-    if (fd < 0) {
-        fail(*wireError);
-        return;
-    }
-    {
+    if (fd >= 0) {
+        {
+            std::lock_guard<std::mutex> lock(m_inFlightMutex);
+            m_inFlightFd = fd;
+        }
+        wireError = write_data(fd, encode_dictionary(request));
+        if (!wireError) {
+            if (const std::optional<QByteArray> data = read_data(fd, &wireError)) {
+                reply = decode_variant_dictionary(*data, &wireError).value_or(QVariantMap());
+            }
+        }
         std::lock_guard<std::mutex> lock(m_inFlightMutex);
-        m_inFlightFd = fd;
+        m_inFlightFd = -1;
+        ::close(fd);
     }
-
-    wireError = write_data(fd, encode_dictionary(request));
     if (wireError) {
-        fail(*wireError);
-    } else if (const std::optional<QByteArray> data = read_data(fd, &wireError); !data) {
-        fail(*wireError);
-    } else if (const std::optional<QVariantMap> reply =
-                   decode_variant_dictionary(*data, &wireError);
-               !reply) {
-        fail(*wireError);
-    } else {
-        deliver(*reply, std::nullopt);
+        error = errorFromWire(*wireError);
+        HMLogError(QStringLiteral("error: %1").arg(error->description()));
+        reply.clear();
     }
-
-    std::lock_guard<std::mutex> lock(m_inFlightMutex);
-    m_inFlightFd = -1;
-    ::close(fd);
+    // Only once the socket is closed: whoever hears back holds no connection to the helper.
+    if (completion) {
+        dispatch_to_main([completion, reply, error] { completion(reply, error); });
+    }
 }
 
 HMDaemonManager::ReplyCompletion HMDaemonManager::statusChecked(ReplyCompletion completion)

@@ -17,7 +17,6 @@
 #include <QJsonArray>
 #include <QTemporaryDir>
 #include <QThread>
-#include <QTimer>
 #include <QtTest>
 #include <cerrno>
 #include <memory>
@@ -203,13 +202,15 @@ private Q_SLOTS:
                 << action << QJsonObject{{"reply", noStatus}} << true
                 << (raw ? QString() : "hmwisp")
                 << (raw ? QString() : "The helper answered \"\" without saying why");
-            QTest::newRow(QByteArray(name + ", not CBOR").constData())
-                << action << QJsonObject{{"behaviour", "garbage"}} << false << "wire"
-                << "payload is not valid CBOR: Invalid CBOR stream: unexpected 'break' byte";
-            QTest::newRow(QByteArray(name + ", closed without reply").constData())
-                << action << QJsonObject{{"behaviour", "close"}} << false << "sockets"
-                << "read() size failed: Connection reset by peer";
         }
+        // The transport fails alike for every action.
+        QTest::newRow("not CBOR") << "getLogs" << QJsonObject{{"behaviour", "garbage"}} << false
+                                  << "wire"
+                                  << "payload is not valid CBOR: Invalid CBOR stream: unexpected "
+                                     "'break' byte";
+        QTest::newRow("closed without reply")
+            << "stopVPN" << QJsonObject{{"behaviour", "close"}} << false << "sockets"
+            << "read() size failed: Connection reset by peer";
     }
     void replyHandling()
     {
@@ -293,14 +294,6 @@ private Q_SLOTS:
         QCOMPARE(m_peer->actions(), sent);
     }
 
-    void synchronousStopVPNReturnsAfterTheExchange()
-    {
-        m_peer->setReply("stopVPN", QJsonObject{{"status", "ok"}});
-        m_daemon->stopVPN();
-        // Recorded by the helper before it answered, so already there when stopVPN() returns.
-        QCOMPARE(m_peer->actions(), QStringList{"stopVPN"});
-    }
-
     void helperThatNeverAnswersHoldsOnlyTheQueue()
     {
         m_peer->setStep("checkDNSPortOpen", QJsonObject{{"behaviour", "silent"}});
@@ -308,12 +301,9 @@ private Q_SLOTS:
         auto blocked = run(operations().value("checkDNSPortOpen"));
         auto waiting = run(operations().value("getLogs"));
 
-        // The application keeps running: its event loop turns while the exchange hangs.
-        int ticks = 0;
-        QTimer timer;
-        connect(&timer, &QTimer::timeout, this, [&ticks] { ++ticks; });
-        timer.start(100);
-        QTRY_VERIFY_WITH_TIMEOUT(ticks >= 15, 5000); // past a 1,000 ms poll of the reader
+        // The calls returned, so the application keeps running while the exchange hangs.
+        // Absence can only be shown over time: longer than one of the reader's 1,000 ms polls.
+        QTest::qWait(1200);
         QVERIFY(!blocked->called);
         QVERIFY(!waiting->called);
         QCOMPARE(m_peer->actions(), QStringList{"checkDNSPortOpen"});
