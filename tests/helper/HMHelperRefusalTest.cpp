@@ -212,15 +212,6 @@ private Q_SLOTS:
         writeUserFile("good.conf", "client\nverb 3\n", 0);
         writeUserFile("nobodys.conf", "client\n", kNobody);
         writeUserFile("plugin.conf", "client\nplugin /tmp/evil.so\n", 0);
-        // Desynchronisation: files that OpenVPN and a naive checker would read differently.
-        writeUserFile(
-            "early-close.conf",
-            "<ca>\n" + QByteArray(255, 'A') + "</ca>\nplugin /tmp/evil.so\n\"<ca>\"\n</ca>\n", 0);
-        writeUserFile("never-closed.conf", "client\n<key>\nAAAA\n", 0);
-        writeUserFile("tag-in-block.conf", "<cert>\n<tls-auth>\n</cert>\n", 0);
-        writeUserFile("cr-blank.conf", "setenv\rPATH\r/tmp\r\n", 0);
-        writeUserFile("nul.conf", QByteArray("verb 3\0\nup x\n", 13), 0);
-        writeUserFile("quotes.conf", "\"<ca>\"\nAAAA\n  </ca> up x\n", 0);
         QVERIFY(QFile::link(userFile("good.conf"), userFile("link.conf")));
         QCOMPARE(::mkfifo(QFile::encodeName(userFile("fifo.conf")).constData(), 0644), 0);
         QVERIFY(QFile::copy(m_helper.openVPNPath(), userFile("openvpn-copy")));
@@ -289,19 +280,9 @@ private Q_SLOTS:
             << send(withConfigFile(userFile("link.conf"))) << "symbolic link";
         QTest::newRow("--config of a FIFO")
             << send(withConfigFile(userFile("fifo.conf"))) << "is not a regular file";
+        // Which contents are refused is the sanitiser's own suite; here, that it is applied.
         QTest::newRow("--config with plugin") << send(withConfigFile(userFile("plugin.conf")))
                                               << "line 2: directive 'plugin' is not allowed";
-        const QList<QPair<const char *, const char *>> desync = {
-            {"early-close.conf", "line 2: line is longer than 254 bytes"},
-            {"never-closed.conf", "ends inside <key>"},
-            {"tag-in-block.conf", "line 2: unexpected '<tls-auth>' inside <cert>"},
-            {"cr-blank.conf", "directive 'setenv' is not allowed"},
-            {"nul.conf", "contains a NUL byte"},
-            {"quotes.conf", "line 3: text follows </ca>"},
-        };
-        for (const auto &[file, reason] : desync) {
-            QTest::addRow("--config %s", file) << send(withConfigFile(userFile(file))) << reason;
-        }
         QCborMap extraKey = withArguments([](QStringList &) {});
         extraKey.insert(QStringLiteral("exec"), QStringLiteral("/bin/sh"));
         QTest::newRow("startVPN with an extra key")

@@ -394,18 +394,9 @@ private Q_SLOTS:
             "with token",
             [](auto &c) { c.openURLWithToken("https://www.hollowmere.test/upgrade", "abc"); },
             "https://www.hollowmere.test/upgrade?token=abc");
+        // The help host comes from the deployment values, not the site root.
         row(
             "help", [](auto &c) { c.openHelpURL(); }, "http://help.hollowmere.test/");
-        row(
-            "routing info", [](auto &c) { c.openWisprouteInfo(); },
-            "https://www.hollowmere.test/company/wisproute/");
-        row(
-            "routing unsupported", [](auto &c) { c.openWisprouteUnsupportedInfo(); },
-            "http://help.hollowmere.test/customer/portal/articles/"
-            "1491256-why-can-t-i-enable-the-wisproute-feature-");
-        row(
-            "TCP override", [](auto &c) { c.openTCPInfoURL(); },
-            "http://help.hollowmere.test/customer/portal/articles/1490779-what-is-tcp-override-");
         row(
             "any address", [](auto &c) { c.openURL("https://example.test/a?b=%20c"); },
             "https://example.test/a?b=%20c");

@@ -73,12 +73,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("code");
         QTest::addColumn<QString>("image");
         for (const auto &[code, image] : {std::pair{"US", "alert_usa"},
-                                          {"GB", "alert_uk"},
-                                          {"CA", "alert_canada"},
-                                          {"DE", "alert_germany"},
-                                          {"JP", "alert_japan"},
-                                          {"AU", "alert_australia"},
-                                          {"FR", "alert_france"},
                                           {"NL", "alert_happy"},
                                           {"us", "alert_happy"},
                                           {"Closest", "alert_happy"}}) {

@@ -53,25 +53,18 @@ private Q_SLOTS:
         QVERIFY(builtIn.webSiteRoot().startsWith("https://"));
     }
 
-    void userFileOverridesOnlyTheKeysItNames()
-    {
-        write(userFile(), json("{'serviceDomain': 'hollowmere.test', 'webSiteRoot': "
-                               "'https://www.hollowmere.test/'}"));
-        const HMDeploymentValues values = HMDeploymentValues::loadFromSearchPath();
-        QCOMPARE(values.serviceDomain(), QStringLiteral("hollowmere.test"));
-        QCOMPARE(values.webSiteRoot(), QStringLiteral("https://www.hollowmere.test"));
-        QCOMPARE(values.staticHost(), HMDeploymentValues::builtIn().staticHost());
-        QCOMPARE(values.sources(), QStringList{userFile()});
-    }
-
+    // Each file overrides only the keys it names: user over system over built in.
     void userFileWinsOverSystemFile()
     {
         write(systemFile(),
               json("{'serviceDomain': 'system.test', 'staticHost': 'files.system.test'}"));
-        write(userFile(), json("{'serviceDomain': 'user.test'}"));
+        write(userFile(),
+              json("{'serviceDomain': 'user.test', 'webSiteRoot': 'https://www.user.test/'}"));
         const HMDeploymentValues values = HMDeploymentValues::loadFromSearchPath();
         QCOMPARE(values.serviceDomain(), QStringLiteral("user.test"));
+        QCOMPARE(values.webSiteRoot(), QStringLiteral("https://www.user.test"));
         QCOMPARE(values.staticHost(), QStringLiteral("files.system.test"));
+        QCOMPARE(values.helpHost(), HMDeploymentValues::builtIn().helpHost());
         QCOMPARE(values.sources(), (QStringList{systemFile(), userFile()}));
     }
 
