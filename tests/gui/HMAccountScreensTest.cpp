@@ -86,14 +86,8 @@ private Q_SLOTS:
                                         << "secret" << true;
         QTest::newRow("five characters") << "ann@example.test"
                                          << "short" << false;
-        QTest::newRow("five-letter tld") << "ann@example.store"
-                                         << "secret" << false;
         QTest::newRow("pasted blanks") << "  ann@example.test \t"
                                        << "secret" << true;
-        QTest::newRow("non-ascii password") << "ann@example.test"
-                                            << "пароль" << true;
-        QTest::newRow("empty") << ""
-                               << "" << false;
     }
     void signInNeedsAddressAndSixCharacters()
     {
@@ -156,24 +150,19 @@ private Q_SLOTS:
     }
 
     // Each row breaks one field of a valid form; Create Account names the first failure.
+    // Which failure comes first is the form rules' own suite; here, how the screen shows it
+    // (a failure on the second field of a pair redraws the first).
     void createAccountReportsFirstFailure_data()
     {
         QTest::addColumn<int>("field");
         QTest::addColumn<QString>("value");
         QTest::addColumn<int>("redrawn");
         QTest::addColumn<QString>("message");
-        QTest::newRow("first name")
-            << int(Rules::FirstName) << "" << int(Rules::FirstName) << "First Name is required";
         QTest::newRow("last name")
             << int(Rules::LastName) << "" << int(Rules::FirstName) << "Last Name is required";
-        QTest::newRow("email") << int(Rules::Email) << "ann@example" << int(Rules::Email)
-                               << "A valid Email address is required";
         QTest::newRow("verify email")
             << int(Rules::VerifyEmail) << "ann@example.org" << int(Rules::Email)
             << "The email addresses you entered do not match";
-        QTest::newRow("password 6 characters")
-            << int(Rules::Password) << "secret" << int(Rules::Password)
-            << "The password must be at least 8 characters long";
         QTest::newRow("verify password")
             << int(Rules::VerifyPassword) << "Password1" << int(Rules::VerifyPassword)
             << "The passwords you entered do not match";
