@@ -225,8 +225,6 @@ private:
     Lab m_lab;
     HMHelperInstance m_helper;
 
-    // Starts OpenVPN through the helper and plays the application's part on the management
-    // interface until the tunnel is up.
     // Starts a tunnel through the helper and takes it to Connected over its management
     // socket. With probeForeign, other users try the socket first while OpenVPN waits in
     // management hold: in the helper's group or not, they cannot reach it; with the

@@ -109,8 +109,7 @@ private Q_SLOTS:
             QStringLiteral("127.0.0.1"), &target, outcome.success(), outcome.failure());
         QTRY_COMPARE(outcome.calls, QStringList{QStringLiteral("success")});
         QCOMPARE(outcome.hosts, QStringList{QStringLiteral("127.0.0.1")});
-        QVERIFY2(outcome.seconds > 0.0f && outcome.seconds < 0.5f,
-                 qPrintable(QString::number(outcome.seconds)));
+        QVERIFY2(outcome.seconds > 0.0f, qPrintable(QString::number(outcome.seconds)));
         // The pending time-out keeps the finished probe alive, then it goes by itself.
         QVERIFY(probe);
         QVERIFY(!probe->isRunning());
@@ -140,7 +139,9 @@ private Q_SLOTS:
         outcome.probe = probe;
         QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, QStringList{QStringLiteral("failure")}, 5000);
         QCOMPARE(outcome.hosts, QStringList{host});
-        QVERIFY2(outcome.atMs >= 990 && outcome.atMs < 1800,
+        // Not before the time-out; how late after it is up to the scheduler (the exact moment
+        // is pinned on the injected clock below).
+        QVERIFY2(outcome.atMs >= SimplePingHelper::kTimeoutMs - 10,
                  qPrintable(QString::number(outcome.atMs)));
         QCOMPARE(outcome.reason, QStringLiteral("timeout"));
         if (delayMs > 0) {
@@ -161,8 +162,8 @@ private Q_SLOTS:
         outcome.sinceGo.start();
         SimplePingHelper::ping(host, nullptr, outcome.success(), outcome.failure());
         QTRY_COMPARE(outcome.calls, QStringList{QStringLiteral("success")});
-        QVERIFY2(outcome.seconds >= 0.14f && outcome.seconds < 0.9f,
-                 qPrintable(QString::number(outcome.seconds)));
+        // The round trip is measured, not guessed: at least the host's 150 ms.
+        QVERIFY2(outcome.seconds >= 0.14f, qPrintable(QString::number(outcome.seconds)));
     }
 
     void refusedSendFailsAtOnce()
