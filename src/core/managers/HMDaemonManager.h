@@ -7,7 +7,7 @@
 // behind it in order. Reads have no overall time-out on purpose: starting OpenVPN can take
 // the helper many seconds, and a helper that accepts but never answers holds the queue
 // (never the main thread) until it closes the connection. Completions always run on the
-// main thread; the socket is closed in every outcome.
+// main thread, and only after the exchange's socket is closed, whatever the outcome.
 //
 // The queue is created by createCommandQueue() (the first step of the helper set-up at
 // start-up); using any request before that is a programming error and throws the
