@@ -8,9 +8,12 @@
 #include <QObject>
 #include <QPoint>
 #include <QPointer>
+#include <memory>
 
-class QLabel;
 class QWidget;
+namespace Ui {
+class HMMainWindowController;
+}
 
 class HMMainWindowController : public QObject
 {
@@ -38,7 +41,7 @@ private:
     void ensureContent();
 
     QPointer<QWidget> m_window;
+    std::unique_ptr<Ui::HMMainWindowController> m_ui;
     QWidget *m_content = nullptr;
-    QLabel *m_hint = nullptr;
     bool m_fallback = false;
 };

@@ -5,9 +5,13 @@
 
 #include <QObject>
 #include <QPointer>
+#include <memory>
 
 class QTabWidget;
 class QWidget;
+namespace Ui {
+class HMPreferenceWindowController;
+}
 
 class HMPreferenceWindowController : public QObject
 {
@@ -29,10 +33,12 @@ public:
     bool isWindowVisible() const;
 
     QWidget *window() const { return m_window; }
-    QTabWidget *tabs() const { return m_tabs; }
+    QTabWidget *tabs() const;
     QWidget *pane(Tab tab) const;
 
 private:
+    void placePane(Tab tab);
+
     QPointer<QWidget> m_window;
-    QTabWidget *m_tabs = nullptr;
+    std::unique_ptr<Ui::HMPreferenceWindowController> m_ui;
 };
