@@ -292,7 +292,8 @@ private Q_SLOTS:
             << false << QPoint(400, 600) << QPoint(240, 140);
         QTest::newRow("kept inside on the right") << false << QPoint(790, 24) << QPoint(480, 24);
         QTest::newRow("kept inside on the left") << false << QPoint(10, 24) << QPoint(0, 24);
-        QTest::newRow("tray-less: left where it was") << true << QPoint(790, 24) << QPoint(30, 40);
+        QTest::newRow("tray-less: left where it was, close minimises")
+            << true << QPoint(790, 24) << QPoint(30, 40);
     }
     void windowHangsFromTheIconAndClosesByItsForm()
     {
@@ -316,8 +317,10 @@ private Q_SLOTS:
         QCOMPARE(window->pos(), topLeft);
         QCOMPARE(window->windowFlags().testFlag(Qt::FramelessWindowHint), !trayLess);
 
-        // The window's own close: the popup goes; the tray-less window, the only way back
-        // into the application, is minimised instead.
+        // Escape dismisses the popup; the ordinary window keeps the key for its controls, and
+        // its own close only minimises it, the application's one way back in.
+        QTest::keyClick(controller.content(), Qt::Key_Escape);
+        QCOMPARE(controller.isWindowVisible(), trayLess);
         window->close();
         QVERIFY(!controller.isWindowVisible());
         QCOMPARE(window->isVisible(), trayLess);

@@ -5,17 +5,27 @@
 
 #include <QCloseEvent>
 #include <QGuiApplication>
+#include <QKeyEvent>
 #include <QScreen>
 
 namespace {
 
-// Closing the tray-less window only minimises it: it is the application's only door.
+// Closing the tray-less window only minimises it: it is the application's only door. The
+// popup form has no title bar, so Escape dismisses it as it dismisses a menu.
 class HMMainWindow : public QWidget
 {
 public:
     bool minimiseOnClose = false;
 
 protected:
+    void keyPressEvent(QKeyEvent *event) override
+    {
+        if (!minimiseOnClose && event->key() == Qt::Key_Escape) {
+            hide();
+        } else {
+            QWidget::keyPressEvent(event);
+        }
+    }
     void closeEvent(QCloseEvent *event) override
     {
         if (minimiseOnClose) {
