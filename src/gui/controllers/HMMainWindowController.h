@@ -2,7 +2,8 @@
 // desktop without a tray, an ordinary window that closing only minimises (the application
 // has no other way back). Its content comes from HMScreenFactory::createMainPanel() the
 // first time it is shown; a one-time hint line above it tells a tray-less user how to get
-// a tray icon.
+// a tray icon. The frame (hint line, content host) is the form HMMainWindowController.ui;
+// Escape dismisses the popup form.
 #pragma once
 
 #include <QObject>

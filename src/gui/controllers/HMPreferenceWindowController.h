@@ -1,6 +1,7 @@
 // The preferences window: the General, Selective routing, Privacy and Account tabs. Every
 // request to show a tab puts a fresh pane from HMScreenFactory in it, as the window
-// commands create a fresh screen each time, so a pane never shows stale state.
+// commands create a fresh screen each time, so a pane never shows stale state. The tabs
+// and their pages are the form HMPreferenceWindowController.ui; only the panes are made here.
 #pragma once
 
 #include <QObject>

@@ -2,6 +2,7 @@
 // screens, one at a time. Presenting with the slide animation moves the new screen in from
 // the right while the old one leaves to the left; the old screen is deleted once it is out
 // of sight. Presenting without animation, or while the window is hidden, swaps at once.
+// The window and the stage the screens slide on are the form HMUtilityWindowController.ui.
 #pragma once
 
 #include "HMScreenPresenter.h"
