@@ -15,6 +15,8 @@ packages=(
   openvpn iproute2 dbus dbus-x11 systemd procps psmisc libqt6svg6
   # test-only: real Secret Service, notification daemon, certificates, display
   gnome-keyring libsecret-tools dunst openssl xvfb xauth
+  # test-only: another program's window taking the focus, and the windows' stacking order
+  x11-utils xdotool
   # sanitizer and libFuzzer runtime, and the compiler for the fuzz targets
   libclang-rt-14-dev clang
   # group edits in the helper's tests

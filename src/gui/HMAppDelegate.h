@@ -99,8 +99,11 @@ public:
     void showPreferencesWisproute();
     void showPreferencesAccount();
     void showDiagnostics();
-    // A second launch of the application (single instance).
+    // A second launch of the application (single instance): logged, then reopen().
     void raise();
+    // The desktop asks for the application again: toggles the main panel as a tray click
+    // does (signed out, shows the utility window instead).
+    void reopen();
 
     HMMenuBarItemController *menuBarItemController() const { return m_menuBarItem; }
     HMMainWindowController *mainWindowController() const { return m_mainWindow; }

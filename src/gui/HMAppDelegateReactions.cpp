@@ -108,8 +108,24 @@ void HMAppDelegate::didClickMenuBarIcon()
 
 void HMAppDelegate::applicationStateChanged(Qt::ApplicationState state)
 {
-    // The popup panel goes away with the focus; the tray-less window is an ordinary one.
-    if (state == Qt::ApplicationInactive && !m_mainWindow->isFallbackMode()) {
+    if (state == Qt::ApplicationActive) {
+        // The application only becomes active because the user gave one of its windows the
+        // focus, so nothing here may take that focus away: the other open windows are
+        // brought forward in the stacking order only (never activated), and the window the
+        // user picked is put back on top of them.
+        QWidget *picked = QApplication::activeWindow();
+        for (QWidget *window : {m_utilityWindow->window(), m_preferences->window()}) {
+            if (window != picked && window->isVisible() && !window->isMinimized()) {
+                window->raise();
+            }
+        }
+        if (picked) {
+            picked->raise();
+        }
+    } else if (state == Qt::ApplicationInactive && !m_mainWindow->isFallbackMode()) {
+        // The popup panel goes away with the focus. The tray-less window is an ordinary one,
+        // and the utility and preferences windows are left where they are: a desktop has no
+        // notion of hiding an application's windows when it loses the focus.
         m_mainWindow->closeWindow();
     }
 }
@@ -117,11 +133,24 @@ void HMAppDelegate::applicationStateChanged(Qt::ApplicationState state)
 void HMAppDelegate::raise()
 {
     HMLogError(QStringLiteral("Raised by a second launch"));
-    if (m_menuBarItem->isItemShown()) {
-        showMainWindow();
-    } else {
+    reopen();
+}
+
+void HMAppDelegate::reopen()
+{
+    if (!m_menuBarItem->isItemShown()) {
+        // Signed out there is no panel to toggle: the utility window is the way in.
         m_utilityWindow->showWindow();
+        return;
     }
+    // The tray-less window is an ordinary window: one buried under others counts as closed,
+    // so reopening brings it forward instead of minimising what the user cannot see.
+    if (m_mainWindow->isFallbackMode() && m_mainWindow->isWindowVisible() &&
+        !m_mainWindow->window()->isActiveWindow()) {
+        showMainWindow();
+        return;
+    }
+    didClickMenuBarIcon();
 }
 
 void HMAppDelegate::showMainWindow()

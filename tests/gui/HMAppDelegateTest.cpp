@@ -13,6 +13,7 @@
 #include "HMMainWindowController.h"
 #include "HMMenuBarItemController.h"
 #include "HMNotificationManager.h"
+#include "HMPreferenceWindowController.h"
 #include "HMSleepWatcher.h"
 #include "HMTestEnvironment.h"
 #include "HMTrayHostWatcher.h"
@@ -24,6 +25,7 @@
 #include <QDBusInterface>
 #include <QDBusReply>
 #include <QLabel>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QtTest>
 #include <csignal>
@@ -109,6 +111,36 @@ struct Shell
     }
 };
 
+// The display's top-level windows, topmost first (there is no window manager in the
+// throw-away session, so this is the order the X server keeps).
+QStringList stackingTopmostFirst()
+{
+    QProcess query;
+    query.start("xwininfo", {"-root", "-children"});
+    query.waitForFinished();
+    QStringList ids;
+    static const QRegularExpression line(R"(^\s+(0x[0-9a-f]+) )");
+    for (const QString &text : QString::fromLocal8Bit(query.readAllStandardOutput()).split('\n')) {
+        const QRegularExpressionMatch match = line.match(text);
+        if (match.hasMatch()) {
+            ids << match.captured(1);
+        }
+    }
+    return ids;
+}
+
+QString xid(quint64 id)
+{
+    return "0x" + QString::number(id, 16);
+}
+
+// Gives the focus to the X window `target` as a window manager would, from outside.
+bool focusFromOutside(const QString &target)
+{
+    return QProcess::execute("xdotool", {"windowraise", target, "windowfocus", "--sync", target}) ==
+           0;
+}
+
 QString readLogs(const QString &stateHome)
 {
     QString all;
@@ -133,6 +165,10 @@ private Q_SLOTS:
     void connectionNotices_data();
     void connectionNotices();
     void sessionNotificationsDriveTheWindows();
+    void focusFollowsTheApplication_data();
+    void focusFollowsTheApplication();
+    void reopenTogglesLikeATrayClick_data();
+    void reopenTogglesLikeATrayClick();
     void quitAndWakeFollowTheTunnel_data();
     void quitAndWakeFollowTheTunnel();
     void nextLaunchReconnectsAfterTheTokenRequest();
@@ -308,14 +344,129 @@ void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
     shell.world.center.postNotificationName(HMMenuBarItemController::kDidClickNotification);
     QVERIFY(main->isWindowVisible());
 
-    QWidget *before = utility->currentScreen();
+    QPointer<QWidget> before = utility->currentScreen();
+    QSignalSpy slid(utility, &HMUtilityWindowController::slideFinished);
     shell.world.account->logout(); // posts HMDidLogOutNotification
     QVERIFY(!shell.delegate->menuBarItemController()->isItemShown());
     QVERIFY(!main->isWindowVisible());
     QVERIFY(utility->isWindowVisible());
-    QVERIFY(utility->currentScreen() && utility->currentScreen() != before);
-    QVERIFY(utility->isAnimating()); // the window was visible: the new screen slides in
-    QTRY_VERIFY(!utility->isAnimating());
+    QPointer<QWidget> login = utility->currentScreen();
+    QVERIFY(login && login != before);
+    // The window was visible: the sign-in screen starts just right of the stage while the
+    // launch screen still fills it, and ends filling it with the launch screen gone.
+    const QRect stage = utility->stage()->rect();
+    QVERIFY(!stage.isEmpty());
+    QVERIFY(utility->isAnimating());
+    QCOMPARE(login->geometry(), stage.translated(stage.width(), 0));
+    QVERIFY(before && before->geometry() == stage);
+    QTRY_COMPARE(slid.count(), 1);
+    QVERIFY(!utility->isAnimating());
+    QCOMPARE(utility->currentScreen(), login.data());
+    QCOMPARE(login->geometry(), stage);
+    QVERIFY(login->isVisible());
+    QVERIFY(!before);
+}
+
+void HMAppDelegateTest::focusFollowsTheApplication_data()
+{
+    QTest::addColumn<bool>("trayLess");
+    QTest::newRow("popup panel closes") << false;
+    QTest::newRow("tray-less window stays") << true;
+}
+
+void HMAppDelegateTest::focusFollowsTheApplication()
+{
+    QFETCH(bool, trayLess);
+    Shell shell;
+    QVERIFY(shell.start());
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    shell.signIn();
+    shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
+    HMMainWindowController *main = shell.delegate->mainWindowController();
+    QWidget *utility = shell.delegate->utilityWindowController()->window();
+    QWidget *preferences = shell.delegate->preferenceWindowController()->window();
+    main->setFallbackMode(trayLess); // as the tray watcher would when a host appears
+    shell.delegate->showPreferencesWisproute();
+    QVERIFY(QTest::qWaitForWindowActive(preferences));
+    shell.delegate->showMainWindow();
+    QVERIFY(QTest::qWaitForWindowActive(main->window()));
+
+    // Another program's window takes the focus, over all of ours.
+    QProcess other;
+    const QString title = QString("hm-other-%1").arg(QCoreApplication::applicationPid());
+    other.start("xmessage", {"-title", title, "-geometry", "1280x800+0+0", "another program"});
+    QVERIFY2(other.waitForStarted(), "xmessage is missing (scripts/setup.sh installs it)");
+    const auto closeOther = qScopeGuard([&other] {
+        other.kill();
+        other.waitForFinished();
+    });
+    QProcess find;
+    find.start("xdotool", {"search", "--sync", "--name", "^" + title + "$"});
+    QVERIFY2(find.waitForFinished(10000), "xdotool is missing (scripts/setup.sh installs it)");
+    const QString otherId =
+        xid(QString::fromLatin1(find.readAllStandardOutput()).trimmed().toULongLong());
+    QVERIFY(focusFromOutside(otherId));
+    QTRY_COMPARE(QGuiApplication::applicationState(), Qt::ApplicationInactive);
+    QCOMPARE(main->isWindowVisible(), trayLess);
+    QVERIFY(utility->isVisible() && preferences->isVisible());
+    QCOMPARE(stackingTopmostFirst().first(), otherId);
+
+    // The user clicks the preferences window: the utility window comes forward with it
+    // but the focus stays where the user put it.
+    QVERIFY(focusFromOutside(xid(preferences->winId())));
+    QTRY_COMPARE(QGuiApplication::applicationState(), Qt::ApplicationActive);
+    QTRY_COMPARE(stackingTopmostFirst().indexOf(xid(preferences->winId())), 0);
+    const QStringList stack = stackingTopmostFirst();
+    QVERIFY(stack.indexOf(xid(utility->winId())) < stack.indexOf(otherId));
+    QCOMPARE(QApplication::activeWindow(), preferences);
+}
+
+void HMAppDelegateTest::reopenTogglesLikeATrayClick_data()
+{
+    QTest::addColumn<bool>("signedIn");
+    QTest::addColumn<bool>("trayLess");
+    QTest::addColumn<QString>("panelBefore"); // hidden, shown, minimised
+    QTest::addColumn<bool>("panelAfter");
+    QTest::newRow("closed panel opens") << true << false << "hidden" << true;
+    QTest::newRow("open panel closes") << true << false << "shown" << false;
+    QTest::newRow("minimised window is restored") << true << true << "minimised" << true;
+    QTest::newRow("window in front is minimised") << true << true << "shown" << false;
+    QTest::newRow("signed out: utility window") << false << false << "hidden" << false;
+}
+
+void HMAppDelegateTest::reopenTogglesLikeATrayClick()
+{
+    QFETCH(bool, signedIn);
+    QFETCH(bool, trayLess);
+    QFETCH(QString, panelBefore);
+    QFETCH(bool, panelAfter);
+    Shell shell;
+    QVERIFY(shell.start());
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    HMMainWindowController *main = shell.delegate->mainWindowController();
+    HMUtilityWindowController *utility = shell.delegate->utilityWindowController();
+    if (signedIn) {
+        shell.signIn();
+        shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
+    }
+    main->setFallbackMode(trayLess);
+    utility->closeWindow();
+    main->window()->hide();
+    if (panelBefore != "hidden") {
+        shell.delegate->showMainWindow();
+        QVERIFY(QTest::qWaitForWindowActive(main->window()));
+    }
+    if (panelBefore == "minimised") {
+        main->closeWindow();
+        QTRY_VERIFY(!main->isWindowVisible());
+    }
+
+    shell.delegate->raise();
+    QTRY_COMPARE(main->isWindowVisible(), panelAfter);
+    QCOMPARE(utility->isWindowVisible(), !signedIn);
+    if (panelAfter) {
+        QVERIFY(main->content()); // the real panel, not an empty frame
+    }
 }
 
 void HMAppDelegateTest::quitAndWakeFollowTheTunnel_data()

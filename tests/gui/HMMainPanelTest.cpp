@@ -3,16 +3,20 @@
 #include "HMDisplayViewController.h"
 #include "HMIndicatorView.h"
 #include "HMMainViewController.h"
+#include "HMMainWindowController.h"
+#include "HMScreenFactory.h"
 #include "HMScreenWorld.h"
 
 #include <QComboBox>
 #include <QLabel>
+#include <QScreen>
 #include <QSignalSpy>
 #include <QtTest>
 #include <cmath>
 
-// The main panel's content driven through its real widgets: the status display by VPN
-// state, routing, API health and account, the dial, the country picker and the usage loop.
+// The main panel driven through its real widgets: the status display by VPN state, routing,
+// API health and account, the dial, the country picker, the usage loop, and the panel's
+// window hung from the tray icon or standing as the tray-less window.
 class HMMainPanelTest : public QObject
 {
     Q_OBJECT
@@ -275,6 +279,52 @@ private Q_SLOTS:
         QVERIFY(account.shouldUpdateUsage());
         panel.hide();
         QVERIFY(!account.shouldUpdateUsage());
+    }
+
+    void windowHangsFromTheIconAndClosesByItsForm_data()
+    {
+        QTest::addColumn<bool>("trayLess");
+        QTest::addColumn<QPoint>("anchor");
+        // On the offscreen screen (800 wide, 600 or more high at 0,0); a 320x460 panel.
+        QTest::addColumn<QPoint>("topLeft");
+        QTest::newRow("under an icon at the top") << false << QPoint(400, 0) << QPoint(240, 0);
+        QTest::newRow("above an icon at the bottom")
+            << false << QPoint(400, 600) << QPoint(240, 140);
+        QTest::newRow("kept inside on the right") << false << QPoint(790, 24) << QPoint(480, 24);
+        QTest::newRow("kept inside on the left") << false << QPoint(10, 24) << QPoint(0, 24);
+        QTest::newRow("tray-less: left where it was, close minimises")
+            << true << QPoint(790, 24) << QPoint(30, 40);
+    }
+    void windowHangsFromTheIconAndClosesByItsForm()
+    {
+        QFETCH(bool, trayLess);
+        QFETCH(QPoint, anchor);
+        QFETCH(QPoint, topLeft);
+        const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+        QVERIFY(area.topLeft() == QPoint(0, 0) && area.width() == 800 && area.height() >= 600);
+        HMScreenWorld world;
+        HMScreenFactory::setContext(world.context());
+        HMMainWindowController controller;
+        controller.setFallbackMode(trayLess);
+        QWidget *window = controller.window();
+        window->move(30, 40);           // where a window manager put the ordinary window
+        QVERIFY(!controller.content()); // made when first shown, not at start-up
+
+        controller.showWindowAt(anchor);
+        QVERIFY(controller.isWindowVisible());
+        QVERIFY(window->isAncestorOf(controller.content()));
+        QCOMPARE(window->size(), QSize(320, 460));
+        QCOMPARE(window->pos(), topLeft);
+        QCOMPARE(window->windowFlags().testFlag(Qt::FramelessWindowHint), !trayLess);
+
+        // Escape dismisses the popup; the ordinary window keeps the key for its controls, and
+        // its own close only minimises it, the application's one way back in.
+        QTest::keyClick(controller.content(), Qt::Key_Escape);
+        QCOMPARE(controller.isWindowVisible(), trayLess);
+        window->close();
+        QVERIFY(!controller.isWindowVisible());
+        QCOMPARE(window->isVisible(), trayLess);
+        QCOMPARE(window->isMinimized(), trayLess);
     }
 };
 

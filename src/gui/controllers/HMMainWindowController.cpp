@@ -1,26 +1,31 @@
 #include "HMMainWindowController.h"
 
 #include "HMScreenFactory.h"
+#include "ui_HMMainWindowController.h"
 
 #include <QCloseEvent>
 #include <QGuiApplication>
-#include <QLabel>
+#include <QKeyEvent>
 #include <QScreen>
-#include <QVBoxLayout>
-#include <QWidget>
 
 namespace {
 
-constexpr int kPanelWidth = 320;
-constexpr int kPanelHeight = 460;
-
-// Closing the tray-less window only minimises it: it is the application's only door.
+// Closing the tray-less window only minimises it: it is the application's only door. The
+// popup form has no title bar, so Escape dismisses it as it dismisses a menu.
 class HMMainWindow : public QWidget
 {
 public:
     bool minimiseOnClose = false;
 
 protected:
+    void keyPressEvent(QKeyEvent *event) override
+    {
+        if (!minimiseOnClose && event->key() == Qt::Key_Escape) {
+            hide();
+        } else {
+            QWidget::keyPressEvent(event);
+        }
+    }
     void closeEvent(QCloseEvent *event) override
     {
         if (minimiseOnClose) {
@@ -34,22 +39,11 @@ protected:
 
 } // namespace
 
-HMMainWindowController::HMMainWindowController(QObject *parent) : QObject(parent)
+HMMainWindowController::HMMainWindowController(QObject *parent)
+    : QObject(parent), m_ui(std::make_unique<Ui::HMMainWindowController>())
 {
-    auto *window = new HMMainWindow;
-    m_window = window;
-    m_window->setWindowTitle(QStringLiteral("Hollowmere"));
-    m_window->setAccessibleName(QStringLiteral("Hollowmere main panel"));
-    m_window->setObjectName(QStringLiteral("mainPanel"));
-    auto *layout = new QVBoxLayout(m_window);
-    layout->setContentsMargins(0, 0, 0, 0);
-    layout->setSpacing(0);
-    m_hint = new QLabel(m_window);
-    m_hint->setWordWrap(true);
-    m_hint->setMargin(8);
-    m_hint->setAccessibleName(QStringLiteral("Tray hint"));
-    m_hint->hide();
-    layout->addWidget(m_hint);
+    m_window = new HMMainWindow;
+    m_ui->setupUi(m_window);
     setFallbackMode(false);
 }
 
@@ -66,7 +60,7 @@ void HMMainWindowController::setFallbackMode(bool fallback)
     m_window->setWindowFlags(
         fallback ? Qt::Window : Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
     if (!fallback) {
-        m_hint->hide();
+        m_ui->trayHint->hide();
     }
     if (visible) {
         m_window->show();
@@ -75,17 +69,15 @@ void HMMainWindowController::setFallbackMode(bool fallback)
 
 void HMMainWindowController::showHint(const QString &text)
 {
-    m_hint->setText(text);
-    m_hint->show();
+    m_ui->trayHint->setText(text);
+    m_ui->trayHint->show();
 }
 
 void HMMainWindowController::ensureContent()
 {
     if (!m_content) {
         m_content = HMScreenFactory::createMainPanel();
-        m_content->setParent(m_window);
-        static_cast<QVBoxLayout *>(m_window->layout())->addWidget(m_content, 1);
-        m_window->resize(kPanelWidth, kPanelHeight);
+        m_ui->contentLayout->addWidget(m_content);
     }
 }
 

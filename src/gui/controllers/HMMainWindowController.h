@@ -2,15 +2,19 @@
 // desktop without a tray, an ordinary window that closing only minimises (the application
 // has no other way back). Its content comes from HMScreenFactory::createMainPanel() the
 // first time it is shown; a one-time hint line above it tells a tray-less user how to get
-// a tray icon.
+// a tray icon. The frame (hint line, content host) is the form HMMainWindowController.ui;
+// Escape dismisses the popup form.
 #pragma once
 
 #include <QObject>
 #include <QPoint>
 #include <QPointer>
+#include <memory>
 
-class QLabel;
 class QWidget;
+namespace Ui {
+class HMMainWindowController;
+}
 
 class HMMainWindowController : public QObject
 {
@@ -38,7 +42,7 @@ private:
     void ensureContent();
 
     QPointer<QWidget> m_window;
+    std::unique_ptr<Ui::HMMainWindowController> m_ui;
     QWidget *m_content = nullptr;
-    QLabel *m_hint = nullptr;
     bool m_fallback = false;
 };

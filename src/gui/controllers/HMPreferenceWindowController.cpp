@@ -1,8 +1,8 @@
 #include "HMPreferenceWindowController.h"
 
 #include "HMScreenFactory.h"
+#include "ui_HMPreferenceWindowController.h"
 
-#include <QTabWidget>
 #include <QVBoxLayout>
 
 namespace {
@@ -22,28 +22,16 @@ QWidget *createPane(HMPreferenceWindowController::Tab tab)
     return nullptr;
 }
 
-const char *const kTitles[] = {
-    QT_TRANSLATE_NOOP("HMPreferenceWindowController", "General"),
-    QT_TRANSLATE_NOOP("HMPreferenceWindowController", "Selective routing"),
-    QT_TRANSLATE_NOOP("HMPreferenceWindowController", "Privacy"),
-    QT_TRANSLATE_NOOP("HMPreferenceWindowController", "Account")};
-
 } // namespace
 
-HMPreferenceWindowController::HMPreferenceWindowController(QObject *parent) : QObject(parent)
+HMPreferenceWindowController::HMPreferenceWindowController(QObject *parent)
+    : QObject(parent), m_ui(std::make_unique<Ui::HMPreferenceWindowController>())
 {
     m_window = new QWidget;
-    m_window->setWindowTitle(tr("Hollowmere Preferences"));
-    m_window->setObjectName(QStringLiteral("preferencesWindow"));
-    m_window->setAccessibleName(m_window->windowTitle());
-    auto *layout = new QVBoxLayout(m_window);
-    m_tabs = new QTabWidget(m_window);
-    m_tabs->setAccessibleName(tr("Preference tabs"));
-    layout->addWidget(m_tabs);
-    for (int i = 0; i < 4; ++i) {
-        m_tabs->addTab(createPane(Tab(i)), tr(kTitles[i]));
+    m_ui->setupUi(m_window);
+    for (int i = 0; i < m_ui->preferenceTabs->count(); ++i) {
+        placePane(Tab(i));
     }
-    m_window->resize(560, 440);
 }
 
 HMPreferenceWindowController::~HMPreferenceWindowController()
@@ -51,14 +39,19 @@ HMPreferenceWindowController::~HMPreferenceWindowController()
     delete m_window;
 }
 
+void HMPreferenceWindowController::placePane(Tab tab)
+{
+    // The tab page is the form's; only the pane inside it is replaced, so the tab bar
+    // neither flickers nor loses its order.
+    QWidget *page = m_ui->preferenceTabs->widget(int(tab));
+    delete pane(tab);
+    page->layout()->addWidget(createPane(tab));
+}
+
 void HMPreferenceWindowController::showTab(Tab tab)
 {
-    const int index = int(tab);
-    QWidget *old = m_tabs->widget(index);
-    m_tabs->removeTab(index);
-    delete old;
-    m_tabs->insertTab(index, createPane(tab), tr(kTitles[index]));
-    m_tabs->setCurrentIndex(index);
+    placePane(tab);
+    m_ui->preferenceTabs->setCurrentIndex(int(tab));
     m_window->show();
     m_window->raise();
     m_window->activateWindow();
@@ -74,7 +67,13 @@ bool HMPreferenceWindowController::isWindowVisible() const
     return m_window->isVisible();
 }
 
+QTabWidget *HMPreferenceWindowController::tabs() const
+{
+    return m_ui->preferenceTabs;
+}
+
 QWidget *HMPreferenceWindowController::pane(Tab tab) const
 {
-    return m_tabs->widget(int(tab));
+    QLayoutItem *item = m_ui->preferenceTabs->widget(int(tab))->layout()->itemAt(0);
+    return item ? item->widget() : nullptr;
 }

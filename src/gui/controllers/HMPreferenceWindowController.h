@@ -1,13 +1,18 @@
 // The preferences window: the General, Selective routing, Privacy and Account tabs. Every
 // request to show a tab puts a fresh pane from HMScreenFactory in it, as the window
-// commands create a fresh screen each time, so a pane never shows stale state.
+// commands create a fresh screen each time, so a pane never shows stale state. The tabs
+// and their pages are the form HMPreferenceWindowController.ui; only the panes are made here.
 #pragma once
 
 #include <QObject>
 #include <QPointer>
+#include <memory>
 
 class QTabWidget;
 class QWidget;
+namespace Ui {
+class HMPreferenceWindowController;
+}
 
 class HMPreferenceWindowController : public QObject
 {
@@ -29,10 +34,12 @@ public:
     bool isWindowVisible() const;
 
     QWidget *window() const { return m_window; }
-    QTabWidget *tabs() const { return m_tabs; }
+    QTabWidget *tabs() const;
     QWidget *pane(Tab tab) const;
 
 private:
+    void placePane(Tab tab);
+
     QPointer<QWidget> m_window;
-    QTabWidget *m_tabs = nullptr;
+    std::unique_ptr<Ui::HMPreferenceWindowController> m_ui;
 };

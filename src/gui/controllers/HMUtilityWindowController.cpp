@@ -1,52 +1,41 @@
 #include "HMUtilityWindowController.h"
 
+#include "ui_HMUtilityWindowController.h"
+
+#include <QEvent>
 #include <QParallelAnimationGroup>
 #include <QPropertyAnimation>
-#include <QResizeEvent>
 #include <QWidget>
 
-namespace {
-
-constexpr int kWidth = 400;
-constexpr int kHeight = 520;
-
-// Keeps the screen on show filling the window when the window is resized.
-class HMUtilityWindow : public QWidget
+HMUtilityWindowController::HMUtilityWindowController(QObject *parent)
+    : QObject(parent), m_ui(std::make_unique<Ui::HMUtilityWindowController>())
 {
-public:
-    std::function<void()> onResize;
-
-protected:
-    void resizeEvent(QResizeEvent *event) override
-    {
-        QWidget::resizeEvent(event);
-        if (onResize) {
-            onResize();
-        }
-    }
-};
-
-} // namespace
-
-HMUtilityWindowController::HMUtilityWindowController(QObject *parent) : QObject(parent)
-{
-    auto *window = new HMUtilityWindow;
-    window->onResize = [this] {
-        if (m_current && !m_slide) {
-            m_current->setGeometry(m_window->rect());
-        }
-    };
-    m_window = window;
-    m_window->setWindowTitle(QStringLiteral("Hollowmere"));
-    m_window->setAccessibleName(QStringLiteral("Hollowmere"));
-    m_window->setObjectName(QStringLiteral("utilityWindow"));
-    m_window->resize(kWidth, kHeight);
+    m_window = new QWidget;
+    m_ui->setupUi(m_window);
+    // Sized now, so that a screen presented before the window first shows already fits.
+    m_window->layout()->activate();
+    // The stage has no layout: a sliding screen must be free to sit outside it. The filter
+    // keeps the screen on show filling it when the window is resized.
+    m_ui->screenStage->installEventFilter(this);
 }
 
 HMUtilityWindowController::~HMUtilityWindowController()
 {
     delete m_slide;
     delete m_window;
+}
+
+bool HMUtilityWindowController::eventFilter(QObject *watched, QEvent *event)
+{
+    if (event->type() == QEvent::Resize && m_current && !m_slide) {
+        m_current->setGeometry(m_ui->screenStage->rect());
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+QWidget *HMUtilityWindowController::stage() const
+{
+    return m_ui->screenStage;
 }
 
 void HMUtilityWindowController::presentViewController(QWidget *screen, Animation animation)
@@ -57,8 +46,8 @@ void HMUtilityWindowController::presentViewController(QWidget *screen, Animation
     }
     QWidget *old = m_current;
     m_current = screen;
-    screen->setParent(m_window);
-    const QRect area = m_window->rect();
+    screen->setParent(m_ui->screenStage);
+    const QRect area = m_ui->screenStage->rect();
     if (!old || animation == Animation::None || !m_window->isVisible()) {
         delete old;
         screen->setGeometry(area);
@@ -89,8 +78,9 @@ void HMUtilityWindowController::finishSlide()
     }
     delete m_leaving;
     if (m_current) {
-        m_current->setGeometry(m_window->rect());
+        m_current->setGeometry(m_ui->screenStage->rect());
     }
+    Q_EMIT slideFinished();
 }
 
 void HMUtilityWindowController::showWindow()
