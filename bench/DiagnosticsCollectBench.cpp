@@ -4,7 +4,8 @@
 //
 // Full-size inputs: an application log filled to its roll size (100 KiB), a helper stand-in
 // (the scripted peer under systemd-socket-activate, on a real socket) answering "getLogs"
-// with three logs at the helper's cap (128 KiB each) of OpenVPN-like lines, a preference
+// with three logs at the helper's cap (128 KiB each) of OpenVPN-like lines, compressed as
+// the helper sends them, a preference
 // store of realistic size, and the real network reports of this machine. Each run times the
 // collection (helper exchange, files, reports) and the archive (deflate level 9), and reads
 // the growth of the peak resident size over the run (VmHWM, reset before each run through
@@ -16,6 +17,7 @@
 #include "HMDaemonManager.h"
 #include "HMHelperPeerProcess.h"
 #include "HMLog.h"
+#include "HMLogDeflater.h"
 #include "HMLogFileManager.h"
 #include "HMLogging.h"
 #include "HMRollingFileSink.h"
@@ -149,11 +151,14 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "hm-bench-diagnostics: %s\n", qPrintable(peer.errorString()));
         return 2;
     }
-    peer.setReply(QStringLiteral("getLogs"),
-                  QJsonObject{{QStringLiteral("status"), QStringLiteral("ok")},
-                              {QStringLiteral("vpnLog"), logText(kHelperLogBytes, "openvpn")},
-                              {QStringLiteral("daemonLog"), logText(kHelperLogBytes, "hmwispd")},
-                              {QStringLiteral("dnsLog"), logText(kHelperLogBytes, "wisproute")}});
+    const auto helperLog = [](const char *kind) {
+        return HMLogDeflater::deflate(logText(kHelperLogBytes, kind).toUtf8()).toWire();
+    };
+    peer.setCborReply(QStringLiteral("getLogs"),
+                      QCborMap{{QStringLiteral("status"), QStringLiteral("ok")},
+                               {QStringLiteral("vpnLog"), helperLog("openvpn")},
+                               {QStringLiteral("daemonLog"), helperLog("hmwispd")},
+                               {QStringLiteral("dnsLog"), helperLog("wisproute")}});
 
     HMAccountWorld world;
     for (int i = 0; i < 40; ++i) {
@@ -195,7 +200,8 @@ int main(int argc, char **argv)
     QStringList memberFiles;
     for (auto it = logs.cbegin(); it != logs.cend(); ++it) {
         rawBytes += it.value().size();
-        HMTestEnvironment::writeFile(membersDir + QLatin1Char('/') + it.key(), it.value());
+        HMTestEnvironment::writeFile(membersDir + QLatin1Char('/') + it.key(),
+                                     it.value().inflated());
         memberFiles << it.key();
     }
 
