@@ -5,6 +5,9 @@
 // ever holds a log whole: the helper deflates its tails as it reads them (HMLogDeflater),
 // the application deflates its own members the same way, the zip writer stores these bytes
 // unchanged as members' data, and the text file for the user inflates them in slices.
+// Compressed bytes rather than descriptors of the files passed over the socket: the reply
+// stays one frame of plain CBOR any client (and the fuzzer) can read, root never hands an
+// open file to a user, and the tails are cut, checked and decoded where the files are.
 //
 // On the wire ("getLogs" reply) a log is the map {"deflated": bytes, "crc32": n, "size": n}.
 // fromWire trusts none of it: besides the shape, the stream must inflate to exactly "size"
