@@ -137,16 +137,25 @@ std::optional<QString> HMLogFileManager::newestAppLogPath() const
     return paths.isEmpty() ? std::nullopt : std::optional<QString>(paths.first());
 }
 
-std::optional<HMDeflatedLog> HMLogFileManager::appLog() const
+bool HMLogFileManager::openNewestAppLog(QFile &file) const
 {
     const std::optional<QString> path = newestAppLogPath();
     if (!path) {
-        return std::nullopt;
+        return false;
     }
-    QFile file(*path);
+    file.setFileName(*path);
     if (!file.open(QIODevice::ReadOnly)) {
         // Rolled away or removed between listing and reading: the member is left out.
         HMLogError(QStringLiteral("Could not read %1: %2").arg(*path, file.errorString()));
+        return false;
+    }
+    return true;
+}
+
+std::optional<HMDeflatedLog> HMLogFileManager::appLog() const
+{
+    QFile file;
+    if (!openNewestAppLog(file)) {
         return std::nullopt;
     }
     HMLogDeflater deflater;
@@ -159,9 +168,8 @@ std::optional<HMDeflatedLog> HMLogFileManager::appLog() const
 
 std::optional<QString> HMLogFileManager::applicationLog() const
 {
-    const std::optional<QString> path = newestAppLogPath();
-    QFile file(path.value_or(QString()));
-    if (!path || !file.open(QIODevice::ReadOnly)) {
+    QFile file;
+    if (!openNewestAppLog(file)) {
         return std::nullopt;
     }
     return QString::fromUtf8(file.readAll());

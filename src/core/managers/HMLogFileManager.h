@@ -41,6 +41,7 @@ class HMClock;
 class HMDaemonManager;
 class HMPreferenceStore;
 class HMRollingFileSink;
+class QFile;
 
 // Member name to its compressed content; absent sources are absent keys.
 using HMLogCollection = QMap<QString, HMDeflatedLog>;
@@ -86,7 +87,7 @@ public:
     // The archive's path; an empty path and `error` when it could not be written whole.
     QString zipFiles(const HMLogCollection &logs, HMMaybeError *error = nullptr) const;
     // The text file's path (a file never created for an empty collection); empty with
-    // `error` when it could not be written.
+    // `error` when it could not be written or a member does not inflate to what it holds.
     QString writeLogsToTempFile(const HMLogCollection &logs, HMMaybeError *error = nullptr) const;
     void showLogsWithCompletion(Completion completion);
     void sendLogsWithFeedback(const QString &feedback, Completion completion);
@@ -99,6 +100,7 @@ Q_SIGNALS:
 
 private:
     std::optional<QString> newestAppLogPath() const;
+    bool openNewestAppLog(QFile &file) const;
     std::optional<HMDeflatedLog> appLog() const;
     HMLogCollection collectLocal(QVariantMap daemonLogs) const;
     void upload(const QByteArray &archive, const QString &path, const QString &feedback,
