@@ -277,9 +277,10 @@ QCborMap HMHelperService::stopVPN(const HMPeerCredentials &peer)
 QCborMap HMHelperService::getLogs() const
 {
     QCborMap reply = okReply();
-    reply.insert(QStringLiteral("vpnLog"), HMLogTail::read(m_config.vpnLogPath()));
-    reply.insert(QStringLiteral("daemonLog"), HMLogTail::read(m_config.daemonLogPath()));
-    reply.insert(QStringLiteral("dnsLog"), HMLogTail::read(m_config.dnsLogPath()));
+    reply.insert(QStringLiteral("vpnLog"), HMLogTail::readDeflated(m_config.vpnLogPath()).toWire());
+    reply.insert(QStringLiteral("daemonLog"),
+                 HMLogTail::readDeflated(m_config.daemonLogPath()).toWire());
+    reply.insert(QStringLiteral("dnsLog"), HMLogTail::readDeflated(m_config.dnsLogPath()).toWire());
     return reply;
 }
 

@@ -2,6 +2,8 @@
 
 #include <QCborStreamReader>
 #include <QCborValue>
+#include <QVariantList>
+#include <limits>
 
 namespace {
 
@@ -123,6 +125,86 @@ private:
     HMWireError m_error;
 };
 
+template <typename Chunk>
+auto readWhole(QCborStreamReader &reader, Chunk (QCborStreamReader::*read)())
+{
+    auto chunk = (reader.*read)();
+    decltype(chunk.data) whole;
+    for (; chunk.status == QCborStreamReader::Ok; chunk = (reader.*read)()) {
+        whole += chunk.data;
+    }
+    return whole;
+}
+
+// Builds one checked item straight from the payload, as QCborValue::toVariant would, but
+// without a second copy of its strings: a reply's large byte strings (the helper's logs)
+// then exist once beside the frame, not twice.
+QVariant readVariant(QCborStreamReader &reader)
+{
+    constexpr auto kMaxInteger = static_cast<quint64>(std::numeric_limits<qint64>::max());
+    QVariant value;
+    switch (reader.type()) {
+    case QCborStreamReader::UnsignedInteger: {
+        const quint64 number = reader.toUnsignedInteger();
+        value = number <= kMaxInteger ? QVariant(static_cast<qint64>(number))
+                                      : QVariant(static_cast<double>(number));
+        break;
+    }
+    case QCborStreamReader::NegativeInteger: {
+        // The absolute value; as in QCborValue, what qint64 cannot hold becomes a double.
+        const auto magnitude = static_cast<quint64>(reader.toNegativeInteger());
+        value = magnitude <= kMaxInteger + 1 ? QVariant(static_cast<qint64>(0 - magnitude))
+                                             : QVariant(-static_cast<double>(magnitude));
+        break;
+    }
+    case QCborStreamReader::ByteArray:
+        return readWhole(reader, &QCborStreamReader::readByteArray);
+    case QCborStreamReader::String:
+        return readWhole(reader, &QCborStreamReader::readString);
+    case QCborStreamReader::Array: {
+        QVariantList list;
+        reader.enterContainer();
+        while (reader.lastError() == QCborError::NoError && reader.hasNext()) {
+            list.append(readVariant(reader));
+        }
+        reader.leaveContainer();
+        return list;
+    }
+    case QCborStreamReader::Map: {
+        QVariantMap map;
+        reader.enterContainer();
+        while (reader.lastError() == QCborError::NoError && reader.hasNext()) {
+            const QString key = readWhole(reader, &QCborStreamReader::readString);
+            map.insert(key, readVariant(reader));
+        }
+        reader.leaveContainer();
+        return map;
+    }
+    case QCborStreamReader::SimpleType:
+        if (reader.isFalse() || reader.isTrue()) {
+            value = reader.isTrue();
+        } else if (reader.isNull()) {
+            value = QVariant::fromValue(nullptr);
+        } else if (!reader.isUndefined()) {
+            value = QVariant::fromValue(reader.toSimpleType());
+        }
+        break;
+    case QCborStreamReader::Float16:
+        value = static_cast<double>(reader.toFloat16());
+        break;
+    case QCborStreamReader::Float:
+        value = static_cast<double>(reader.toFloat());
+        break;
+    case QCborStreamReader::Double:
+        value = reader.toDouble();
+        break;
+    default:
+        break; // tags and invalid items never pass the structure check
+    }
+    reader.next();
+    return value;
+}
+
 void setError(HMWireMaybeError *out, HMWireError error)
 {
     if (out) {
@@ -142,28 +224,40 @@ QByteArray encode_dictionary(const QVariantMap &map)
     return encode_dictionary(QCborMap::fromVariantMap(map));
 }
 
-std::optional<QCborMap> decode_dictionary(const QByteArray &payload, HMWireMaybeError *error,
-                                          int maxNesting)
+namespace {
+
+bool checkStructure(const QByteArray &payload, HMWireMaybeError *error, int maxNesting)
 {
     QCborStreamReader reader(payload);
     if (payload.isEmpty()) {
         setError(error, payloadError(HMWire::PayloadMalformed, QStringLiteral("payload is empty")));
-        return std::nullopt;
+        return false;
     }
     if (reader.lastError() == QCborError::NoError && !reader.isMap()) {
         setError(error, payloadError(HMWire::PayloadNotMap,
                                      QStringLiteral("payload is not a dictionary")));
-        return std::nullopt;
+        return false;
     }
     StructureCheck check(reader, maxNesting);
     if (!check.item(0)) {
         setError(error, check.error());
-        return std::nullopt;
+        return false;
     }
     if (reader.currentOffset() != payload.size()) {
         setError(error, payloadError(HMWire::PayloadMalformed,
                                      QStringLiteral("payload has %1 bytes after the dictionary")
                                          .arg(payload.size() - reader.currentOffset())));
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+std::optional<QCborMap> decode_dictionary(const QByteArray &payload, HMWireMaybeError *error,
+                                          int maxNesting)
+{
+    if (!checkStructure(payload, error, maxNesting)) {
         return std::nullopt;
     }
 
@@ -183,9 +277,9 @@ std::optional<QCborMap> decode_dictionary(const QByteArray &payload, HMWireMaybe
 std::optional<QVariantMap> decode_variant_dictionary(const QByteArray &payload,
                                                      HMWireMaybeError *error, int maxNesting)
 {
-    const std::optional<QCborMap> map = decode_dictionary(payload, error, maxNesting);
-    if (!map) {
+    if (!checkStructure(payload, error, maxNesting)) {
         return std::nullopt;
     }
-    return map->toVariantMap();
+    QCborStreamReader reader(payload);
+    return readVariant(reader).toMap();
 }

@@ -3,6 +3,7 @@
 // The test plays the application's part on the management interface, so the tunnel really
 // comes up, the up script really sets the namespace's name servers, and stopVPN really ends
 // it all and puts them back.
+#include "HMDeflatedLog.h"
 #include "HMHelperInstance.h"
 #include "HMPathTrust.h"
 #include "HMTestEnvironment.h"
@@ -325,12 +326,16 @@ private Q_SLOTS:
 
         QCborMap reply = m_helper.call(HMHelperInstance::request("getLogs"));
         QCOMPARE(reply.value("status").toString(), QString("ok"));
-        const QString vpnLog = reply.value("vpnLog").toString();
+        const auto text = [&reply](const char *key) {
+            const auto log =
+                HMDeflatedLog::fromWire(reply.value(QLatin1String(key)).toVariant(), nullptr);
+            return log ? QString::fromUtf8(log->inflated()) : QString("<damaged>");
+        };
+        const QString vpnLog = text("vpnLog");
         QVERIFY2(vpnLog.contains("Initialization Sequence Completed"), qPrintable(vpnLog));
         QVERIFY(vpnLog.contains("TUN/TAP device tun0 opened"));
         QVERIFY(vpnLog.contains("hollowmere-dns:"));
-        QVERIFY(reply.value("daemonLog")
-                    .toString()
+        QVERIFY(text("daemonLog")
                     .contains(QString("OpenVPN (pid %1) listens on its management port").arg(pid)));
 
         reply = m_helper.call(HMHelperInstance::request("stopVPN"));

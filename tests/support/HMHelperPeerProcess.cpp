@@ -1,6 +1,7 @@
 #include "HMHelperPeerProcess.h"
 
 #include "HMTestEnvironment.h"
+#include "HMWireCodec.h"
 
 #include <QDeadlineTimer>
 #include <QFile>
@@ -128,6 +129,15 @@ void HMHelperPeerProcess::setStep(const QString &action, const QJsonObject &step
 void HMHelperPeerProcess::setReply(const QString &action, const QJsonObject &reply)
 {
     setStep(action, QJsonObject{{QStringLiteral("reply"), reply}});
+}
+
+void HMHelperPeerProcess::setCborReply(const QString &action, const QCborMap &reply)
+{
+    const QByteArray payload = encode_dictionary(reply);
+    const auto length = static_cast<quint64>(payload.size());
+    const QByteArray frame =
+        QByteArray(reinterpret_cast<const char *>(&length), sizeof length) + payload;
+    setStep(action, QJsonObject{{QStringLiteral("rawHex"), QString::fromLatin1(frame.toHex())}});
 }
 
 QList<QJsonObject> HMHelperPeerProcess::requests() const

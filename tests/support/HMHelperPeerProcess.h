@@ -5,6 +5,7 @@
 // everything it started, is killed when the object goes, also when a test fails half-way.
 #pragma once
 
+#include <QCborMap>
 #include <QJsonObject>
 #include <QList>
 #include <QProcess>
@@ -39,6 +40,8 @@ public:
     // Sets one action's step, keeping the others.
     void setStep(const QString &action, const QJsonObject &step);
     void setReply(const QString &action, const QJsonObject &reply);
+    // The same for a reply JSON cannot express (byte strings): sent as its exact frame.
+    void setCborReply(const QString &action, const QCborMap &reply);
     // Every request received so far: {"frame": hex, "request": {...}}.
     QList<QJsonObject> requests() const;
     QStringList actions() const;

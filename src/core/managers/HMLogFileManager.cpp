@@ -6,6 +6,7 @@
 #include "HMDaemonManager.h"
 #include "HMDispatch.h"
 #include "HMLog.h"
+#include "HMLogDeflater.h"
 #include "HMLogging.h"
 #include "HMPreferenceStore.h"
 #include "HMRollingFileSink.h"
@@ -125,7 +126,7 @@ QString HMLogFileManager::archivePath() const
     return m_options.temporaryDirectory + QLatin1Char('/') + kArchiveName;
 }
 
-std::optional<QByteArray> HMLogFileManager::appLog() const
+std::optional<QString> HMLogFileManager::newestAppLogPath() const
 {
     const std::shared_ptr<HMRollingFileSink> logger = fileLogger();
     if (!logger) {
@@ -133,31 +134,55 @@ std::optional<QByteArray> HMLogFileManager::appLog() const
     }
     logger->flush();
     const QStringList paths = logger->sortedLogFilePaths();
-    if (paths.isEmpty()) {
-        return std::nullopt;
+    return paths.isEmpty() ? std::nullopt : std::optional<QString>(paths.first());
+}
+
+bool HMLogFileManager::openNewestAppLog(QFile &file) const
+{
+    const std::optional<QString> path = newestAppLogPath();
+    if (!path) {
+        return false;
     }
-    QFile file(paths.first());
+    file.setFileName(*path);
     if (!file.open(QIODevice::ReadOnly)) {
         // Rolled away or removed between listing and reading: the member is left out.
-        HMLogError(QStringLiteral("Could not read %1: %2").arg(paths.first(), file.errorString()));
+        HMLogError(QStringLiteral("Could not read %1: %2").arg(*path, file.errorString()));
+        return false;
+    }
+    return true;
+}
+
+std::optional<HMDeflatedLog> HMLogFileManager::appLog() const
+{
+    QFile file;
+    if (!openNewestAppLog(file)) {
         return std::nullopt;
     }
-    return file.readAll();
+    HMLogDeflater deflater;
+    char slice[16 * 1024];
+    for (qint64 n = 0; (n = file.read(slice, sizeof slice)) > 0;) {
+        deflater.add(QByteArrayView(slice, n));
+    }
+    return deflater.finish();
 }
 
 std::optional<QString> HMLogFileManager::applicationLog() const
 {
-    const std::optional<QByteArray> bytes = appLog();
-    return bytes ? std::optional<QString>(QString::fromUtf8(*bytes)) : std::nullopt;
+    QFile file;
+    if (!openNewestAppLog(file)) {
+        return std::nullopt;
+    }
+    return QString::fromUtf8(file.readAll());
 }
 
 HMLogCollection HMLogFileManager::collectLocal(QVariantMap daemonLogs) const
 {
     HMLogCollection logs;
-    if (const std::optional<QByteArray> log = appLog()) {
-        logs.insert(QStringLiteral("app.log"), *log);
+    if (std::optional<HMDeflatedLog> log = appLog()) {
+        logs.insert(QStringLiteral("app.log"), std::move(*log));
     }
-    logs.insert(QStringLiteral("defaults.log"), m_store.dumpText().trimmed().toUtf8());
+    logs.insert(QStringLiteral("defaults.log"),
+                HMLogDeflater::deflate(m_store.dumpText().trimmed().toUtf8()));
     // "wisprouteLog" has no ".log" and is filled from "dnsLog": both on purpose, the
     // service's readers look for exactly these names.
     const QList<QPair<QString, QString>> daemonMembers{
@@ -165,15 +190,22 @@ HMLogCollection HMLogFileManager::collectLocal(QVariantMap daemonLogs) const
         {QStringLiteral("daemon.log"), QStringLiteral("daemonLog")},
         {QStringLiteral("wisprouteLog"), QStringLiteral("dnsLog")}};
     for (const auto &member : daemonMembers) {
-        if (daemonLogs.contains(member.second)) {
-            // Each text is dropped once converted: the helper's logs are the largest members.
-            logs.insert(member.first, daemonLogs.take(member.second).toString().toUtf8());
+        if (!daemonLogs.contains(member.second)) {
+            continue;
+        }
+        QString why;
+        // The helper's logs arrive compressed and go into the archive as they are.
+        if (std::optional<HMDeflatedLog> log =
+                HMDeflatedLog::fromWire(daemonLogs.take(member.second), &why)) {
+            logs.insert(member.first, std::move(*log));
+        } else {
+            HMLogError(QStringLiteral("The helper's %1 is left out: %2").arg(member.second, why));
         }
     }
     for (const HMSystemReport &report : m_options.reports) {
         if (const std::optional<QString> text =
                 HMSystemReports::produce(report, m_options.reportTimeoutMs)) {
-            logs.insert(report.member, text->toUtf8());
+            logs.insert(report.member, HMLogDeflater::deflate(text->toUtf8()));
         }
     }
     return logs;
@@ -232,16 +264,30 @@ QString HMLogFileManager::writeLogsToTempFile(const HMLogCollection &logs,
     }
     const QByteArray separator(61, '-');
     QSaveFile file(path);
+    QString reason;
     if (file.open(QIODevice::WriteOnly)) {
         for (auto it = logs.cbegin(); it != logs.cend(); ++it) {
             file.write(separator + '\n' + it.key().toUtf8() + '\n' + separator + "\n\n");
-            file.write(it.value());
+            QString why;
+            if (!it.value().inflate(
+                    [&file](QByteArrayView slice) {
+                        return file.write(slice.data(), slice.size()) == slice.size();
+                    },
+                    &why)) {
+                // Nothing half-written is kept: the saved file is discarded below.
+                if (file.error() == QFileDevice::NoError) {
+                    reason = QStringLiteral("%1: %2").arg(it.key(), why);
+                }
+                file.cancelWriting();
+                break;
+            }
             file.write("\n\n");
         }
     }
     if (!file.commit()) {
         if (error) {
-            *error = fileError(QStringLiteral("Could not write"), path, file.errorString());
+            *error = fileError(QStringLiteral("Could not write"), path,
+                               reason.isEmpty() ? file.errorString() : reason);
         }
         return QString();
     }

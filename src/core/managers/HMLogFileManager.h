@@ -15,10 +15,15 @@
 // client delivered its reply (also the main thread here). Deliberately odd and kept:
 // after a helper error every operation calls its completion twice, first with the error,
 // then goes on with what it could collect. Two overlapping sends write the same archive.
+// Memory: every member is compressed as it is collected (the helper sends its logs already
+// deflated, the application log is read in slices, the small members are deflated at once),
+// so the collection holds about the archive's size, never the raw logs; the archive stores
+// the members' bytes as they are, and the text file inflates them in slices.
 // One process-wide instance (instance()), which lives for the whole process; tests build
 // their own with Options and let the background pool finish before destroying it.
 #pragma once
 
+#include "HMDeflatedLog.h"
 #include "HMError.h"
 #include "HMSystemReports.h"
 
@@ -36,9 +41,10 @@ class HMClock;
 class HMDaemonManager;
 class HMPreferenceStore;
 class HMRollingFileSink;
+class QFile;
 
-// Member name to content; absent sources are absent keys.
-using HMLogCollection = QMap<QString, QByteArray>;
+// Member name to its compressed content; absent sources are absent keys.
+using HMLogCollection = QMap<QString, HMDeflatedLog>;
 
 // What tests and the shared instance choose: where files go, which reports run and how
 // long each may take, and how the text file is opened.
@@ -81,7 +87,7 @@ public:
     // The archive's path; an empty path and `error` when it could not be written whole.
     QString zipFiles(const HMLogCollection &logs, HMMaybeError *error = nullptr) const;
     // The text file's path (a file never created for an empty collection); empty with
-    // `error` when it could not be written.
+    // `error` when it could not be written or a member does not inflate to what it holds.
     QString writeLogsToTempFile(const HMLogCollection &logs, HMMaybeError *error = nullptr) const;
     void showLogsWithCompletion(Completion completion);
     void sendLogsWithFeedback(const QString &feedback, Completion completion);
@@ -93,7 +99,9 @@ Q_SIGNALS:
     void uploadProgress(qint64 sent, qint64 total);
 
 private:
-    std::optional<QByteArray> appLog() const;
+    std::optional<QString> newestAppLogPath() const;
+    bool openNewestAppLog(QFile &file) const;
+    std::optional<HMDeflatedLog> appLog() const;
     HMLogCollection collectLocal(QVariantMap daemonLogs) const;
     void upload(const QByteArray &archive, const QString &path, const QString &feedback,
                 const Completion &completion);

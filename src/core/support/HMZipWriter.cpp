@@ -39,25 +39,25 @@ zip_fileinfo fileInfo(const QDateTime &stamp)
 
 int writeMembers(zipFile archive, const Members &members, const zip_fileinfo &info)
 {
-    // Members go in slices so that no member needs a second copy in memory.
-    constexpr qsizetype kSlice = 256 * 1024;
     for (const auto &member : members) {
         const QByteArray name = member.first.toUtf8();
+        const HMDeflatedLog &log = member.second;
         errno = 0;
-        if (zipOpenNewFileInZip64(archive, name.constData(), &info, nullptr, 0, nullptr, 0, nullptr,
-                                  Z_DEFLATED, Z_BEST_COMPRESSION, 0) != ZIP_OK) {
+        // Raw: the bytes are a finished deflate stream; the level only sets the header's
+        // "maximum compression" flag, as for a member compressed here.
+        if (zipOpenNewFileInZip2_64(archive, name.constData(), &info, nullptr, 0, nullptr, 0,
+                                    nullptr, Z_DEFLATED, Z_BEST_COMPRESSION, 1, 0) != ZIP_OK) {
             return errno ? errno : -1;
         }
-        const QByteArray &data = member.second;
-        for (qsizetype offset = 0; offset < data.size(); offset += kSlice) {
-            const auto length = static_cast<unsigned>(qMin(kSlice, data.size() - offset));
-            errno = 0;
-            if (zipWriteInFileInZip(archive, data.constData() + offset, length) != ZIP_OK) {
-                return errno ? errno : -1;
-            }
+        errno = 0;
+        if (!log.deflated().isEmpty() &&
+            zipWriteInFileInZip(archive, log.deflated().constData(),
+                                static_cast<unsigned>(log.deflated().size())) != ZIP_OK) {
+            return errno ? errno : -1;
         }
         errno = 0;
-        if (zipCloseFileInZip(archive) != ZIP_OK) {
+        if (zipCloseFileInZipRaw64(archive, static_cast<ZPOS64_T>(log.size()), log.crc32()) !=
+            ZIP_OK) {
             return errno ? errno : -1;
         }
     }

@@ -1,5 +1,7 @@
 // Writes a standard zip archive of named members (deflate at level 9, each member stamped
-// with the given local time) for the diagnostics upload.
+// with the given local time) for the diagnostics upload. Members arrive already compressed
+// (HMDeflatedLog) and are stored as they are, so writing costs no second copy of any member
+// and no compressor state.
 //
 // The archive is written under a temporary name in the destination's folder and renamed
 // over the destination only once it is whole, so an existing archive is replaced at once
@@ -7,9 +9,9 @@
 // under the real name. Safe on any thread; used from the background pool.
 #pragma once
 
+#include "HMDeflatedLog.h"
 #include "HMError.h"
 
-#include <QByteArray>
 #include <QDateTime>
 #include <QList>
 #include <QPair>
@@ -17,7 +19,7 @@
 
 namespace HMZipWriter {
 
-using Members = QList<QPair<QString, QByteArray>>;
+using Members = QList<QPair<QString, HMDeflatedLog>>;
 
 // No error when `path` now holds the whole archive; otherwise the reason, and `path` is as
 // it was before the call.

@@ -4,6 +4,7 @@
 #include "HMAccountManager.h"
 #include "HMAccountWorld.h"
 #include "HMDaemonManager.h"
+#include "HMDeflatedLog.h"
 #include "HMHelperInstance.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
@@ -98,7 +99,9 @@ private Q_SLOTS:
         QVERIFY2(!check->error, check->describe());
         QVERIFY2(!logs->error, logs->describe());
         for (const char *key : {"vpnLog", "daemonLog", "dnsLog"}) {
-            QVERIFY2(logs->reply.value(QLatin1String(key)).typeId() == QMetaType::QString, key);
+            QString error;
+            QVERIFY2(HMDeflatedLog::fromWire(logs->reply.value(QLatin1String(key)), &error),
+                     qPrintable(QLatin1String(key) + ": " + error));
         }
     }
 

@@ -10,6 +10,7 @@
 #include "HMHelperPeerProcess.h"
 #include "HMLog.h"
 #include "HMLogCapture.h"
+#include "HMLogDeflater.h"
 #include "HMLogging.h"
 #include "HMManualClock.h"
 #include "HMRollingFileSink.h"
@@ -71,8 +72,41 @@ struct Calls
     }
 };
 
-const QJsonObject kFullReply{
-    {"status", "ok"}, {"vpnLog", "vpn says hi"}, {"daemonLog", "daemon"}, {"dnsLog", "dns"}};
+// Members as the collection holds them, compressed, from their texts.
+HMLogCollection collection(const QMap<QString, QByteArray> &texts)
+{
+    HMLogCollection logs;
+    for (auto it = texts.cbegin(); it != texts.cend(); ++it) {
+        logs.insert(it.key(), HMLogDeflater::deflate(it.value()));
+    }
+    return logs;
+}
+
+// The helper's "getLogs" answer carrying these texts as it sends them; the log named
+// `damaged` gets a wrong CRC-32.
+QCborMap logsReply(const QVariantMap &texts, const QString &damaged = QString())
+{
+    QCborMap reply{{QStringLiteral("status"), QStringLiteral("ok")}};
+    for (auto it = texts.cbegin(); it != texts.cend(); ++it) {
+        const HMDeflatedLog log = HMLogDeflater::deflate(it.value().toString().toUtf8());
+        reply.insert(
+            it.key(),
+            (it.key() == damaged ? HMDeflatedLog(log.deflated(), log.crc32() ^ 1, log.size()) : log)
+                .toWire());
+    }
+    return reply;
+}
+
+const QVariantMap kFullLogs{{"vpnLog", "vpn says hi"}, {"daemonLog", "daemon"}, {"dnsLog", "dns"}};
+
+// What an independent tool says of the archive's integrity (CRC-32 and lengths).
+bool archiveTestsWhole(const QString &path)
+{
+    QProcess unzip;
+    unzip.start("unzip", {"-tq", path});
+    return unzip.waitForFinished() && unzip.exitStatus() == QProcess::NormalExit &&
+           unzip.exitCode() == 0;
+}
 
 } // namespace
 
@@ -144,7 +178,7 @@ private Q_SLOTS:
     void init()
     {
         m_tmp = std::make_unique<QTemporaryDir>();
-        m_peer.setReply("getLogs", kFullReply);
+        m_peer.setCborReply("getLogs", logsReply(kFullLogs));
         m_logs = makeManager(*m_daemon, m_tmp->path());
         if (m_bed) {
             m_bed->service.clearFaults();
@@ -165,27 +199,34 @@ private Q_SLOTS:
     void collectTakesEachMemberFromItsSource_data()
     {
         QTest::addColumn<QString>("helper"); // "reply", "refused" or "down"
-        QTest::addColumn<QJsonObject>("reply");
+        QTest::addColumn<QVariantMap>("reply");
+        QTest::addColumn<QString>("damaged"); // a helper log that arrives damaged
         QTest::addColumn<bool>("appLogExists");
         QTest::addColumn<QString>("helperMembers");
-        QJsonObject noDns = kFullReply;
+        QVariantMap noDns = kFullLogs;
         noDns.remove("dnsLog");
         QTest::newRow("every source")
-            << "reply" << kFullReply << true << "daemon.log vpn.log wisprouteLog";
+            << "reply" << kFullLogs << "" << true << "daemon.log vpn.log wisprouteLog";
         QTest::newRow("no log file yet, reply without dnsLog")
-            << "reply" << noDns << false << "daemon.log vpn.log";
-        QTest::newRow("helper refuses")
-            << "refused" << QJsonObject{{"status", "error"}, {"error", "no"}} << true << "";
-        QTest::newRow("helper down") << "down" << QJsonObject() << true << "";
+            << "reply" << noDns << "" << false << "daemon.log vpn.log";
+        QTest::newRow("a damaged helper log is left out")
+            << "reply" << kFullLogs << "vpnLog" << true << "daemon.log wisprouteLog";
+        QTest::newRow("helper refuses") << "refused" << QVariantMap() << "" << true << "";
+        QTest::newRow("helper down") << "down" << QVariantMap() << "" << true << "";
     }
 
     void collectTakesEachMemberFromItsSource()
     {
         QFETCH(QString, helper);
-        QFETCH(QJsonObject, reply);
+        QFETCH(QVariantMap, reply);
+        QFETCH(QString, damaged);
         QFETCH(bool, appLogExists);
         QFETCH(QString, helperMembers);
-        m_peer.setReply("getLogs", reply);
+        if (helper == "refused") {
+            m_peer.setReply("getLogs", QJsonObject{{"status", "error"}, {"error", "no"}});
+        } else {
+            m_peer.setCborReply("getLogs", logsReply(reply, damaged));
+        }
         auto down = daemonAt({m_tmp->filePath("no-helper.sock"), {}, {}, {}});
         if (helper == "down") {
             m_logs = makeManager(*down, m_tmp->path());
@@ -219,13 +260,15 @@ private Q_SLOTS:
         }
         expected.sort();
         QCOMPARE(logs.keys(), expected);
-        QCOMPARE(logs.value("app.log").contains(marker.toUtf8()), appLogExists);
+        QCOMPARE(logs.value("app.log").inflated().contains(marker.toUtf8()), appLogExists);
         QCOMPARE(m_logs->applicationLog().value_or("").contains(marker), appLogExists);
-        QVERIFY(logs.value("defaults.log").contains("\"vpnForceTCP\": true"));
+        QVERIFY(logs.value("defaults.log").inflated().contains("\"vpnForceTCP\": true"));
         const QList<QPair<QString, QString>> fromHelper{
             {"vpn.log", "vpnLog"}, {"daemon.log", "daemonLog"}, {"wisprouteLog", "dnsLog"}};
         for (const auto &[member, key] : fromHelper) {
-            QCOMPARE(logs.value(member), reply.value(key).toString().toUtf8());
+            if (logs.contains(member)) {
+                QCOMPARE(logs.value(member).inflated(), reply.value(key).toString().toUtf8());
+            }
         }
     }
 
@@ -274,28 +317,39 @@ private Q_SLOTS:
     // text file's headings exactly.
     void archiveAndTextFileHoldEveryMember()
     {
-        QVERIFY(!m_logs->zipFiles({{"stale.log", "old"}, {"vpn.log", "first"}}).isEmpty());
+        QVERIFY(
+            !m_logs->zipFiles(collection({{"stale.log", "old"}, {"vpn.log", "first"}})).isEmpty());
         const QDateTime stamp(QDate(2026, 3, 4), QTime(5, 6, 8));
         m_clock.setNow(stamp);
-        const HMLogCollection logs{{"app.log", noise(300 * 1024)}, {"vpn.log", "2"}, {"e", ""}};
-        QCOMPARE(m_logs->zipFiles(logs), m_tmp->filePath("logs.zip"));
+        const QMap<QString, QByteArray> texts{
+            {"app.log", noise(300 * 1024)}, {"vpn.log", "2"}, {"e", ""}};
+        QCOMPARE(m_logs->zipFiles(collection(texts)), m_tmp->filePath("logs.zip"));
+        QVERIFY(archiveTestsWhole(m_tmp->filePath("logs.zip")));
         const auto members = readZip(m_tmp->filePath("logs.zip"));
-        QCOMPARE(members.keys(), logs.keys());
-        for (const QString &name : logs.keys()) {
-            QCOMPARE(members[name].data, logs[name]);
+        QCOMPARE(members.keys(), texts.keys());
+        for (const QString &name : texts.keys()) {
+            QCOMPARE(members[name].data, texts[name]);
             QCOMPARE(members[name].method, 8);
             QCOMPARE(members[name].time, stamp);
         }
         QCOMPARE(QDir(m_tmp->path()).entryList(QDir::Files | QDir::Hidden),
                  QStringList{"logs.zip"});
 
-        const QString text = m_logs->writeLogsToTempFile({{"a.log", "A"}, {"b", "B\n"}});
+        const QString text =
+            m_logs->writeLogsToTempFile(collection({{"a.log", "A"}, {"b", "B\n"}}));
         QVERIFY(QFileInfo(text).fileName().startsWith("hmwisp_"));
         const QByteArray line(61, '-');
         QCOMPARE(HMTestEnvironment::readFile(text),
                  line + "\na.log\n" + line + "\n\nA\n\n" + line + "\nb\n" + line + "\n\nB\n\n\n");
         const QString none = m_logs->writeLogsToTempFile({});
         QVERIFY(!QFile::exists(none) && none != m_logs->writeLogsToTempFile({}));
+        // A member that does not inflate to what it announces leaves no text file behind.
+        const HMDeflatedLog good = HMLogDeflater::deflate("A");
+        HMMaybeError error;
+        QVERIFY(m_logs->writeLogsToTempFile({{"a.log", {good.deflated(), good.crc32(), 2}}}, &error)
+                    .isEmpty());
+        QVERIFY(error && error->localizedDescription().contains("a.log"));
+        QCOMPARE(QDir(m_tmp->path()).entryList({"hmwisp_*"}, QDir::Files | QDir::Hidden).size(), 1);
     }
 
     // A folder that cannot take the archive: a clear error, the previous archive as it
@@ -310,7 +364,7 @@ private Q_SLOTS:
     void archiveIsWholeOrNotWritten()
     {
         QFETCH(bool, diskFull);
-        QVERIFY(!m_logs->zipFiles({{"vpn.log", "kept"}}).isEmpty());
+        QVERIFY(!m_logs->zipFiles(collection({{"vpn.log", "kept"}})).isEmpty());
         rlimit saved{};
         getrlimit(RLIMIT_FSIZE, &saved);
         if (diskFull) {
@@ -322,7 +376,7 @@ private Q_SLOTS:
             m_logs = makeManager(*m_daemon, m_tmp->filePath("logs.zip"));
         }
         HMMaybeError error;
-        const QString path = m_logs->zipFiles({{"app.log", noise(512 * 1024)}}, &error);
+        const QString path = m_logs->zipFiles(collection({{"app.log", noise(512 * 1024)}}), &error);
         setrlimit(RLIMIT_FSIZE, &saved);
         QVERIFY(path.isEmpty());
         QVERIFY(error && error->localizedDescription().startsWith("Could not"));
@@ -370,10 +424,10 @@ private Q_SLOTS:
         QVERIFY(capture.contains("Could not upload logs: " + message));
         QCOMPARE(readZip(m_logs->archivePath()).value("wisprouteLog").data, QByteArray("dns"));
 
-        QJsonObject noDns = kFullReply;
+        QVariantMap noDns = kFullLogs;
         noDns.remove("dnsLog");
         noDns.insert("vpnLog", "second try");
-        m_peer.setReply("getLogs", noDns);
+        m_peer.setCborReply("getLogs", logsReply(noDns));
         send("second try", fault);
         QTRY_COMPARE(calls.errors.size(), 1);
         const auto replaced = readZip(m_logs->archivePath());
@@ -424,6 +478,7 @@ private Q_SLOTS:
         daemon->stopVPN();
 
         const auto archive = lastUpload();
+        QVERIFY(archiveTestsWhole(m_tmp->filePath("received.zip")));
         QCOMPARE(archive.keys(),
                  (QStringList{"app.log", "daemon.log", "defaults.log", "dns.log", "maxsockbuf.log",
                               "proxy.log", "routes.log", "vpn.log", "wisprouteLog"}));
