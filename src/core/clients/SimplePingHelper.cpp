@@ -2,11 +2,20 @@
 
 #include "SimplePing.h"
 
+#include <QCoreApplication>
+#include <QThread>
+
 SimplePingHelper *SimplePingHelper::ping(const QString &host, QObject *target,
                                          SuccessCallback success, FailureCallback failure,
                                          HMClock &clock)
 {
     auto *probe = new SimplePingHelper(host, target, std::move(success), std::move(failure), clock);
+    // A probe frees itself when its time is up; one still in flight when the application
+    // quits goes with the application object instead of outliving it.
+    if (QCoreApplication *app = QCoreApplication::instance();
+        app && app->thread() == QThread::currentThread()) {
+        probe->setParent(app);
+    }
     probe->go();
     return probe;
 }
