@@ -1,19 +1,26 @@
 // The proxy's sockets: UDP and TCP listeners for clients and one UDP socket towards the
 // resolvers, all served by one poll loop (a DNS exchange is short; a thread per client would
-// cost more than it saves). Each forwarded query gets a fresh random id, so answers are
-// matched only to queries this proxy sent, and only from the resolver it asked; a resolver
-// that stays silent for kAttemptMs is replaced by the next of its kind, and when none is
-// left the client gets SERVFAIL. TCP clients are answered over TCP, their queries go to the
-// resolvers over UDP like any other.
+// cost more than it saves). Datagrams are read and written in batches (HMDatagramBatch).
+// Each forwarded query gets a fresh random id, so answers are matched only to queries this
+// proxy sent, and only from the resolver it asked; a resolver that stays silent for
+// kAttemptMs is replaced by the next of its kind, and when none is left the client gets
+// SERVFAIL. A UDP answer that came back truncated is passed on as it is, so the client asks
+// again over TCP; queries from TCP clients go to the resolvers over TCP (HMStreamExchange),
+// so the full answer gets the same routes and the same AAAA stripping.
 #pragma once
 
 #include "HMDNSQueryHandler.h"
+#include "HMDatagramBatch.h"
 #include "HMProxyClock.h"
+#include "HMStreamExchange.h"
 
+#include <array>
 #include <cstdint>
+#include <memory>
 #include <netinet/in.h>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 class HMHostRoutes;
@@ -27,6 +34,8 @@ public:
     static constexpr int64_t kSweepMs = 5000;
     static constexpr size_t kMaxPending = 4096;
     static constexpr size_t kMaxTcpClients = 64;
+    // What a TCP client may leave unread before its connection is closed.
+    static constexpr size_t kMaxTcpBacklog = 256 * 1024;
     // Refusals written to the log per sweep; a local program sending garbage must not fill
     // the disk, so the rest are only counted.
     static constexpr int kRefusalsLogged = 20;
@@ -57,25 +66,37 @@ private:
         Client client;
         size_t attempt = 0;
         int64_t deadlineMs = 0;
+        std::unique_ptr<HMStreamExchange> stream; // for TCP clients
     };
     struct TcpClient
     {
         int fd = -1;
         std::vector<uint8_t> buffer;
+        std::vector<uint8_t> out; // what the client has not taken yet
         int64_t lastMs = 0;
     };
 
     // Each returns how many datagrams it handled.
-    int readUdpClients();
+    size_t readUdpClients();
+    size_t readUpstream();
     void acceptTcp();
     void readTcp(uint64_t number);
-    int readUpstream();
+    void writeTcp(uint64_t number);
+    void advanceStream(uint16_t id);
     void handleQuery(const uint8_t *data, size_t size, const Client &client);
-    bool sendUpstream(Pending &pending);
+    // Sends the query to the resolver of its current attempt, or on to the next ones; false
+    // (the client having got SERVFAIL) when none is left.
+    bool sendUpstream(uint16_t id, Pending &pending);
+    void flushUpstream();
+    // Hands a resolver's answer (our id) to the client; false when it was not an answer to
+    // this query.
+    bool deliver(Pending &pending, uint8_t *data, size_t size);
     void answer(const Client &client, const std::vector<uint8_t> &reply);
+    void flushAnswers();
     void closeTcp(uint64_t number);
     void noteRefusal(const std::string &what);
     void timeOut();
+    uint16_t randomId();
     const std::vector<uint32_t> &resolvers(HMDNSQueryHandler::Path path) const;
 
     HMDNSQueryHandler &m_handler;
@@ -88,9 +109,17 @@ private:
     std::vector<uint32_t> m_tunnelResolvers;
     std::vector<uint32_t> m_originalResolvers;
     std::unordered_map<uint16_t, Pending> m_pending;
+    std::unordered_set<uint16_t> m_streams; // pending ids asked over TCP
     std::unordered_map<uint64_t, TcpClient> m_tcpClients;
     uint64_t m_nextTcp = 1;
-    std::vector<uint8_t> m_buffer; // one datagram at a time
+    HMDatagramBatch m_queries;
+    HMDatagramBatch m_answers;
+    HMDatagramQueue m_toResolvers;
+    HMDatagramQueue m_toClients;
+    std::array<uint16_t, 128> m_randomIds{};
+    size_t m_randomUsed = 128;
+    int64_t m_nowMs = 0; // read once per poll round
     int m_refusals = 0;
     int64_t m_nextSweepMs = 0;
+    int64_t m_nextDeadlineCheckMs = 0;
 };
