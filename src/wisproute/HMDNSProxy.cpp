@@ -160,17 +160,18 @@ void HMDNSProxy::run(int stopFd)
         if (fds[2].revents) {
             acceptTcp();
         }
-        // Under load, answers come back while queries are still being read: keep serving
-        // both sockets until neither has anything, rather than paying a poll for each.
-        if (fds[1].revents || fds[3].revents) {
-            for (int round = 0; round < 16; ++round) {
-                const size_t handled = readUdpClients() + readUpstream();
-                flushUpstream();
-                flushAnswers();
-                if (handled == 0) {
-                    break;
-                }
-            }
+        // A socket is read again at once only when the last read filled a whole batch: a read
+        // that finds nothing costs as much as the poll that would have said so, and most
+        // rounds carry less than a batch.
+        bool clients = fds[1].revents != 0;
+        bool answers = fds[3].revents != 0;
+        while (clients || answers) {
+            const size_t queries = clients ? readUdpClients() : 0;
+            const size_t replies = answers ? readUpstream() : 0;
+            flushUpstream();
+            flushAnswers();
+            clients = queries == HMDatagramBatch::kCapacity;
+            answers = replies == HMDatagramBatch::kCapacity;
         }
         for (size_t i = 0; i < owners.size(); ++i) {
             const short revents = fds[4 + i].revents;
