@@ -64,6 +64,13 @@ const char *pathName(HMDNSQueryHandler::Path path)
 HMDNSProxy::HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProxyClock &clock,
                        HMHostRoutes *routes)
     : m_handler(handler), m_log(log), m_clock(clock), m_routes(routes),
+      m_tcpClients(
+          [this](const uint8_t *data, size_t size, uint64_t number) {
+              Client client;
+              client.tcp = number;
+              handleQuery(data, size, client);
+          },
+          [this](const std::string &what) { noteRefusal(what); }),
       m_queries(HMDNSQueryHandler::kMaxQuerySize + 1), m_answers(kDatagramSize)
 {
     m_pending.reserve(kMaxPending);
@@ -71,9 +78,6 @@ HMDNSProxy::HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProx
 
 HMDNSProxy::~HMDNSProxy()
 {
-    for (auto &[number, client] : m_tcpClients) {
-        ::close(client.fd);
-    }
     for (int fd : {m_udp, m_tcp, m_upstream}) {
         if (fd >= 0) {
             ::close(fd);
@@ -126,27 +130,21 @@ uint16_t HMDNSProxy::randomId()
 
 void HMDNSProxy::run(int stopFd)
 {
-    enum Kind : uint8_t
-    {
-        TcpClientFd,
-        StreamFd
-    };
     m_nowMs = m_clock.nowMs();
     m_nextSweepMs = m_nowMs + kSweepMs;
     std::vector<pollfd> fds;
-    std::vector<std::pair<Kind, uint64_t>> owners; // for the entries after the first four
+    // After the first four entries: the TCP clients', then the resolver streams'.
+    std::vector<uint64_t> owners;
     for (;;) {
         fds.assign(
             {{stopFd, POLLIN, 0}, {m_udp, POLLIN, 0}, {m_tcp, POLLIN, 0}, {m_upstream, POLLIN, 0}});
         owners.clear();
-        for (const auto &[number, client] : m_tcpClients) {
-            fds.push_back({client.fd, short(client.out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
-            owners.emplace_back(TcpClientFd, number);
-        }
+        m_tcpClients.watch(fds, owners);
+        const size_t clientCount = owners.size();
         for (uint16_t id : m_streams) {
             const HMStreamExchange &stream = *m_pending.at(id).stream;
             fds.push_back({stream.fd(), stream.events(), 0});
-            owners.emplace_back(StreamFd, id);
+            owners.push_back(id);
         }
         const int ready = ::poll(fds.data(), fds.size(), 250);
         if (ready < 0 && errno != EINTR) {
@@ -158,7 +156,7 @@ void HMDNSProxy::run(int stopFd)
             return;
         }
         if (fds[2].revents) {
-            acceptTcp();
+            m_tcpClients.accept(m_tcp, m_nowMs);
         }
         // A socket is read again at once only when the last read filled a whole batch: a read
         // that finds nothing costs as much as the poll that would have said so, and most
@@ -178,15 +176,10 @@ void HMDNSProxy::run(int stopFd)
             if (revents == 0) {
                 continue;
             }
-            if (owners[i].first == StreamFd) {
-                advanceStream(static_cast<uint16_t>(owners[i].second));
-                continue;
-            }
-            if (revents & POLLOUT) {
-                writeTcp(owners[i].second);
-            }
-            if (revents & ~POLLOUT) {
-                readTcp(owners[i].second);
+            if (i < clientCount) {
+                m_tcpClients.serve(owners[i], revents, m_nowMs);
+            } else {
+                advanceStream(static_cast<uint16_t>(owners[i]));
             }
         }
         timeOut();
@@ -402,14 +395,7 @@ void HMDNSProxy::timeOut()
             }
         }
     }
-    for (auto it = m_tcpClients.begin(); it != m_tcpClients.end();) {
-        if (m_nowMs - it->second.lastMs > kTcpIdleMs) {
-            ::close(it->second.fd);
-            it = m_tcpClients.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    m_tcpClients.closeIdle(m_nowMs);
     if (m_nowMs < m_nextSweepMs) {
         return;
     }
@@ -433,93 +419,6 @@ void HMDNSProxy::noteRefusal(const std::string &what)
     }
 }
 
-void HMDNSProxy::acceptTcp()
-{
-    const int fd = ::accept4(m_tcp, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-        return;
-    }
-    if (m_tcpClients.size() >= kMaxTcpClients) {
-        noteRefusal("a TCP client: too many connections");
-        ::close(fd);
-        return;
-    }
-    TcpClient &client = m_tcpClients[m_nextTcp++];
-    client.fd = fd;
-    client.lastMs = m_nowMs;
-}
-
-void HMDNSProxy::readTcp(uint64_t number)
-{
-    const auto found = m_tcpClients.find(number);
-    if (found == m_tcpClients.end()) {
-        return; // closed earlier in this round
-    }
-    TcpClient &client = found->second;
-    uint8_t chunk[4096];
-    const ssize_t size = ::recv(client.fd, chunk, sizeof(chunk), 0);
-    if (size <= 0) {
-        if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
-            closeTcp(number);
-        }
-        return;
-    }
-    client.lastMs = m_nowMs;
-    client.buffer.insert(client.buffer.end(), chunk, chunk + size);
-    Client who;
-    who.tcp = number;
-    while (client.buffer.size() >= 2) {
-        const size_t length = ldns_read_uint16(client.buffer.data());
-        if (length > HMDNSQueryHandler::kMaxQuerySize && client.buffer.size() >= 2 + 2) {
-            // Not worth reading: answer from the id alone and end the connection.
-            noteRefusal("an oversized query (" + std::to_string(length) + " bytes)");
-            answer(who, HMDNSQueryHandler::refusal(ldns_read_uint16(client.buffer.data() + 2),
-                                                   LDNS_RCODE_FORMERR));
-            closeTcp(number);
-            return;
-        }
-        if (client.buffer.size() < 2 + length) {
-            return;
-        }
-        const std::vector<uint8_t> message(client.buffer.begin() + 2,
-                                           client.buffer.begin() + 2 + long(length));
-        client.buffer.erase(client.buffer.begin(), client.buffer.begin() + 2 + long(length));
-        handleQuery(message.data(), message.size(), who);
-        if (m_tcpClients.count(number) == 0) {
-            return;
-        }
-    }
-}
-
-void HMDNSProxy::writeTcp(uint64_t number)
-{
-    const auto found = m_tcpClients.find(number);
-    if (found == m_tcpClients.end()) {
-        return;
-    }
-    TcpClient &client = found->second;
-    while (!client.out.empty()) {
-        const ssize_t sent = ::send(client.fd, client.out.data(), client.out.size(), MSG_NOSIGNAL);
-        if (sent < 0) {
-            if (errno != EAGAIN && errno != EINTR) {
-                closeTcp(number);
-            }
-            return;
-        }
-        client.out.erase(client.out.begin(), client.out.begin() + sent);
-        client.lastMs = m_nowMs;
-    }
-}
-
-void HMDNSProxy::closeTcp(uint64_t number)
-{
-    const auto found = m_tcpClients.find(number);
-    if (found != m_tcpClients.end()) {
-        ::close(found->second.fd);
-        m_tcpClients.erase(found);
-    }
-}
-
 void HMDNSProxy::answer(const Client &client, const std::vector<uint8_t> &reply)
 {
     if (reply.empty()) {
@@ -527,24 +426,9 @@ void HMDNSProxy::answer(const Client &client, const std::vector<uint8_t> &reply)
     }
     if (client.tcp == 0) {
         m_toClients.add(client.udp, reply.data(), reply.size());
-        return;
+    } else {
+        m_tcpClients.send(client.tcp, reply, m_nowMs);
     }
-    const auto found = m_tcpClients.find(client.tcp);
-    if (found == m_tcpClients.end()) {
-        return;
-    }
-    std::vector<uint8_t> &out = found->second.out;
-    // A client that leaves its answers unread has its connection closed rather than an
-    // ever longer queue kept for it.
-    if (out.size() + 2 + reply.size() > kMaxTcpBacklog) {
-        noteRefusal("a TCP client that does not read its answers");
-        closeTcp(client.tcp);
-        return;
-    }
-    out.push_back(static_cast<uint8_t>(reply.size() >> 8));
-    out.push_back(static_cast<uint8_t>(reply.size() & 0xff));
-    out.insert(out.end(), reply.begin(), reply.end());
-    writeTcp(client.tcp);
 }
 
 void HMDNSProxy::flushAnswers()

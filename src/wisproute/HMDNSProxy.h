@@ -13,6 +13,7 @@
 #include "HMDatagramBatch.h"
 #include "HMProxyClock.h"
 #include "HMStreamExchange.h"
+#include "HMTcpClients.h"
 
 #include <array>
 #include <cstdint>
@@ -30,12 +31,8 @@ class HMDNSProxy
 {
 public:
     static constexpr int64_t kAttemptMs = 1500;
-    static constexpr int64_t kTcpIdleMs = 10000;
     static constexpr int64_t kSweepMs = 5000;
     static constexpr size_t kMaxPending = 4096;
-    static constexpr size_t kMaxTcpClients = 64;
-    // What a TCP client may leave unread before its connection is closed.
-    static constexpr size_t kMaxTcpBacklog = 256 * 1024;
     // Refusals written to the log per sweep; a local program sending garbage must not fill
     // the disk, so the rest are only counted.
     static constexpr int kRefusalsLogged = 20;
@@ -56,7 +53,7 @@ private:
     struct Client
     {
         sockaddr_in udp{};
-        uint64_t tcp = 0; // connection number; 0 for UDP clients
+        uint64_t tcp = 0; // HMTcpClients' number; 0 for UDP clients
     };
     struct Pending
     {
@@ -68,20 +65,10 @@ private:
         int64_t deadlineMs = 0;
         std::unique_ptr<HMStreamExchange> stream; // for TCP clients
     };
-    struct TcpClient
-    {
-        int fd = -1;
-        std::vector<uint8_t> buffer;
-        std::vector<uint8_t> out; // what the client has not taken yet
-        int64_t lastMs = 0;
-    };
 
     // Each returns how many datagrams it handled.
     size_t readUdpClients();
     size_t readUpstream();
-    void acceptTcp();
-    void readTcp(uint64_t number);
-    void writeTcp(uint64_t number);
     void advanceStream(uint16_t id);
     void handleQuery(const uint8_t *data, size_t size, const Client &client);
     // Sends the query to the resolver of its current attempt, or on to the next ones; false
@@ -93,7 +80,6 @@ private:
     bool deliver(Pending &pending, uint8_t *data, size_t size);
     void answer(const Client &client, const std::vector<uint8_t> &reply);
     void flushAnswers();
-    void closeTcp(uint64_t number);
     void noteRefusal(const std::string &what);
     void timeOut();
     uint16_t randomId();
@@ -110,8 +96,7 @@ private:
     std::vector<uint32_t> m_originalResolvers;
     std::unordered_map<uint16_t, Pending> m_pending;
     std::unordered_set<uint16_t> m_streams; // pending ids asked over TCP
-    std::unordered_map<uint64_t, TcpClient> m_tcpClients;
-    uint64_t m_nextTcp = 1;
+    HMTcpClients m_tcpClients;
     HMDatagramBatch m_queries;
     HMDatagramBatch m_answers;
     HMDatagramQueue m_toResolvers;
