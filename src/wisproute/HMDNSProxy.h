@@ -1,6 +1,7 @@
 // The proxy's sockets: UDP and TCP listeners for clients and one UDP socket towards the
 // resolvers, all served by one poll loop (a DNS exchange is short; a thread per client would
-// cost more than it saves). Datagrams are read and written in batches (HMDatagramBatch).
+// cost more than it saves). Datagrams are read and written in batches (HMDatagramBatch);
+// TCP clients are kept by HMTcpClients.
 // Each forwarded query gets a fresh random id, so answers are matched only to queries this
 // proxy sent, and only from the resolver it asked; a resolver that stays silent for
 // kAttemptMs is replaced by the next of its kind, and when none is left the client gets
