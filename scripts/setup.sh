@@ -51,10 +51,17 @@ if [ ! -x /lib/systemd/systemd-resolved ] &&
   [ "$(cat "$resolved_root/.version" 2>/dev/null)" != "$systemd_version" ]; then
   download="$(mktemp -d)"
   chmod 755 "$download"
-  (cd "$download" && apt-get download -q "systemd-resolved=$systemd_version")
-  "${sudo_cmd[@]}" rm -rf "$resolved_root"
-  "${sudo_cmd[@]}" mkdir -p "$resolved_root"
-  "${sudo_cmd[@]}" dpkg -x "$download"/systemd-resolved_*.deb "$resolved_root"
-  echo "$systemd_version" | "${sudo_cmd[@]}" tee "$resolved_root/.version" >/dev/null
+  # apt fetches as its own user when run as root.
+  [ "$(id -u)" -ne 0 ] || chown _apt "$download" 2>/dev/null || true
+  # Without it only that test is skipped (and says so), so a failed download does not stop here.
+  if (cd "$download" && apt-get download -q "systemd-resolved=$systemd_version"); then
+    "${sudo_cmd[@]}" rm -rf "$resolved_root"
+    "${sudo_cmd[@]}" mkdir -p "$resolved_root"
+    "${sudo_cmd[@]}" dpkg -x "$download"/systemd-resolved_*.deb "$resolved_root"
+    echo "$systemd_version" | "${sudo_cmd[@]}" tee "$resolved_root/.version" >/dev/null
+  else
+    echo "setup.sh: systemd-resolved $systemd_version could not be downloaded;" \
+      "HMDNSScriptsTest will skip its systemd-resolved case" >&2
+  fi
   rm -rf "$download"
 fi
