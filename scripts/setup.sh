@@ -36,10 +36,34 @@ for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$p")
 done
 
+sudo_cmd=()
+[ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
 if [ ${#missing[@]} -gt 0 ]; then
-  sudo_cmd=()
-  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
   export DEBIAN_FRONTEND=noninteractive
   "${sudo_cmd[@]}" apt-get update -q
   "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+# test-only: systemd-resolved for the DNS scripts' test, unpacked but never installed
+# (installing it would take this machine's /etc/resolv.conf over); the test runs it in
+# namespaces of its own. It must match the installed systemd's private library.
+resolved_root=/opt/hollowmere-test/systemd-resolved
+systemd_version="$(dpkg-query -W -f='${Version}' systemd)"
+if [ ! -x /lib/systemd/systemd-resolved ] &&
+  [ "$(cat "$resolved_root/.version" 2>/dev/null)" != "$systemd_version" ]; then
+  download="$(mktemp -d)"
+  chmod 755 "$download"
+  # apt fetches as its own user when run as root.
+  [ "$(id -u)" -ne 0 ] || chown _apt "$download" 2>/dev/null || true
+  # Without it only that test is skipped (and says so), so a failed download does not stop here.
+  if (cd "$download" && apt-get download -q "systemd-resolved=$systemd_version"); then
+    "${sudo_cmd[@]}" rm -rf "$resolved_root"
+    "${sudo_cmd[@]}" mkdir -p "$resolved_root"
+    "${sudo_cmd[@]}" dpkg -x "$download"/systemd-resolved_*.deb "$resolved_root"
+    echo "$systemd_version" | "${sudo_cmd[@]}" tee "$resolved_root/.version" >/dev/null
+  else
+    echo "setup.sh: systemd-resolved $systemd_version could not be downloaded;" \
+      "HMDNSScriptsTest will skip its systemd-resolved case" >&2
+  fi
+  rm -rf "$download"
 fi

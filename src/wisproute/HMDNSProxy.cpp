@@ -7,15 +7,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <ldns/ldns.h>
 #include <poll.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr size_t kDatagramSize = 65535;
+constexpr uint16_t kDnsPort = 53;
+// Deadlines are seconds apart; looking for missed ones on every poll round would cost a walk
+// over every query in flight per round.
+constexpr int64_t kDeadlineCheckMs = 50;
 
 int boundSocket(int type, uint32_t address, uint16_t port, std::string *error)
 {
@@ -41,11 +45,13 @@ int boundSocket(int type, uint32_t address, uint16_t port, std::string *error)
     return fd;
 }
 
-// Unpredictable, so that nobody off the path can forge a resolver's answer; from the C
-// library's own generator, which needs no system call per query.
-uint16_t randomId()
+sockaddr_in resolverAddress(uint32_t address)
 {
-    return static_cast<uint16_t>(::arc4random() & 0xffff);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(kDnsPort);
+    to.sin_addr.s_addr = address;
+    return to;
 }
 
 const char *pathName(HMDNSQueryHandler::Path path)
@@ -57,14 +63,21 @@ const char *pathName(HMDNSQueryHandler::Path path)
 
 HMDNSProxy::HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProxyClock &clock,
                        HMHostRoutes *routes)
-    : m_handler(handler), m_log(log), m_clock(clock), m_routes(routes), m_buffer(kDatagramSize)
-{}
+    : m_handler(handler), m_log(log), m_clock(clock), m_routes(routes),
+      m_tcpClients(
+          [this](const uint8_t *data, size_t size, uint64_t number) {
+              Client client;
+              client.tcp = number;
+              handleQuery(data, size, client);
+          },
+          [this](const std::string &what) { noteRefusal(what); }),
+      m_queries(HMDNSQueryHandler::kMaxQuerySize + 1), m_answers(kDatagramSize)
+{
+    m_pending.reserve(kMaxPending);
+}
 
 HMDNSProxy::~HMDNSProxy()
 {
-    for (auto &[number, client] : m_tcpClients) {
-        ::close(client.fd);
-    }
     for (int fd : {m_udp, m_tcp, m_upstream}) {
         if (fd >= 0) {
             ::close(fd);
@@ -101,119 +114,300 @@ const std::vector<uint32_t> &HMDNSProxy::resolvers(HMDNSQueryHandler::Path path)
     return path == HMDNSQueryHandler::Path::Tunnel ? m_tunnelResolvers : m_originalResolvers;
 }
 
+// Unpredictable, so that nobody off the path can forge a resolver's answer. Drawn from the
+// kernel a block at a time: one getrandom() per query was a tenth of the proxy's time.
+uint16_t HMDNSProxy::randomId()
+{
+    if (m_randomUsed == m_randomIds.size()) {
+        if (::getrandom(m_randomIds.data(), sizeof(m_randomIds), 0) !=
+            static_cast<ssize_t>(sizeof(m_randomIds))) {
+            ::arc4random_buf(m_randomIds.data(), sizeof(m_randomIds));
+        }
+        m_randomUsed = 0;
+    }
+    return m_randomIds[m_randomUsed++];
+}
+
 void HMDNSProxy::run(int stopFd)
 {
-    m_nextSweepMs = m_clock.nowMs() + kSweepMs;
+    m_nowMs = m_clock.nowMs();
+    m_nextSweepMs = m_nowMs + kSweepMs;
     std::vector<pollfd> fds;
-    std::vector<uint64_t> numbers;
+    // After the first four entries: the TCP clients', then the resolver streams'.
+    std::vector<uint64_t> owners;
     for (;;) {
         fds.assign(
             {{stopFd, POLLIN, 0}, {m_udp, POLLIN, 0}, {m_tcp, POLLIN, 0}, {m_upstream, POLLIN, 0}});
-        numbers.clear();
-        for (const auto &[number, client] : m_tcpClients) {
-            fds.push_back({client.fd, POLLIN, 0});
-            numbers.push_back(number);
+        owners.clear();
+        m_tcpClients.watch(fds, owners);
+        const size_t clientCount = owners.size();
+        for (uint16_t id : m_streams) {
+            const HMStreamExchange &stream = *m_pending.at(id).stream;
+            fds.push_back({stream.fd(), stream.events(), 0});
+            owners.push_back(id);
         }
         const int ready = ::poll(fds.data(), fds.size(), 250);
         if (ready < 0 && errno != EINTR) {
             m_log.write(std::string("poll failed: ") + std::strerror(errno));
             return;
         }
+        m_nowMs = m_clock.nowMs();
         if (fds[0].revents) {
             return;
         }
         if (fds[2].revents) {
-            acceptTcp();
+            m_tcpClients.accept(m_tcp, m_nowMs);
         }
-        // Under load, answers come back while queries are still being read: keep serving
-        // both sockets until neither has anything, rather than paying a poll for each.
-        if (fds[1].revents || fds[3].revents) {
-            for (int round = 0; round < 16; ++round) {
-                if (readUdpClients() + readUpstream() == 0) {
-                    break;
-                }
+        // A socket is read again at once only when the last read filled a whole batch: a read
+        // that finds nothing costs as much as the poll that would have said so, and most
+        // rounds carry less than a batch.
+        bool clients = fds[1].revents != 0;
+        bool answers = fds[3].revents != 0;
+        while (clients || answers) {
+            const size_t queries = clients ? readUdpClients() : 0;
+            const size_t replies = answers ? readUpstream() : 0;
+            flushUpstream();
+            flushAnswers();
+            clients = queries == HMDatagramBatch::kCapacity;
+            answers = replies == HMDatagramBatch::kCapacity;
+        }
+        for (size_t i = 0; i < owners.size(); ++i) {
+            const short revents = fds[4 + i].revents;
+            if (revents == 0) {
+                continue;
             }
-        }
-        for (size_t i = 0; i < numbers.size(); ++i) {
-            if (fds[4 + i].revents) {
-                readTcp(numbers[i]);
+            if (i < clientCount) {
+                m_tcpClients.serve(owners[i], revents, m_nowMs);
+            } else {
+                advanceStream(static_cast<uint16_t>(owners[i]));
             }
         }
         timeOut();
+        flushUpstream();
+        flushAnswers();
     }
 }
 
-int HMDNSProxy::readUdpClients()
+size_t HMDNSProxy::readUdpClients()
 {
-    std::vector<uint8_t> &buffer = m_buffer;
-    int handled = 0;
-    for (; handled < 64; ++handled) {
+    const size_t count = m_queries.receive(m_udp);
+    for (size_t i = 0; i < count; ++i) {
         Client client;
-        socklen_t length = sizeof(client.udp);
-        const ssize_t size = ::recvfrom(m_udp, buffer.data(), buffer.size(), 0,
-                                        reinterpret_cast<sockaddr *>(&client.udp), &length);
-        if (size < 0) {
+        client.udp = m_queries.from(i);
+        // A datagram cut to the buffer still says, by its size, that it was oversized.
+        handleQuery(m_queries.data(i),
+                    m_queries.truncated(i) ? HMDNSQueryHandler::kMaxQuerySize + 1
+                                           : m_queries.size(i),
+                    client);
+    }
+    return count;
+}
+
+size_t HMDNSProxy::readUpstream()
+{
+    const size_t count = m_answers.receive(m_upstream);
+    for (size_t i = 0; i < count; ++i) {
+        const size_t size = m_answers.size(i);
+        if (size < LDNS_HEADER_SIZE || m_answers.truncated(i)) {
+            continue;
+        }
+        uint8_t *data = m_answers.data(i);
+        const auto found = m_pending.find(ldns_read_uint16(data));
+        if (found == m_pending.end() || found->second.stream) {
+            continue;
+        }
+        Pending &pending = found->second;
+        const auto &servers = resolvers(pending.question.path);
+        const sockaddr_in &from = m_answers.from(i);
+        if (from.sin_port != htons(kDnsPort) || pending.attempt >= servers.size() ||
+            from.sin_addr.s_addr != servers[pending.attempt]) {
+            continue;
+        }
+        if (deliver(pending, data, size)) {
+            m_pending.erase(found);
+        }
+    }
+    return count;
+}
+
+bool HMDNSProxy::deliver(Pending &pending, uint8_t *data, size_t size)
+{
+    ldns_write_uint16(data, pending.clientId);
+    const HMDNSQueryHandler::Completion done = m_handler.complete(pending.question, data, size);
+    if (!done.problem.empty()) {
+        m_log.write(pending.question.name + ": " + done.problem);
+    }
+    if (done.reply.empty()) {
+        return false;
+    }
+    if (m_log.level() >= 2) {
+        m_log.write(pending.question.name + ": " + std::to_string(done.routesAdded) +
+                    " route(s), " + std::to_string(done.recordsRemoved) +
+                    " AAAA record(s) removed");
+    }
+    answer(pending.client, done.reply);
+    return true;
+}
+
+void HMDNSProxy::handleQuery(const uint8_t *data, size_t size, const Client &client)
+{
+    HMDNSQueryHandler::Inspection inspection = m_handler.inspect(data, size);
+    if (!inspection.question) {
+        noteRefusal(inspection.problem);
+        if (!inspection.reply.empty()) {
+            answer(client, inspection.reply);
+        }
+        return;
+    }
+    HMDNSQueryHandler::Question &question = *inspection.question;
+    const auto &servers = resolvers(question.path);
+    if (servers.empty() || m_pending.size() >= kMaxPending) {
+        m_log.write("cannot forward " + question.name + ": " +
+                    (servers.empty() ? std::string("no ") + pathName(question.path) + " resolver"
+                                     : std::string("too many queries in flight")));
+        answer(client, HMDNSQueryHandler::errorReply(data, size, LDNS_RCODE_SERVFAIL));
+        return;
+    }
+    if (m_log.level() >= 1) {
+        m_log.write("query " + question.name + " type " + std::to_string(question.type) +
+                    (question.listed ? " (listed)" : "") + " via " + pathName(question.path) +
+                    (client.tcp ? " over TCP" : ""));
+    }
+    uint16_t id = randomId();
+    while (m_pending.count(id) != 0) {
+        ++id;
+    }
+    Pending &pending = m_pending[id];
+    pending.question = std::move(question);
+    pending.query.assign(data, data + size);
+    pending.clientId = ldns_read_uint16(data);
+    ldns_write_uint16(pending.query.data(), id);
+    pending.client = client;
+    if (!sendUpstream(id, pending)) {
+        m_pending.erase(id);
+    }
+}
+
+bool HMDNSProxy::sendUpstream(uint16_t id, Pending &pending)
+{
+    const auto &servers = resolvers(pending.question.path);
+    pending.deadlineMs = m_nowMs + kAttemptMs;
+    if (pending.client.tcp == 0 && pending.attempt < servers.size()) {
+        // Sent with the round's other datagrams; a failure comes back through flushUpstream.
+        m_toResolvers.add(resolverAddress(servers[pending.attempt]), pending.query.data(),
+                          pending.query.size(), id);
+        return true;
+    }
+    for (; pending.attempt < servers.size(); ++pending.attempt) {
+        pending.stream = std::make_unique<HMStreamExchange>();
+        std::string error;
+        if (pending.stream->start(servers[pending.attempt], kDnsPort, pending.query, &error)) {
+            m_streams.insert(id);
+            return true;
+        }
+        m_log.write("cannot reach resolver " +
+                    HMProxyOptions::formatAddress(servers[pending.attempt]) +
+                    " over TCP: " + error);
+    }
+    pending.stream.reset();
+    m_streams.erase(id);
+    std::vector<uint8_t> query = pending.query;
+    ldns_write_uint16(query.data(), pending.clientId);
+    answer(pending.client,
+           HMDNSQueryHandler::errorReply(query.data(), query.size(), LDNS_RCODE_SERVFAIL));
+    return false;
+}
+
+void HMDNSProxy::flushUpstream()
+{
+    // sendUpstream() may queue the failed query again for its next resolver, so the count
+    // is read on every turn.
+    for (size_t start = 0; start < m_toResolvers.count();) {
+        start += static_cast<size_t>(m_toResolvers.send(m_upstream, start));
+        if (start >= m_toResolvers.count()) {
             break;
         }
-        handleQuery(buffer.data(), static_cast<size_t>(size), client);
+        const int error = errno;
+        const auto found = m_pending.find(static_cast<uint16_t>(m_toResolvers.tag(start)));
+        ++start;
+        if (found == m_pending.end()) {
+            continue;
+        }
+        Pending &pending = found->second;
+        const auto &servers = resolvers(pending.question.path);
+        m_log.write("cannot reach resolver " +
+                    HMProxyOptions::formatAddress(servers[pending.attempt]) + ": " +
+                    std::strerror(error));
+        ++pending.attempt;
+        if (!sendUpstream(found->first, pending)) {
+            m_pending.erase(found);
+        }
     }
-    return handled;
+    m_toResolvers.clear();
 }
 
-void HMDNSProxy::acceptTcp()
+void HMDNSProxy::advanceStream(uint16_t id)
 {
-    const int fd = ::accept4(m_tcp, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
+    const auto found = m_pending.find(id);
+    if (found == m_pending.end() || !found->second.stream) {
+        m_streams.erase(id);
         return;
     }
-    if (m_tcpClients.size() >= kMaxTcpClients) {
-        noteRefusal("a TCP client: too many connections");
-        ::close(fd);
+    Pending &pending = found->second;
+    HMStreamExchange &stream = *pending.stream;
+    const HMStreamExchange::State state = stream.advance();
+    if (state == HMStreamExchange::State::Busy) {
         return;
     }
-    m_tcpClients[m_nextTcp++] = TcpClient{fd, {}, m_clock.nowMs()};
+    std::vector<uint8_t> &reply = stream.answer();
+    if (state == HMStreamExchange::State::Done && reply.size() >= LDNS_HEADER_SIZE &&
+        ldns_read_uint16(reply.data()) == id && deliver(pending, reply.data(), reply.size())) {
+        m_streams.erase(id);
+        m_pending.erase(found);
+        return;
+    }
+    m_log.write(pending.question.name + ": resolver " +
+                HMProxyOptions::formatAddress(resolvers(pending.question.path)[pending.attempt]) +
+                " over TCP: " +
+                (state == HMStreamExchange::State::Failed ? stream.problem()
+                                                          : std::string("not an answer")));
+    ++pending.attempt;
+    if (!sendUpstream(id, pending)) {
+        m_pending.erase(found);
+    }
 }
 
-void HMDNSProxy::readTcp(uint64_t number)
+void HMDNSProxy::timeOut()
 {
-    const auto found = m_tcpClients.find(number);
-    if (found == m_tcpClients.end()) {
-        return; // closed earlier in this round
-    }
-    TcpClient &client = found->second;
-    uint8_t chunk[4096];
-    const ssize_t size = ::recv(client.fd, chunk, sizeof(chunk), 0);
-    if (size <= 0) {
-        if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
-            closeTcp(number);
+    if (m_nowMs >= m_nextDeadlineCheckMs) {
+        m_nextDeadlineCheckMs = m_nowMs + kDeadlineCheckMs;
+        for (auto it = m_pending.begin(); it != m_pending.end();) {
+            if (it->second.deadlineMs > m_nowMs) {
+                ++it;
+                continue;
+            }
+            ++it->second.attempt;
+            m_log.debug(1, it->second.question.name + ": a resolver did not answer in time");
+            if (sendUpstream(it->first, it->second)) {
+                ++it;
+            } else {
+                it = m_pending.erase(it);
+            }
         }
+    }
+    m_tcpClients.closeIdle(m_nowMs);
+    if (m_nowMs < m_nextSweepMs) {
         return;
     }
-    client.lastMs = m_clock.nowMs();
-    client.buffer.insert(client.buffer.end(), chunk, chunk + size);
-    while (client.buffer.size() >= 2) {
-        const size_t length = ldns_read_uint16(client.buffer.data());
-        if (length > HMDNSQueryHandler::kMaxQuerySize && client.buffer.size() >= 2 + 2) {
-            // Not worth reading: answer from the id alone and end the connection.
-            noteRefusal("an oversized query (" + std::to_string(length) + " bytes)");
-            Client who;
-            who.tcp = number;
-            answer(who, HMDNSQueryHandler::refusal(ldns_read_uint16(client.buffer.data() + 2),
-                                                   LDNS_RCODE_FORMERR));
-            closeTcp(number);
-            return;
-        }
-        if (client.buffer.size() < 2 + length) {
-            return;
-        }
-        const std::vector<uint8_t> message(client.buffer.begin() + 2,
-                                           client.buffer.begin() + 2 + long(length));
-        client.buffer.erase(client.buffer.begin(), client.buffer.begin() + 2 + long(length));
-        Client who;
-        who.tcp = number;
-        handleQuery(message.data(), message.size(), who);
-        if (m_tcpClients.count(number) == 0) {
-            return;
+    m_nextSweepMs = m_nowMs + kSweepMs;
+    if (m_refusals > kRefusalsLogged) {
+        m_log.write("refused " + std::to_string(m_refusals - kRefusalsLogged) + " more queries");
+    }
+    m_refusals = 0;
+    if (m_routes) {
+        const size_t expired = m_routes->expire();
+        if (expired) {
+            m_log.debug(2, std::to_string(expired) + " host route(s) expired");
         }
     }
 }
@@ -225,183 +419,23 @@ void HMDNSProxy::noteRefusal(const std::string &what)
     }
 }
 
-void HMDNSProxy::closeTcp(uint64_t number)
-{
-    const auto found = m_tcpClients.find(number);
-    if (found != m_tcpClients.end()) {
-        ::close(found->second.fd);
-        m_tcpClients.erase(found);
-    }
-}
-
-void HMDNSProxy::handleQuery(const uint8_t *data, size_t size, const Client &client)
-{
-    const HMDNSQueryHandler::Inspection inspection = m_handler.inspect(data, size);
-    if (!inspection.question) {
-        noteRefusal(inspection.problem);
-        if (!inspection.reply.empty()) {
-            answer(client, inspection.reply);
-        }
-        return;
-    }
-    const HMDNSQueryHandler::Question &question = *inspection.question;
-    const auto &servers = resolvers(question.path);
-    if (servers.empty() || m_pending.size() >= kMaxPending) {
-        m_log.write("cannot forward " + question.name + ": " +
-                    (servers.empty() ? std::string("no ") + pathName(question.path) + " resolver"
-                                     : std::string("too many queries in flight")));
-        answer(client, HMDNSQueryHandler::errorReply(data, size, LDNS_RCODE_SERVFAIL));
-        return;
-    }
-    uint16_t id = randomId();
-    while (m_pending.count(id) != 0) {
-        ++id;
-    }
-    Pending pending;
-    pending.question = question;
-    pending.query.assign(data, data + size);
-    pending.clientId = ldns_read_uint16(data);
-    ldns_write_uint16(pending.query.data(), id);
-    pending.client = client;
-    if (m_log.level() >= 1) {
-        m_log.write("query " + question.name + " type " + std::to_string(question.type) +
-                    (question.listed ? " (listed)" : "") + " via " + pathName(question.path));
-    }
-    if (sendUpstream(pending)) {
-        m_pending.emplace(id, std::move(pending));
-    }
-}
-
-bool HMDNSProxy::sendUpstream(Pending &pending)
-{
-    const auto &servers = resolvers(pending.question.path);
-    while (pending.attempt < servers.size()) {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(53);
-        to.sin_addr.s_addr = servers[pending.attempt];
-        pending.deadlineMs = m_clock.nowMs() + kAttemptMs;
-        if (::sendto(m_upstream, pending.query.data(), pending.query.size(), 0,
-                     reinterpret_cast<sockaddr *>(&to), sizeof(to)) >= 0) {
-            return true;
-        }
-        m_log.write("cannot reach resolver " + HMProxyOptions::formatAddress(to.sin_addr.s_addr) +
-                    ": " + std::strerror(errno));
-        ++pending.attempt;
-    }
-    std::vector<uint8_t> query = pending.query;
-    ldns_write_uint16(query.data(), pending.clientId);
-    answer(pending.client,
-           HMDNSQueryHandler::errorReply(query.data(), query.size(), LDNS_RCODE_SERVFAIL));
-    return false;
-}
-
-int HMDNSProxy::readUpstream()
-{
-    std::vector<uint8_t> &buffer = m_buffer;
-    int handled = 0;
-    for (; handled < 64; ++handled) {
-        sockaddr_in from{};
-        socklen_t length = sizeof(from);
-        const ssize_t size = ::recvfrom(m_upstream, buffer.data(), buffer.size(), 0,
-                                        reinterpret_cast<sockaddr *>(&from), &length);
-        if (size < 0) {
-            break;
-        }
-        if (size < LDNS_HEADER_SIZE) {
-            continue;
-        }
-        const auto found = m_pending.find(ldns_read_uint16(buffer.data()));
-        if (found == m_pending.end()) {
-            continue;
-        }
-        Pending &pending = found->second;
-        const auto &servers = resolvers(pending.question.path);
-        if (from.sin_port != htons(53) || pending.attempt >= servers.size() ||
-            from.sin_addr.s_addr != servers[pending.attempt]) {
-            continue;
-        }
-        ldns_write_uint16(buffer.data(), pending.clientId);
-        const HMDNSQueryHandler::Completion done =
-            m_handler.complete(pending.question, buffer.data(), static_cast<size_t>(size));
-        if (!done.problem.empty()) {
-            m_log.write(pending.question.name + ": " + done.problem);
-        }
-        if (done.reply.empty()) {
-            continue;
-        }
-        if (m_log.level() >= 2) {
-            m_log.write(pending.question.name + ": " + std::to_string(done.routesAdded) +
-                        " route(s), " + std::to_string(done.recordsRemoved) +
-                        " AAAA record(s) removed");
-        }
-        answer(pending.client, done.reply);
-        m_pending.erase(found);
-    }
-    return handled;
-}
-
 void HMDNSProxy::answer(const Client &client, const std::vector<uint8_t> &reply)
 {
     if (reply.empty()) {
         return;
     }
     if (client.tcp == 0) {
-        ::sendto(m_udp, reply.data(), reply.size(), 0,
-                 reinterpret_cast<const sockaddr *>(&client.udp), sizeof(client.udp));
-        return;
-    }
-    const auto found = m_tcpClients.find(client.tcp);
-    if (found == m_tcpClients.end()) {
-        return;
-    }
-    std::vector<uint8_t> framed(2 + reply.size());
-    ldns_write_uint16(framed.data(), static_cast<uint16_t>(reply.size()));
-    std::memcpy(framed.data() + 2, reply.data(), reply.size());
-    // A client that does not take a whole answer at once has its connection closed rather
-    // than a queue kept for it.
-    if (::send(found->second.fd, framed.data(), framed.size(), MSG_NOSIGNAL) !=
-        static_cast<ssize_t>(framed.size())) {
-        closeTcp(client.tcp);
+        m_toClients.add(client.udp, reply.data(), reply.size());
+    } else {
+        m_tcpClients.send(client.tcp, reply, m_nowMs);
     }
 }
 
-void HMDNSProxy::timeOut()
+void HMDNSProxy::flushAnswers()
 {
-    const int64_t now = m_clock.nowMs();
-    for (auto it = m_pending.begin(); it != m_pending.end();) {
-        if (it->second.deadlineMs > now) {
-            ++it;
-            continue;
-        }
-        ++it->second.attempt;
-        m_log.debug(1, it->second.question.name + ": a resolver did not answer in time");
-        if (sendUpstream(it->second)) {
-            ++it;
-        } else {
-            it = m_pending.erase(it);
-        }
+    // A client whose answer could not be sent asks again, as it would after a lost datagram.
+    for (size_t start = 0; start < m_toClients.count(); ++start) {
+        start += static_cast<size_t>(m_toClients.send(m_udp, start));
     }
-    for (auto it = m_tcpClients.begin(); it != m_tcpClients.end();) {
-        if (now - it->second.lastMs > kTcpIdleMs) {
-            ::close(it->second.fd);
-            it = m_tcpClients.erase(it);
-        } else {
-            ++it;
-        }
-    }
-    if (now < m_nextSweepMs) {
-        return;
-    }
-    m_nextSweepMs = now + kSweepMs;
-    if (m_refusals > kRefusalsLogged) {
-        m_log.write("refused " + std::to_string(m_refusals - kRefusalsLogged) + " more queries");
-    }
-    m_refusals = 0;
-    if (m_routes) {
-        const size_t expired = m_routes->expire();
-        if (expired) {
-            m_log.debug(2, std::to_string(expired) + " host route(s) expired");
-        }
-    }
+    m_toClients.clear();
 }

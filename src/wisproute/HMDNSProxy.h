@@ -1,19 +1,28 @@
 // The proxy's sockets: UDP and TCP listeners for clients and one UDP socket towards the
 // resolvers, all served by one poll loop (a DNS exchange is short; a thread per client would
-// cost more than it saves). Each forwarded query gets a fresh random id, so answers are
-// matched only to queries this proxy sent, and only from the resolver it asked; a resolver
-// that stays silent for kAttemptMs is replaced by the next of its kind, and when none is
-// left the client gets SERVFAIL. TCP clients are answered over TCP, their queries go to the
-// resolvers over UDP like any other.
+// cost more than it saves). Datagrams are read and written in batches (HMDatagramBatch);
+// TCP clients are kept by HMTcpClients.
+// Each forwarded query gets a fresh random id, so answers are matched only to queries this
+// proxy sent, and only from the resolver it asked; a resolver that stays silent for
+// kAttemptMs is replaced by the next of its kind, and when none is left the client gets
+// SERVFAIL. A UDP answer that came back truncated is passed on as it is, so the client asks
+// again over TCP; queries from TCP clients go to the resolvers over TCP (HMStreamExchange),
+// so the full answer gets the same routes and the same AAAA stripping.
 #pragma once
 
 #include "HMDNSQueryHandler.h"
+#include "HMDatagramBatch.h"
 #include "HMProxyClock.h"
+#include "HMStreamExchange.h"
+#include "HMTcpClients.h"
 
+#include <array>
 #include <cstdint>
+#include <memory>
 #include <netinet/in.h>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 class HMHostRoutes;
@@ -23,10 +32,8 @@ class HMDNSProxy
 {
 public:
     static constexpr int64_t kAttemptMs = 1500;
-    static constexpr int64_t kTcpIdleMs = 10000;
     static constexpr int64_t kSweepMs = 5000;
     static constexpr size_t kMaxPending = 4096;
-    static constexpr size_t kMaxTcpClients = 64;
     // Refusals written to the log per sweep; a local program sending garbage must not fill
     // the disk, so the rest are only counted.
     static constexpr int kRefusalsLogged = 20;
@@ -47,7 +54,7 @@ private:
     struct Client
     {
         sockaddr_in udp{};
-        uint64_t tcp = 0; // connection number; 0 for UDP clients
+        uint64_t tcp = 0; // HMTcpClients' number; 0 for UDP clients
     };
     struct Pending
     {
@@ -57,25 +64,26 @@ private:
         Client client;
         size_t attempt = 0;
         int64_t deadlineMs = 0;
-    };
-    struct TcpClient
-    {
-        int fd = -1;
-        std::vector<uint8_t> buffer;
-        int64_t lastMs = 0;
+        std::unique_ptr<HMStreamExchange> stream; // for TCP clients
     };
 
     // Each returns how many datagrams it handled.
-    int readUdpClients();
-    void acceptTcp();
-    void readTcp(uint64_t number);
-    int readUpstream();
+    size_t readUdpClients();
+    size_t readUpstream();
+    void advanceStream(uint16_t id);
     void handleQuery(const uint8_t *data, size_t size, const Client &client);
-    bool sendUpstream(Pending &pending);
+    // Sends the query to the resolver of its current attempt, or on to the next ones; false
+    // (the client having got SERVFAIL) when none is left.
+    bool sendUpstream(uint16_t id, Pending &pending);
+    void flushUpstream();
+    // Hands a resolver's answer (our id) to the client; false when it was not an answer to
+    // this query.
+    bool deliver(Pending &pending, uint8_t *data, size_t size);
     void answer(const Client &client, const std::vector<uint8_t> &reply);
-    void closeTcp(uint64_t number);
+    void flushAnswers();
     void noteRefusal(const std::string &what);
     void timeOut();
+    uint16_t randomId();
     const std::vector<uint32_t> &resolvers(HMDNSQueryHandler::Path path) const;
 
     HMDNSQueryHandler &m_handler;
@@ -88,9 +96,16 @@ private:
     std::vector<uint32_t> m_tunnelResolvers;
     std::vector<uint32_t> m_originalResolvers;
     std::unordered_map<uint16_t, Pending> m_pending;
-    std::unordered_map<uint64_t, TcpClient> m_tcpClients;
-    uint64_t m_nextTcp = 1;
-    std::vector<uint8_t> m_buffer; // one datagram at a time
+    std::unordered_set<uint16_t> m_streams; // pending ids asked over TCP
+    HMTcpClients m_tcpClients;
+    HMDatagramBatch m_queries;
+    HMDatagramBatch m_answers;
+    HMDatagramQueue m_toResolvers;
+    HMDatagramQueue m_toClients;
+    std::array<uint16_t, 128> m_randomIds{};
+    size_t m_randomUsed = 128;
+    int64_t m_nowMs = 0; // read once per poll round
     int m_refusals = 0;
     int64_t m_nextSweepMs = 0;
+    int64_t m_nextDeadlineCheckMs = 0;
 };

@@ -42,9 +42,8 @@ std::vector<uint8_t> wire(const ldns_pkt *packet)
 // The owner in presentation form without the final dot, from the name ldns has already
 // read and checked (labels of at most 63 bytes, 255 in all). A "." or "\\" inside a label is
 // escaped, as ldns would print it, so such a label can never pass for two.
-std::string ownerName(const ldns_rr *rr)
+std::string dnameText(const ldns_rdf *owner)
 {
-    const ldns_rdf *owner = ldns_rr_owner(rr);
     const uint8_t *data = ldns_rdf_data(owner);
     const size_t size = ldns_rdf_size(owner);
     std::string name;
@@ -63,6 +62,45 @@ std::string ownerName(const ldns_rr *rr)
         }
     }
     return name;
+}
+
+std::string ownerName(const ldns_rr *rr)
+{
+    return dnameText(ldns_rr_owner(rr));
+}
+
+// The question of an ordinary query (one question, no answer or authority records, at most
+// one additional record such as EDNS's), read with ldns's wire readers without building a
+// whole packet: most queries are of this kind, and building the packet was a good part of
+// the proxy's time. Every byte is still read by ldns, and the message must end where its
+// records do. Anything else returns false and takes the full parse, which words the refusal.
+bool readOrdinaryQuery(const uint8_t *data, size_t size, std::string *name, uint16_t *type)
+{
+    if (size < LDNS_HEADER_SIZE || LDNS_QR_WIRE(data) || LDNS_TC_WIRE(data) ||
+        LDNS_OPCODE_WIRE(data) != LDNS_PACKET_QUERY || LDNS_QDCOUNT(data) != 1 ||
+        LDNS_ANCOUNT(data) != 0 || LDNS_NSCOUNT(data) != 0 || LDNS_ARCOUNT(data) > 1) {
+        return false;
+    }
+    size_t at = LDNS_HEADER_SIZE;
+    ldns_rdf *owner = nullptr;
+    if (ldns_wire2dname(&owner, data, size, &at) != LDNS_STATUS_OK || at + 4 > size) {
+        ldns_rdf_deep_free(owner);
+        return false;
+    }
+    *name = dnameText(owner);
+    ldns_rdf_deep_free(owner);
+    *type = ldns_read_uint16(data + at);
+    at += 4;
+    if (LDNS_ARCOUNT(data) == 1) {
+        ldns_rr *additional = nullptr;
+        const ldns_status status =
+            ldns_wire2rr(&additional, data, size, &at, LDNS_SECTION_ADDITIONAL);
+        ldns_rr_free(additional);
+        if (status != LDNS_STATUS_OK) {
+            return false;
+        }
+    }
+    return at == size;
 }
 
 // A reply that repeats the query's id, opcode, recursion wish and (when it was readable)
@@ -145,6 +183,10 @@ HMDNSQueryHandler::Inspection HMDNSQueryHandler::inspect(const uint8_t *data, si
         result.problem = "a message shorter than a DNS header";
         return result;
     }
+    Question question;
+    if (size <= kMaxQuerySize && readOrdinaryQuery(data, size, &question.name, &question.type)) {
+        return steer(std::move(question));
+    }
     const uint16_t id = ldns_read_uint16(data);
     if (size > kMaxQuerySize) {
         result.problem = "an oversized query (" + std::to_string(size) + " bytes)";
@@ -175,15 +217,20 @@ HMDNSQueryHandler::Inspection HMDNSQueryHandler::inspect(const uint8_t *data, si
         return result;
     }
     const ldns_rr *asked = ldns_rr_list_rr(ldns_pkt_question(query.get()), 0);
-    Question question;
     question.name = ownerName(asked);
     question.type = static_cast<uint16_t>(ldns_rr_get_type(asked));
+    return steer(std::move(question));
+}
+
+HMDNSQueryHandler::Inspection HMDNSQueryHandler::steer(Question question) const
+{
+    Inspection result;
     question.listed = m_mode != Mode::Off && m_matcher.matches(question.name);
     question.path = (m_mode == Mode::Exclusion && question.listed) ||
                             (m_mode == Mode::Inclusion && !question.listed)
                         ? Path::Original
                         : Path::Tunnel;
-    result.question = question;
+    result.question = std::move(question);
     return result;
 }
 

@@ -81,6 +81,9 @@ public:
     Mode mode() const { return m_mode; }
 
 private:
+    // Picks the question's way by mode and list.
+    Inspection steer(Question question) const;
+
     Mode m_mode;
     HMDomainMatcher m_matcher;
     HMHostRoutes *m_routes;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <string_view>
 
 std::string HMDomainMatcher::normalised(std::string name)
 {
@@ -36,9 +37,10 @@ void HMDomainMatcher::add(std::string domain)
 bool HMDomainMatcher::matches(std::string name) const
 {
     name = normalised(std::move(name));
+    const std::string_view whole(name);
     size_t start = 0;
     while (start < name.size()) {
-        if (m_domains.count(name.substr(start)) != 0) {
+        if (m_domains.find(whole.substr(start)) != m_domains.end()) {
             return true;
         }
         const size_t dot = name.find('.', start);

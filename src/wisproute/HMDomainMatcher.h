@@ -1,11 +1,12 @@
 // The domain list the proxy steers by. A name matches an entry when it equals it or ends
 // with "." followed by it, ignoring case: "example.com" covers "www.example.com" but not
-// "badexample.com". Lookups walk the name's own suffixes, so the cost depends on the name's
-// length, not on the list's.
+// "badexample.com". Lookups walk the name's own suffixes, each found without a copy (an
+// ordered set takes a string_view), so the cost grows with the name's length and only
+// logarithmically with the list's.
 #pragma once
 
+#include <set>
 #include <string>
-#include <unordered_set>
 
 class HMDomainMatcher
 {
@@ -21,5 +22,5 @@ public:
     static std::string normalised(std::string name);
 
 private:
-    std::unordered_set<std::string> m_domains;
+    std::set<std::string, std::less<>> m_domains;
 };

@@ -1,6 +1,10 @@
 // The tunnel's up and down scripts, run the way OpenVPN runs them, against an /etc of their
 // own: each case gets a private mount namespace whose /etc is a copy-on-write overlay, so
 // /etc/resolv.conf can be a file, a link or missing without the machine's own changing.
+// The systemd-resolved branch runs against a real systemd-resolved started for the case in
+// namespaces of its own (network, mount, process) with a private system bus: the package is
+// unpacked by scripts/setup.sh, never installed, since installing it takes the machine's
+// /etc/resolv.conf over.
 #include "HMTestEnvironment.h"
 
 #include <QProcess>
@@ -12,13 +16,37 @@ class HMDNSScriptsTest : public QObject
     Q_OBJECT
 
 private:
-    // Runs `setup` then `steps` in a fresh overlay; returns their standard output.
+    // Where an unpacked systemd-resolved lives, or empty.
+    static QString resolvedRoot()
+    {
+        for (const QString &root :
+             {qEnvironmentVariable("HM_RESOLVED_ROOT"),
+              QStringLiteral("/opt/hollowmere-test/systemd-resolved"), QStringLiteral("/")}) {
+            if (!root.isEmpty() &&
+                QFileInfo(root + "/lib/systemd/systemd-resolved").isExecutable() &&
+                QFileInfo(root + "/usr/bin/resolvectl").isExecutable()) {
+                return root;
+            }
+        }
+        return {};
+    }
+
+    // Runs `setup` then `steps` in a fresh overlay; returns their standard output. The
+    // machine's own systemd-resolved, if any, is hidden so that the resolver file is used.
     QString runCase(const QString &setup, const QString &steps, int *exitCode)
+    {
+        return run("mount -t tmpfs tmpfs /run/systemd 2>/dev/null || true\n" + setup, steps,
+                   {"--mount"}, exitCode);
+    }
+
+    QString run(const QString &setup, const QString &steps, const QStringList &namespaces,
+                int *exitCode)
     {
         QTemporaryDir dir;
         const QString scripts = HMTestEnvironment::sourceDir() + "/packaging/openvpn";
         const QString script = QStringLiteral(R"SH(set -eu
 mkdir -p "$W/upper" "$W/work" "$W/state"
+mount --make-rprivate /
 mount -t overlay overlay -o "lowerdir=/etc,upperdir=$W/upper,workdir=$W/work" /etc
 flags="-m -w -d -aradsgnwADSGNW"
 up() {
@@ -43,8 +71,13 @@ show() {
         environment.insert("W", dir.path());
         environment.insert("S", scripts);
         shell.setProcessEnvironment(environment);
-        shell.start(HMTestEnvironment::findProgram("unshare"), {"--mount", "sh", "-c", script});
+        shell.start(HMTestEnvironment::findProgram("unshare"), QStringList(namespaces)
+                                                                   << "sh"
+                                                                   << "-c" << script);
         shell.waitForFinished(20000);
+        if (shell.exitCode() != 0) {
+            qWarning().noquote() << shell.readAllStandardError();
+        }
         *exitCode = shell.exitCode();
         return QString::fromUtf8(shell.readAllStandardOutput());
     }
@@ -113,6 +146,87 @@ private Q_SLOTS:
         const QString output = runCase(setup, steps, &exitCode);
         QCOMPARE(exitCode, 0);
         QCOMPARE(output, expected);
+    }
+
+    // The tunnel's link gets the pushed name servers and "~." (every name goes there) with
+    // the pushed domain, the resolvers in force before are saved for the DNS proxy, the
+    // resolver file is left alone, and going down gives the link back as it was.
+    void resolvedGetsTheTunnelsLinkAndGivesItBack()
+    {
+        const QString root = resolvedRoot();
+        if (root.isEmpty()) {
+            QSKIP("no systemd-resolved to run: scripts/setup.sh unpacks it to "
+                  "/opt/hollowmere-test/systemd-resolved (or set HM_RESOLVED_ROOT)");
+        }
+        if (HMTestEnvironment::findProgram("dbus-daemon").isEmpty() ||
+            HMTestEnvironment::findProgram("ip").isEmpty()) {
+            QSKIP("needs dbus-daemon and ip to give systemd-resolved a bus and a tunnel link");
+        }
+        const QString setup = QStringLiteral(R"SH(R="%1"
+ip link set lo up
+ip tuntap add dev tun0 mode tun
+ip link set tun0 up
+mount -t tmpfs tmpfs /run
+mkdir -p /run/dbus /run/systemd/resolve
+grep -q '^systemd-resolve:' /etc/passwd ||
+    echo 'systemd-resolve:x:990:990::/run/systemd:/usr/sbin/nologin' >>/etc/passwd
+grep -q '^systemd-resolve:' /etc/group || echo 'systemd-resolve:x:990:' >>/etc/group
+chown systemd-resolve: /run/systemd/resolve
+mkdir -p /etc/systemd
+printf '[Resolve]\nDNS=192.0.2.1\nDNSStubListener=no\n' >/etc/systemd/resolved.conf
+printf 'nameserver 192.0.2.77\n' >/etc/resolv.conf
+[ "$R" = / ] || mount -t overlay overlay -o "lowerdir=$R/usr/bin:/usr/bin" /usr/bin
+cat >"$W/bus.conf" <<'BUS'
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=/run/dbus/system_bus_socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/> <allow own="*"/> <allow send_destination="*"/> <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+BUS
+dbus-daemon --config-file="$W/bus.conf" --fork --nopidfile
+"$R/lib/systemd/systemd-resolved" >"$W/resolved.log" 2>&1 &
+i=0
+until resolvectl status >/dev/null 2>&1; do
+    i=$((i + 1))
+    [ $i -lt 100 ] || { cat "$W/resolved.log" >&2; exit 1; }
+    sleep 0.1
+done
+link() {
+    resolvectl dns tun0; resolvectl domain tun0; resolvectl default-route tun0
+    busctl get-property org.freedesktop.resolve1 /org/freedesktop/resolve1 \
+        org.freedesktop.resolve1.Manager Domains
+}
+)SH")
+                                  .arg(root);
+        const QString steps =
+            "link; echo --; up; link; cat \"$W/state/resolvers.original\"; show; echo --; "
+            "down; link; ls \"$W/state\"; show";
+        int exitCode = -1;
+        const QString output =
+            run(setup, steps, {"--mount", "--net", "--pid", "--fork", "--mount-proc"}, &exitCode);
+        QCOMPARE(exitCode, 0);
+        QCOMPARE(output, QStringLiteral("Link 2 (tun0):\n"
+                                        "Link 2 (tun0):\n"
+                                        "Link 2 (tun0): no\n"
+                                        "a(isb) 0\n"
+                                        "--\n"
+                                        "Link 2 (tun0): 10.0.0.1 10.0.0.2\n"
+                                        "Link 2 (tun0): ~. corp.example\n"
+                                        "Link 2 (tun0): yes\n"
+                                        "a(isb) 2 2 \".\" true 2 \"corp.example\" false\n"
+                                        "nameserver 192.0.2.1\n"
+                                        "nameserver 192.0.2.77\n"
+                                        "--\n"
+                                        "Link 2 (tun0):\n"
+                                        "Link 2 (tun0):\n"
+                                        "Link 2 (tun0): no\n"
+                                        "a(isb) 0\n"
+                                        "nameserver 192.0.2.77\n"));
     }
 };
 

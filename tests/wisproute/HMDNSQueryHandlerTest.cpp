@@ -80,6 +80,14 @@ Bytes query(const char *name, ldns_rr_type type = LDNS_RR_TYPE_A)
     return toWire(queryPacket(name, type));
 }
 
+// As stub resolvers send them: with an EDNS record in the additional section.
+Bytes ednsQuery(const char *name)
+{
+    ldns_pkt *packet = queryPacket(name, LDNS_RR_TYPE_A);
+    ldns_pkt_set_edns_udp_size(packet, 1232);
+    return toWire(packet);
+}
+
 // An answer to (name, type) holding the given records in presentation form.
 Bytes answer(const char *name, ldns_rr_type type, const QStringList &records)
 {
@@ -168,12 +176,14 @@ private Q_SLOTS:
         QFETCH(bool, listed);
         QFETCH(Path, path);
         HMDNSQueryHandler handler(mode, listOf("example.com\n\nnet.\n"), nullptr);
-        const Bytes wire = query(name.toLatin1().constData());
-        const auto inspection = handler.inspect(wire.data(), wire.size());
-        QVERIFY(inspection.question);
-        QVERIFY(inspection.reply.empty());
-        QCOMPARE(inspection.question->listed, listed);
-        QCOMPARE(inspection.question->path, path);
+        for (const Bytes &wire :
+             {query(name.toLatin1().constData()), ednsQuery(name.toLatin1().constData())}) {
+            const auto inspection = handler.inspect(wire.data(), wire.size());
+            QVERIFY(inspection.question);
+            QVERIFY(inspection.reply.empty());
+            QCOMPARE(inspection.question->listed, listed);
+            QCOMPARE(inspection.question->path, path);
+        }
     }
 
     void hostileQueriesGetAnErrorOrNothing_data()
@@ -185,6 +195,9 @@ private Q_SLOTS:
         QTest::newRow("shorter than a header") << Bytes(good.begin(), good.begin() + 11) << -1;
         QTest::newRow("cut inside the question")
             << Bytes(good.begin(), good.end() - 3) << int(LDNS_RCODE_FORMERR);
+        const Bytes edns = ednsQuery("example.com");
+        QTest::newRow("cut inside its EDNS record")
+            << Bytes(edns.begin(), edns.end() - 2) << int(LDNS_RCODE_FORMERR);
         Bytes loop = {
             0x12, 0x34, 0x01, 0x00, 0x00, 0x01, 0,    0,    0,
             0,    0,    0,    0xc0, 0x0c, 0x00, 0x01, 0x00, 0x01}; // a name that points at itself
