@@ -22,6 +22,8 @@
 #include <QLocalSocket>
 #include <QPointer>
 
+#include <utility>
+
 #include <unistd.h>
 
 const QString HMVPNManager::kDidStartConnectingNotification =
@@ -262,6 +264,25 @@ void HMVPNManager::stopUnownedTunnel()
             HMLogError(QStringLiteral("Could not stop daemon: %1").arg(error->description()));
         }
     });
+}
+
+void HMVPNManager::abandonTunnel()
+{
+    if (m_socket) {
+        dropSocket();
+    }
+    m_collaborators.helper->stopVPN([](const QVariantMap &, const HMMaybeError &error) {
+        if (error) {
+            HMLogError(QStringLiteral("Could not stop daemon: %1").arg(error->description()));
+        }
+    });
+}
+
+void HMVPNManager::tokenDidArrive()
+{
+    if (std::exchange(m_passwordWanted, false)) {
+        authenticate();
+    }
 }
 
 void HMVPNManager::tokenWasRefused()
