@@ -385,8 +385,14 @@ void HMVPNManager::accountBandwidthAvailableDidChange(qint64 value)
 void HMVPNManager::reachabilityDidChange(bool reachable)
 {
     HMVPNAccountSource *account = m_collaborators.account;
+    // Only a network that comes back after this run saw it gone reconnects here. The first
+    // report of a run is the state at start-up, not a return: the wish left by a quit is
+    // the start-up's to honour, after its token request (HMAppDelegate::reconnectIfNecessary);
+    // reacting here as well would connect before the account is even confirmed.
+    const bool cameBack = reachable && m_networkWasLost;
+    m_networkWasLost = m_networkWasLost || !reachable;
     if (reachable) {
-        if (account->shouldReconnect()) {
+        if (cameBack && account->shouldReconnect()) {
             connect();
             account->setShouldReconnect(false);
         } else if (!isConnected()) {

@@ -176,6 +176,8 @@ private:
     bool m_draining = false;
     int m_refusedTokens = 0;
     bool m_renewingRefusedToken = false;
+    // This run has seen the network gone (see reachabilityDidChange).
+    bool m_networkWasLost = false;
     // OpenVPN asked for the password while the attempt's token renewal was still out.
     bool m_passwordWanted = false;
     qint64 m_bytesQueued = 0;

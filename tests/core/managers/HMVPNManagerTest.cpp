@@ -371,7 +371,8 @@ private Q_SLOTS:
         row("networkLostWhileConnected", C, {"unreachable"}, N, stop, 0, false, true);
         row("networkLostWhileConnectingIgnored", G, {"unreachable"}, G);
         row("networkLostWhileDisconnected", D, {"unreachable"}, N);
-        row("networkBackWithWishConnects", N, {"reachable"}, G, {"startVPN"}, 1, true);
+        // The start-up state is no return of the network: the start-up decides, later.
+        row("firstReportWithWishWaitsForStartUp", D, {"reachable"}, D, {}, 0, true, true);
         row("networkBackWithoutWishRests", N, {"reachable"}, D);
         row("networkReportWhileConnectedIgnored", C, {"reachable"}, C);
         row("networkLostAndBack", C, {"unreachable", "reachable"}, G, restart, 1);
