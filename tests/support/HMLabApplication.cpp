@@ -29,13 +29,18 @@ HMLabApplication::~HMLabApplication()
     }
 }
 
+QString HMLabApplication::ctlPath()
+{
+    return buildPath(QStringLiteral("src/ctl/hollowmerectl"));
+}
+
 HMLabApplication::Result HMLabApplication::ctl(const QStringList &arguments,
                                                const QByteArray &input,
                                                const QProcessEnvironment &environment)
 {
     QProcess process;
     process.setProcessEnvironment(environment);
-    process.start(buildPath(QStringLiteral("src/ctl/hollowmerectl")), arguments);
+    process.start(ctlPath(), arguments);
     process.write(input);
     process.closeWriteChannel();
     Result result;

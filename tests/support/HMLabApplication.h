@@ -23,6 +23,7 @@ public:
 
     ~HMLabApplication();
 
+    static QString ctlPath();
     // hollowmerectl with these arguments and standard input, waited for.
     static Result
     ctl(const QStringList &arguments, const QByteArray &input = QByteArray(),
