@@ -8,17 +8,14 @@
 // namespace's IPv4 routes, and this process's resident memory.
 //
 //   hm-bench-soak [CYCLES]     (default 100)
-#include "HMBenchLabClient.h"
+#include "HMVPNLabClient.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
-#include <QNetworkInterface>
 #include <QProcess>
+#include <QTest>
 #include <cstdio>
-
-using HMBench::fact;
 
 namespace {
 
@@ -30,22 +27,6 @@ struct Snapshot
     int routes = 0;
     qint64 residentKiB = 0;
 };
-
-int countOpenVPNs()
-{
-    const QString openvpn =
-        QFileInfo(fact("LAB_HELPER_APP_DIR") + QStringLiteral("/openvpn")).canonicalFilePath();
-    int count = 0;
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs);
-    for (const QString &entry : entries) {
-        if (entry.toInt() > 0 &&
-            QFileInfo(QStringLiteral("/proc/") + entry + QStringLiteral("/exe"))
-                    .canonicalFilePath() == openvpn) {
-            ++count;
-        }
-    }
-    return count;
-}
 
 qint64 residentKiB()
 {
@@ -64,13 +45,11 @@ qint64 residentKiB()
 Snapshot snapshot()
 {
     Snapshot s;
-    s.openVPNs = countOpenVPNs();
+    s.openVPNs = int(HMVPNLabClient::openVPNProcesses().size());
     s.descriptors = int(QDir(QStringLiteral("/proc/self/fd"))
                             .entryList(QDir::NoDotAndDotDot | QDir::System)
                             .size());
-    for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
-        s.tunDevices += interface.name().startsWith(QLatin1String("tun")) ? 1 : 0;
-    }
+    s.tunDevices = int(HMVPNLabClient::tunDevices().size());
     QProcess ip;
     ip.start(QStringLiteral("ip"),
              {QStringLiteral("-4"), QStringLiteral("route"), QStringLiteral("show"),
@@ -87,16 +66,18 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     const int cycles = argc > 1 ? std::max(1, QString::fromLocal8Bit(argv[1]).toInt()) : 100;
-    HMBenchLabClient lab("hm-bench-soak");
+    HMVPNLabClient lab;
+    lab.startOrExit("hm-bench-soak");
 
-    if (!lab.switchOn() || !lab.switchOff()) {
-        HMBench::fail("hm-bench-soak", QStringLiteral("the warm-up cycle failed"));
+    if (!lab.connectAndWait() || !lab.disconnectAndWait()) {
+        std::fprintf(stderr, "hm-bench-soak: the warm-up cycle failed\n");
+        return 1;
     }
     const Snapshot before = snapshot();
     int failures = 0;
     for (int i = 0; i < cycles; ++i) {
-        const bool on = lab.switchOn();
-        const bool off = lab.switchOff();
+        const bool on = lab.connectAndWait();
+        const bool off = lab.disconnectAndWait();
         if (!on || !off || lab.vpn->state() != VPNState::Disconnected) {
             ++failures;
             std::fprintf(stderr, "cycle %d: %s\n", i + 1,
@@ -105,7 +86,8 @@ int main(int argc, char **argv)
     }
     // The helper's answer to stopVPN comes once OpenVPN has exited; the device and routes go
     // with it.
-    HMBench::spinUntil([] { return snapshot().tunDevices == 0; }, 10000);
+    // Not reaching it within the time is itself the finding, reported below.
+    (void)QTest::qWaitFor([] { return snapshot().tunDevices == 0; }, 10000);
     const Snapshot after = snapshot();
 
     std::printf("cycles: %d, failed: %d\n", cycles, failures);

@@ -11,9 +11,9 @@
 // process has exited. Prints the medians of every step and the ratios.
 //
 //   hm-bench-tunnel [ROUNDS]     (default 25, at least 20)
-#include "HMBenchLabClient.h"
 #include "HMHelperConfig.h"
 #include "HMOpenVPNArguments.h"
+#include "HMVPNLabClient.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -21,14 +21,12 @@
 #include <QFileInfo>
 #include <QLocalSocket>
 #include <QProcess>
+#include <QTest>
 #include <QThread>
 #include <algorithm>
 #include <cstdio>
 #include <pwd.h>
 #include <unistd.h>
-
-using HMBench::fact;
-using HMBench::spinUntil;
 
 namespace {
 
@@ -41,7 +39,8 @@ double median(QList<double> values)
 
 [[noreturn]] void fail(const QString &why)
 {
-    HMBench::fail("hm-bench-tunnel", why);
+    std::fprintf(stderr, "hm-bench-tunnel: %s\n", qPrintable(why));
+    std::exit(1);
 }
 
 struct Figures
@@ -106,18 +105,19 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     const int rounds = argc > 1 ? std::max(20, QString::fromLocal8Bit(argv[1]).toInt()) : 25;
-    HMBenchLabClient lab("hm-bench-tunnel");
+    HMVPNLabClient lab;
+    lab.startOrExit("hm-bench-tunnel");
 
     Figures clientOn, clientOff;
     for (int i = 0; i < rounds; ++i) {
         QElapsedTimer timer;
         timer.start();
-        if (!lab.switchOn()) {
+        if (!lab.connectAndWait()) {
             fail(QStringLiteral("round %1: the client did not reach Connected").arg(i + 1));
         }
         clientOn.add(timer);
         timer.start();
-        if (!lab.switchOff() || lab.vpn->state() != VPNState::Disconnected) {
+        if (!lab.disconnectAndWait(30000) || lab.vpn->state() != VPNState::Disconnected) {
             fail(QStringLiteral("round %1: the client did not reach Disconnected").arg(i + 1));
         }
         clientOff.add(timer);
@@ -130,7 +130,7 @@ int main(int argc, char **argv)
         timer.start();
         bool answered = false;
         lab.account->loginGetToken(true, [&](const HMMaybeError &) { answered = true; });
-        if (!spinUntil([&] { return answered; }, 20000)) {
+        if (!QTest::qWaitFor([&] { return answered; }, 20000)) {
             fail(QStringLiteral("the token refresh did not answer"));
         }
         tokenRefresh.add(timer);
@@ -144,21 +144,24 @@ int main(int argc, char **argv)
             startError = e;
             answered = true;
         });
-        if (!spinUntil([&] { return answered; }, 30000) || startError) {
+        if (!QTest::qWaitFor([&] { return answered; }, 30000) || startError) {
             fail(QStringLiteral("the helper did not start OpenVPN"));
         }
         helperStart.add(timer);
         bool stopped = false;
         lab.daemon->stopVPN([&](const QVariantMap &, const HMMaybeError &) { stopped = true; });
-        spinUntil([&] { return stopped; }, 30000);
+        if (!QTest::qWaitFor([&] { return stopped; }, 30000)) {
+            fail(QStringLiteral("the helper did not stop OpenVPN"));
+        }
     }
 
     // The list the helper ran in the client rounds, rebuilt the helper's way.
     QTemporaryDir bareDir(QStringLiteral("/tmp/hm-bench-bare-XXXXXX"));
     HMHelperConfig config = HMHelperConfig::defaults();
     config.openVPNPath =
-        QFileInfo(fact("LAB_HELPER_APP_DIR") + QStringLiteral("/openvpn")).canonicalFilePath();
-    config.resourceDir = fact("LAB_HELPER_RESOURCES");
+        QFileInfo(HMVPNLabClient::lab("LAB_HELPER_APP_DIR") + QStringLiteral("/openvpn"))
+            .canonicalFilePath();
+    config.resourceDir = HMVPNLabClient::lab("LAB_HELPER_RESOURCES");
     config.logDir = bareDir.path();
     config.runDir = bareDir.path();
     QString why;

@@ -23,14 +23,33 @@ void HMVPNConnectionSequence::connectWithCompletion(Completion completion)
     }
     m_completion = completion;
     ++m_numConnectionAttempts;
+    const unsigned generation = ++m_generation;
+    m_tokenFresh = false;
+    m_startSent = false;
     m_manager->setState(VPNState::Connecting);
     m_manager->postDidStartConnectingNotification();
 
+    HMVPNAccountSource *account = m_manager->collaborators().account;
+    // Renewing the token and having the helper start OpenVPN run side by side on purpose:
+    // one after the other they cost both round trips on every switch-on. It is safe because
+    // OpenVPN cannot authenticate before its password prompt is answered, and the answer
+    // waits for the renewal (HMVPNManager::authenticate); every way the renewal can end is
+    // still handled as before: failed -> the started OpenVPN is stopped and the attempt
+    // retries or ends as usual; the allowance gone -> stopped, Out of Data; a different
+    // server list -> stopped and started again with it. Not for "Closest" (its test needs the
+    // renewed groups and picks the servers itself), nor for an account without allowance
+    // (that attempt must end before any OpenVPN is started).
+    const bool overlap =
+        account->currentCountryCode() != kClosestCountryCode && account->bandwidthAvailable() != 0;
+    if (overlap) {
+        startOpenVPN(completion);
+    }
     auto self = shared_from_this();
-    m_manager->collaborators().account->loginGetToken(
-        true, [self, completion](const HMMaybeError &error) {
+    account->loginGetToken(true, [self, generation, completion](const HMMaybeError &error) {
+        if (generation == self->m_generation) {
             self->tokenDidRefresh(error, completion);
-        });
+        }
+    });
 }
 
 void HMVPNConnectionSequence::addCompletion(Completion completion)
@@ -59,11 +78,27 @@ void HMVPNConnectionSequence::tokenDidRefresh(const HMMaybeError &error,
         return;
     }
     if (error) {
-        handleError(*error, completion);
+        failAttempt(*error, completion);
         return;
     }
+    m_tokenFresh = true;
     HMVPNAccountSource *account = m_manager->collaborators().account;
     account->setCurrentClosestCountry(QString());
+
+    if (m_startSent) {
+        if (!m_manager->canConnect()) {
+            abandonStartedTunnel();
+            m_manager->postErrorNotification();
+            finish(completion, HMError::errorWithDescription(QStringLiteral("Out of Data")));
+        } else if (account->vpnServers() != m_startedServers) {
+            HMLogError(QStringLiteral("The renewal changed the server list; restarting OpenVPN"));
+            abandonStartedTunnel();
+            startOpenVPN(completion);
+        } else {
+            m_manager->tokenDidArrive();
+        }
+        return;
+    }
 
     const QVariantMap groups = account->closestServers();
     // An empty group list would start no probe and never answer, so it counts as none.
@@ -110,9 +145,12 @@ void HMVPNConnectionSequence::startOpenVPN(const Completion &completion)
         finish(completion, HMError::errorWithDescription(QStringLiteral("Out of Data")));
         return;
     }
+    m_startSent = true;
+    m_startedServers = m_manager->collaborators().account->vpnServers();
+    const unsigned start = ++m_startGeneration;
     auto self = shared_from_this();
     m_manager->collaborators().helper->startVPN(
-        [self, completion](const QVariantMap &, const HMMaybeError &error) {
+        [self, start, completion](const QVariantMap &, const HMMaybeError &error) {
             if (!self->m_manager) {
                 return;
             }
@@ -123,19 +161,39 @@ void HMVPNConnectionSequence::startOpenVPN(const Completion &completion)
                 }
                 return;
             }
+            if (start != self->m_startGeneration || !self->m_startSent) {
+                return; // superseded or failed: the stop request is queued behind this start
+            }
             if (error) {
-                self->handleError(*error, completion);
+                self->m_startSent = false; // nothing runs to be stopped
+                self->failAttempt(*error, completion);
                 return;
             }
             if (const HMMaybeError connectError = self->m_manager->connectVPN()) {
-                self->handleError(*connectError, completion);
+                self->failAttempt(*connectError, completion);
             }
         });
 }
 
 void HMVPNConnectionSequence::attemptDidFail(const HMError &error)
 {
-    handleError(error, m_completion);
+    // The manager has already asked the helper to stop this attempt's OpenVPN.
+    m_startSent = false;
+    failAttempt(error, m_completion);
+}
+
+void HMVPNConnectionSequence::failAttempt(const HMError &error, const Completion &completion)
+{
+    ++m_generation;
+    abandonStartedTunnel();
+    handleError(error, completion);
+}
+
+void HMVPNConnectionSequence::abandonStartedTunnel()
+{
+    if (std::exchange(m_startSent, false) && m_manager) {
+        m_manager->abandonTunnel();
+    }
 }
 
 void HMVPNConnectionSequence::handleError(const HMError &error, Completion completion)

@@ -10,12 +10,17 @@
 // sequences driving it) and marks it cancelled on every disconnect; pending steps keep the
 // sequence alive (it is shared). A cancelled sequence starts nothing more, and an OpenVPN the
 // helper started for it after all is stopped unless a newer attempt owns it.
+//
+// With a fixed country the token renewal and the helper's start run side by side; OpenVPN's
+// password prompt waits for the renewal (see connectWithCompletion for why and how every
+// failure still ends as it would one after the other).
 #pragma once
 
 #include "HMError.h"
 
 #include <QList>
 #include <QPointer>
+#include <QVariantList>
 #include <functional>
 #include <memory>
 
@@ -43,6 +48,9 @@ public:
     void handleError(const HMError &error, Completion completion);
     // The management connection of this attempt closed before the tunnel came up.
     void attemptDidFail(const HMError &error);
+    // OpenVPN may be running already while this attempt's token renewal is still out; its
+    // password prompt must not be answered with the old token until then.
+    bool isAwaitingToken() const { return isLive() && !m_tokenFresh; }
 
     bool isCancelled() const { return m_cancelled; }
     void setCancelled(bool cancelled) { m_cancelled = cancelled; }
@@ -53,6 +61,10 @@ private:
     void tokenDidRefresh(const HMMaybeError &error, const Completion &completion);
     void startOpenVPN(const Completion &completion);
     void finish(const Completion &completion, const HMError &error);
+    // This attempt failed: answers still out for it are dropped and an OpenVPN it asked for
+    // is stopped (the helper runs requests in order, so the stop follows the start).
+    void failAttempt(const HMError &error, const Completion &completion);
+    void abandonStartedTunnel();
 
     QPointer<HMVPNManager> m_manager;
     bool m_cancelled = false;
@@ -60,4 +72,11 @@ private:
     QList<Completion> m_joined;
     unsigned m_numConnectionAttempts = 0;
     Completion m_completion;
+    // Bumped when an attempt starts or fails: answers carrying an older value are stale.
+    unsigned m_generation = 0;
+    // Bumped by every start request: only the latest one's answer may open management.
+    unsigned m_startGeneration = 0;
+    bool m_tokenFresh = false;
+    bool m_startSent = false;
+    QVariantList m_startedServers;
 };

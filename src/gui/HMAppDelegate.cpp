@@ -131,8 +131,10 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     // Watch for SIGTERM before anything is written, so a stop request during start-up
     // still ends in a clean quit instead of the default kill.
     m_signalWatcher = new HMSignalWatcher(this);
+    // exit, not quit: Qt's quit first asks every window to close, and the fallback window
+    // declines (closing it only minimises), which would leave a SIGTERM unanswered.
     connect(m_signalWatcher, &HMSignalWatcher::quitRequested, this,
-            [](int) { QCoreApplication::quit(); });
+            [](int) { QCoreApplication::exit(0); });
     const bool watching = m_signalWatcher->watchTerminationSignals();
 
     initializeLogging();
@@ -176,7 +178,7 @@ void HMAppDelegate::registerForNotifications()
 {
     connect(qApp, &QCoreApplication::aboutToQuit, this, &HMAppDelegate::quitHandler);
     // The session manager asks before the session ends; a tray application just quits.
-    connect(qApp, &QGuiApplication::commitDataRequest, this, [] { QCoreApplication::quit(); });
+    connect(qApp, &QGuiApplication::commitDataRequest, this, [] { QCoreApplication::exit(0); });
     if (m_c.sleepWatcher) {
         connect(m_c.sleepWatcher, &HMSleepWatcher::willSleep, this, &HMAppDelegate::sleepHandler);
         connect(m_c.sleepWatcher, &HMSleepWatcher::didWake, this, &HMAppDelegate::wakeHandler);

@@ -201,8 +201,8 @@ private Q_SLOTS:
 
     void outOfDataBeforeStart()
     {
-        HMVPNTestRig rig;
-        // The sign-in reply that brings the token also brings an empty allowance.
+        HMVPNTestRig rig(0);
+        // The sign-in reply that brings the token leaves the allowance empty.
         rig.account.beforeTokenAnswer = [&] { rig.account.setAllowance(0); };
         Outcome outcome;
         rig.vpn->connectWithCompletion(outcome.callback());
@@ -210,9 +210,80 @@ private Q_SLOTS:
         HMVPNTestRig::settle();
         QCOMPARE(outcome.error->localizedDescription(), QStringLiteral("Out of Data"));
         QCOMPARE(rig.connectionDidFail, 1);
-        QCOMPARE(rig.outOfData, 1);
         QCOMPARE(rig.vpn->state(), VPNState::OutOfData);
         QVERIFY(rig.helper.requests.isEmpty());
+    }
+
+    // With a fixed country OpenVPN is started while the token renewal is out; whatever the
+    // renewal brings ends the attempt as it would have one step after the other.
+    void renewalBesideTheStart_data()
+    {
+        QTest::addColumn<QString>("renewal");
+        QTest::addColumn<QStringList>("actions");
+        QTest::addColumn<VPNState>("state");
+        QTest::addColumn<bool>("answered");
+        QTest::addColumn<int>("failures");
+
+        const auto G = VPNState::Connecting;
+        QTest::newRow("freshTokenAnswersTheWaitingPrompt")
+            << "fresh" << QStringList{"startVPN"} << G << true << 0;
+        QTest::newRow("failedRenewalStopsOpenVPN")
+            << "failed" << QStringList{"startVPN", "stopVPN"} << G << false << 0;
+        QTest::newRow("newServerListRestartsOpenVPN")
+            << "servers" << QStringList{"startVPN", "stopVPN", "startVPN"} << G << true << 0;
+        QTest::newRow("allowanceGoneStopsOpenVPN")
+            << "allowance" << QStringList{"startVPN", "stopVPN"} << VPNState::OutOfData << false
+            << 1;
+    }
+
+    void renewalBesideTheStart()
+    {
+        QFETCH(QString, renewal);
+        QFETCH(QStringList, actions);
+        QFETCH(VPNState, state);
+        QFETCH(bool, answered);
+        QFETCH(int, failures);
+        HMLogCapture log;
+        HMVPNTestRig rig;
+        rig.account.holdTokenRequests = true;
+        rig.account.token = QStringLiteral("stale");
+        rig.account.servers = {QVariantMap{{"host", "a.example"}, {"port", 1194}}};
+        Outcome outcome;
+        rig.vpn->connectWithCompletion(outcome.callback());
+        QTRY_COMPARE(rig.server.commands().size(), 5);
+        QCOMPARE(rig.account.tokenRequests, 1);
+        rig.server.sendLines({QStringLiteral(">PASSWORD:Need 'Auth' username/password")});
+        QVERIFY(rig.sync());
+        QCOMPARE(rig.laterCommands(), QStringList{"hold release"}); // the prompt waits
+
+        rig.account.token = QStringLiteral("fresh");
+        if (renewal == QLatin1String("servers")) {
+            rig.account.servers = {QVariantMap{{"host", "b.example"}, {"port", 1194}}};
+        } else if (renewal == QLatin1String("allowance")) {
+            rig.account.setAllowance(0);
+        }
+        rig.account.heldTokenRequests.takeFirst()(
+            renewal == QLatin1String("failed")
+                ? HMMaybeError(HMError::errorWithDescription(QStringLiteral("refused")))
+                : std::nullopt);
+        QTRY_COMPARE(rig.helper.actions(), actions);
+        if (renewal == QLatin1String("servers")) {
+            // The OpenVPN started again with the new list prompts again.
+            QTRY_COMPARE(rig.server.commands().size(), 11);
+            rig.server.sendLines({QStringLiteral(">PASSWORD:Need 'Auth' username/password")});
+        }
+        HMVPNTestRig::settle();
+        const QString password = QStringLiteral("password \"Auth\" fresh");
+        QTRY_COMPARE(rig.server.commands().contains(password), answered);
+        QCOMPARE(rig.server.commands().filter(QStringLiteral("stale")), QStringList());
+        QCOMPARE(rig.vpn->state(), state);
+        QCOMPARE(rig.vpn->socket() != nullptr, answered);
+        QCOMPARE(rig.connectionDidFail, failures);
+        QCOMPARE(outcome.completions, failures);
+        // Only the failed renewal retries, after the first back-off step.
+        rig.clock.advance(1000);
+        HMVPNTestRig::settle();
+        QCOMPARE(rig.account.tokenRequests, renewal == QLatin1String("failed") ? 2 : 1);
     }
 
     void cancelledAnswersIgnored_data()
@@ -227,6 +298,10 @@ private Q_SLOTS:
         QTest::newRow("helperStart")
             << QStringLiteral("startVPN")
             << QStringList{"startVPN", "stopVPN", "stopDNSProxy", "stopVPN"};
+        // A fixed country: both are out at once when the switch-off comes.
+        QTest::newRow("tokenBesideHelperStart")
+            << QStringLiteral("both")
+            << QStringList{"startVPN", "stopVPN", "stopDNSProxy", "stopVPN"};
     }
 
     void cancelledAnswersIgnored()
@@ -234,11 +309,14 @@ private Q_SLOTS:
         QFETCH(QString, pending);
         QFETCH(QStringList, actions);
         HMVPNTestRig rig;
-        rig.account.holdTokenRequests = pending == QLatin1String("token");
+        const bool both = pending == QLatin1String("both");
+        rig.account.holdTokenRequests = pending == QLatin1String("token") || both;
         rig.closest.hold = pending == QLatin1String("closest");
-        rig.account.countryCode = QStringLiteral("-1");
-        rig.account.groups = {{"DE", QVariantList{QVariantMap{{"host", "de1.example"}}}}};
-        if (pending == QLatin1String("startVPN")) {
+        if (!both) {
+            rig.account.countryCode = QStringLiteral("-1");
+            rig.account.groups = {{"DE", QVariantList{QVariantMap{{"host", "de1.example"}}}}};
+        }
+        if (pending == QLatin1String("startVPN") || both) {
             rig.helper.held = QStringList{"startVPN"};
         }
         Outcome outcome;
@@ -246,11 +324,15 @@ private Q_SLOTS:
         QTRY_VERIFY(rig.account.tokenRequests == 1 &&
                     (pending != QLatin1String("closest") || rig.closest.held.size() == 1) &&
                     (pending != QLatin1String("startVPN") ||
-                     rig.helper.count(QStringLiteral("startVPN")) == 1));
+                     rig.helper.count(QStringLiteral("startVPN")) == 1) &&
+                    (!both || rig.helper.count(QStringLiteral("startVPN")) == 1));
         rig.vpn->disconnect();
         QTRY_COMPARE(rig.vpn->state(), VPNState::Disconnected);
 
-        if (pending == QLatin1String("token")) {
+        if (both) {
+            rig.helper.release(QStringLiteral("startVPN"));
+            rig.account.heldTokenRequests.takeFirst()(std::nullopt);
+        } else if (pending == QLatin1String("token")) {
             rig.account.heldTokenRequests.takeFirst()(std::nullopt);
         } else if (pending == QLatin1String("closest")) {
             rig.closest.held.takeFirst()(QStringLiteral("DE"), {}, std::nullopt);

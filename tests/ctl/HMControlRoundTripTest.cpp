@@ -1,6 +1,7 @@
 // hollowmerectl against the real application on the VPN lab: the application runs offscreen
 // on a private session bus with a real Secret Service, talks to the reference service and
 // the lab's helper, and every command goes through the control interface on the bus.
+#include "HMLabApplication.h"
 #include "HMRefService.h"
 #include "HMTestEnvironment.h"
 
@@ -22,17 +23,7 @@ QString lab(const char *fact)
     return qEnvironmentVariable(fact);
 }
 
-QString buildPath(const QString &relative)
-{
-    return qEnvironmentVariable("HM_BUILD_DIR") + QLatin1Char('/') + relative;
-}
-
-struct Result
-{
-    int exit = -1;
-    QString out;
-    QString err;
-};
+using Result = HMLabApplication::Result;
 
 } // namespace
 
@@ -41,40 +32,17 @@ class HMControlRoundTripTest : public QObject
     Q_OBJECT
 
 private:
-    QProcess m_app;
+    HMLabApplication m_app;
     HMRefService m_service;
 
-    Result ctl(const QStringList &arguments, const QByteArray &input = QByteArray(),
-               const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
+    static Result
+    ctl(const QStringList &arguments, const QByteArray &input = QByteArray(),
+        const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
     {
-        QProcess process;
-        process.setProcessEnvironment(environment);
-        process.start(buildPath(QStringLiteral("src/ctl/hollowmerectl")), arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        Result result;
-        if (!process.waitForFinished(150000)) {
-            process.kill();
-            process.waitForFinished();
-            return result;
-        }
-        result.exit = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        result.out = QString::fromUtf8(process.readAllStandardOutput());
-        result.err = QString::fromUtf8(process.readAllStandardError());
-        return result;
+        return HMLabApplication::ctl(arguments, input, environment);
     }
 
-    QJsonObject status()
-    {
-        const Result result = ctl({QStringLiteral("status"), QStringLiteral("--json")});
-        QJsonParseError error{};
-        const QJsonDocument document = QJsonDocument::fromJson(result.out.toUtf8(), &error);
-        if (result.exit != 0 || error.error != QJsonParseError::NoError) {
-            qWarning("status --json gave %d: %s %s", result.exit, qPrintable(result.out),
-                     qPrintable(result.err));
-        }
-        return document.object();
-    }
+    static QJsonObject status() { return HMLabApplication::status(); }
 
     bool signIn()
     {
@@ -117,38 +85,15 @@ private Q_SLOTS:
         QCOMPARE(absent.exit, 3);
         QVERIFY(absent.err.contains(QLatin1String("not running")));
 
-        const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + "/hollowmere";
-        QVERIFY(QDir().mkpath(config));
-        QVERIFY(QFile::copy(lab("LAB_SERVICE_DEPLOYMENT"), config + "/deployment.json"));
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("HOLLOWMERE_HELPER_SOCKET"), lab("LAB_HELPER_SOCKET"));
-        environment.insert(QStringLiteral("HOLLOWMERE_HELPER_MANAGEMENT"),
-                           lab("LAB_HELPER_MANAGEMENT"));
-        environment.insert(QStringLiteral("HOLLOWMERE_HELPER_RESOURCES"),
-                           lab("LAB_HELPER_RESOURCES"));
-        m_app.setProcessEnvironment(environment);
-        m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        // The application trusts the system's store only: the lab's service authority is
-        // added to a copy of it that only the application sees.
-        const QString ca = lab("LAB_SERVICE_CA").isEmpty()
-                               ? QFileInfo(lab("LAB_SERVICE_DEPLOYMENT")).path() + "/ca.crt"
-                               : lab("LAB_SERVICE_CA");
-        m_app.start(HMTestEnvironment::sourceDir() + "/testing/lab/with-trusted-ca.sh",
-                    {ca, qEnvironmentVariable("HOME") + "/certs", QStringLiteral("--"),
-                     buildPath(QStringLiteral("src/gui/hollowmere"))});
-        QVERIFY(m_app.waitForStarted());
-        QTRY_VERIFY_WITH_TIMEOUT(ctl({QStringLiteral("status")}).exit == 0, 20000);
+        QString why;
+        QVERIFY2(m_app.start(&why), qPrintable(why));
     }
 
     void cleanupTestCase()
     {
-        if (m_app.state() != QProcess::NotRunning) {
+        if (m_app.isRunning()) {
             ctl({QStringLiteral("disconnect"), QStringLiteral("--wait")});
-            m_app.terminate();
-            if (!m_app.waitForFinished(10000)) {
-                m_app.kill();
-                m_app.waitForFinished();
-            }
+            QVERIFY(m_app.terminate());
         }
     }
 
@@ -346,7 +291,7 @@ private Q_SLOTS:
     void connectWaitIsWatchedAndRefusesASecondWait()
     {
         QProcess watch;
-        watch.start(buildPath(QStringLiteral("src/ctl/hollowmerectl")), {QStringLiteral("watch")});
+        watch.start(HMLabApplication::ctlPath(), {QStringLiteral("watch")});
         // watch starts with the current state: from then on it misses nothing.
         QByteArray seen;
         QTRY_VERIFY((seen += watch.readAllStandardOutput()).contains("StateText: Disconnected"));
@@ -357,7 +302,7 @@ private Q_SLOTS:
                             {QStringLiteral("delayMs"), 3000},
                             {QStringLiteral("times"), 1}});
         QProcess first;
-        first.start(buildPath(QStringLiteral("src/ctl/hollowmerectl")),
+        first.start(HMLabApplication::ctlPath(),
                     {QStringLiteral("connect"), QStringLiteral("--wait")});
         QTRY_COMPARE_WITH_TIMEOUT(status().value(QStringLiteral("State")).toInt(), 3, 10000);
         expect({QStringLiteral("connect"), QStringLiteral("--wait")}, 1,

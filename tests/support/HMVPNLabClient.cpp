@@ -10,9 +10,28 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QNetworkInterface>
 #include <QSslConfiguration>
 #include <QTest>
+#include <cstdio>
 #include <unistd.h>
+
+namespace {
+
+QString canonical(const QString &path)
+{
+    return QFileInfo(path).canonicalFilePath();
+}
+
+// The raw link text ("net:[4026532...]"): QFile::symLinkTarget would make it a path.
+QByteArray linkText(const QString &path)
+{
+    char buffer[256];
+    const ssize_t n = ::readlink(QFile::encodeName(path).constData(), buffer, sizeof(buffer));
+    return n > 0 ? QByteArray(buffer, n) : QByteArray();
+}
+
+} // namespace
 
 QString HMVPNLabClient::lab(const char *fact)
 {
@@ -114,6 +133,19 @@ bool HMVPNLabClient::start(QString *why)
     return signIn(why) && checkDNSPort(why);
 }
 
+void HMVPNLabClient::startOrExit(const char *program)
+{
+    QString why = skipReason();
+    if (why.isEmpty()) {
+        why = failReason();
+    }
+    if (!why.isEmpty() || !start(&why)) {
+        std::fprintf(stderr, "%s: %s\n", program, qPrintable(why));
+        std::exit(1);
+    }
+    routing->setSupported(false);
+}
+
 bool HMVPNLabClient::signIn(QString *why)
 {
     bool done = false;
@@ -136,7 +168,8 @@ bool HMVPNLabClient::checkDNSPort(QString *why)
     bool checked = false;
     daemon->stopDNSProxy([this, &checked](const QVariantMap &, const HMMaybeError &) {
         daemon->checkDNSPortOpen([this, &checked](const QVariantMap &, const HMMaybeError &error) {
-            routing->setSupported(!error);
+            proxyInstalled = !error;
+            routing->setSupported(proxyInstalled);
             checked = true;
         });
     });
@@ -147,14 +180,62 @@ bool HMVPNLabClient::checkDNSPort(QString *why)
     return true;
 }
 
-void HMVPNLabClient::disconnectAndWait()
+bool HMVPNLabClient::connectAndWait(int timeoutMs)
 {
-    if (vpn->state() == VPNState::Connected || vpn->state() == VPNState::Connecting ||
-        vpn->socket()) {
-        bool done = false;
-        vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
-        if (!QTest::qWaitFor([&] { return done; }, 20000)) {
-            qWarning("the helper did not answer the disconnect within 20 s");
+    vpn->connect();
+    return QTest::qWaitFor([this] { return vpn->state() == VPNState::Connected; }, timeoutMs);
+}
+
+bool HMVPNLabClient::disconnectAndWait(int timeoutMs)
+{
+    if (vpn->state() != VPNState::Connected && vpn->state() != VPNState::Connecting &&
+        !vpn->socket()) {
+        return true;
+    }
+    bool done = false;
+    vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
+    if (!QTest::qWaitFor([&] { return done; }, timeoutMs)) {
+        qWarning("the helper did not answer the disconnect within %d ms", timeoutMs);
+        return false;
+    }
+    return true;
+}
+
+QList<int> HMVPNLabClient::openVPNProcesses()
+{
+    QList<int> found;
+    const QString openvpn = canonical(HMTestEnvironment::findProgram(QStringLiteral("openvpn")));
+    const QByteArray ownNamespace = linkText(QStringLiteral("/proc/self/ns/net"));
+    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs);
+    for (const QString &entry : entries) {
+        const int pid = entry.toInt();
+        const QString base = QStringLiteral("/proc/") + entry;
+        if (pid > 0 && canonical(base + QStringLiteral("/exe")) == openvpn &&
+            linkText(base + QStringLiteral("/ns/net")) == ownNamespace) {
+            found.append(pid);
         }
     }
+    return found;
+}
+
+int HMVPNLabClient::trackedOpenVPN()
+{
+    QFile file(lab("LAB_HELPER_RUN") + QStringLiteral("/openvpn.pid"));
+    if (!file.open(QIODevice::ReadOnly)) {
+        return 0;
+    }
+    const int pid = file.readAll().trimmed().toInt();
+    return openVPNProcesses().contains(pid) ? pid : 0;
+}
+
+QStringList HMVPNLabClient::tunDevices()
+{
+    QStringList names;
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    for (const QNetworkInterface &interface : interfaces) {
+        if (interface.name().startsWith(QLatin1String("tun"))) {
+            names.append(interface.name());
+        }
+    }
+    return names;
 }

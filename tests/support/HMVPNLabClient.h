@@ -1,8 +1,9 @@
-// The application's core as the VPN lab tests run it (testing/lab/vpn-lab.sh run): every
-// manager the real one, wired to the lab's reference service (sign-in over TLS, the block
-// stream), its helper socket and the kernel's reachability, on the private Secret Service
-// of tests/support/with-secret-service.sh. Members are made in dependency order and torn
-// down in the reverse; tests read them directly.
+// The application's core as the VPN lab's tests and benchmarks run it (testing/lab/vpn-lab.sh
+// run): every manager the real one, wired to the lab's reference service (sign-in over TLS,
+// the block stream), its helper socket and the kernel's reachability, on the private Secret
+// Service of tests/support/with-secret-service.sh. Members are made in dependency order and
+// torn down in the reverse; tests read them directly. The static half looks at what the
+// machine holds (OpenVPN processes, tun devices) for the checks after every lab case.
 #pragma once
 
 #include "HMAPIClient.h"
@@ -50,12 +51,30 @@ public:
     bool setUp(QString *why);
     // setUp, then the network, signIn and checkDNSPort.
     bool start(QString *why);
+    // For a benchmark program: start() or the reason on stderr and exit status 1; then the
+    // full-tunnel form, as the lab's tunnel cases run.
+    void startOrExit(const char *program);
     // Signs in with the lab's account and waits for the answer.
     bool signIn(QString *why);
-    // What start-up does: the helper's DNS-port check decides the OpenVPN argument form.
+    // What start-up does: the helper's DNS-port check decides the OpenVPN argument form
+    // (`proxyInstalled`).
     bool checkDNSPort(QString *why);
-    // Takes the tunnel down (if anything is up) and waits for the helper's answer.
-    void disconnectAndWait();
+    // Switch-on until Connected; false when it was not reached in time.
+    bool connectAndWait(int timeoutMs = kConnectTimeoutMs);
+    // Takes the tunnel down (if anything is up) and waits for the helper's answer; false when
+    // it did not come in time.
+    bool disconnectAndWait(int timeoutMs = 20000);
+
+    static constexpr int kConnectTimeoutMs = 45000;
+
+    // Live OpenVPN processes in this network namespace (a zombie holds neither a tun device
+    // nor a socket, so it does not count).
+    static QList<int> openVPNProcesses();
+    // The OpenVPN the helper records as running, while it still is that process; else 0.
+    static int trackedOpenVPN();
+    static QStringList tunDevices();
+
+    bool proxyInstalled = false;
 
     std::unique_ptr<QTemporaryDir> home;
     std::unique_ptr<HMPreferenceStore> store;

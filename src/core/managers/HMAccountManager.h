@@ -224,8 +224,12 @@ private:
     HMAPIClient &api();
     HMClock &clock();
     bool isClosestEnabled() const;
+    // loginWithUsername, with the store written at once (`flushAtOnce`) or with the store's
+    // next scheduled write.
+    void signIn(const QString &username, const QString &password, bool getToken, bool flushAtOnce,
+                Completion completion);
     void storeSignInReply(const QVariantMap &reply, const QString &username,
-                          const QString &password, bool getToken);
+                          const QString &password, bool getToken, bool flushAtOnce);
 
     HMPreferenceStore &m_store;
     HMKeychain &m_keychain;

@@ -122,8 +122,14 @@ QVariantList HMAccountManager::parseCountryList(const QVariant &countryList)
 void HMAccountManager::loginWithUsername(const QString &username, const QString &password,
                                          bool getToken, Completion completion)
 {
+    signIn(username, password, getToken, true, std::move(completion));
+}
+
+void HMAccountManager::signIn(const QString &username, const QString &password, bool getToken,
+                              bool flushAtOnce, Completion completion)
+{
     api().loginWithUsername(username, password, currentCountryCode(), uuid(), getToken,
-                            [this, username, password, getToken,
+                            [this, username, password, getToken, flushAtOnce,
                              completion](const QVariantMap &reply, const HMMaybeError &error) {
                                 if (error) {
                                     HMLogError(error->description());
@@ -143,7 +149,7 @@ void HMAccountManager::loginWithUsername(const QString &username, const QString 
                                     }
                                     return;
                                 }
-                                storeSignInReply(reply, username, password, getToken);
+                                storeSignInReply(reply, username, password, getToken, flushAtOnce);
                                 if (completion) {
                                     completion(std::nullopt);
                                 }
@@ -151,7 +157,7 @@ void HMAccountManager::loginWithUsername(const QString &username, const QString 
 }
 
 void HMAccountManager::storeSignInReply(const QVariantMap &reply, const QString &username,
-                                        const QString &password, bool getToken)
+                                        const QString &password, bool getToken, bool flushAtOnce)
 {
     willChange(kLoggedIn);
     setUsername(username);
@@ -214,13 +220,18 @@ void HMAccountManager::storeSignInReply(const QVariantMap &reply, const QString 
         setDidCloseSalePromoView(false);
         setPreviousUsername(this->username());
     }
-    synchronize();
+    // A renewal runs on every switch-on, in the middle of bringing the tunnel up; the
+    // store's own write follows within a second, and a renewal lost to a crash before that
+    // is simply asked for again. A sign-in of the user's is written at once.
+    if (flushAtOnce) {
+        synchronize();
+    }
 }
 
 void HMAccountManager::loginGetToken(bool getToken, Completion completion)
 {
     hm_assert(isLoggedIn(), QStringLiteral("Must be logged in"));
-    loginWithUsername(username(), password(), getToken, std::move(completion));
+    signIn(username(), password(), getToken, false, std::move(completion));
 }
 
 void HMAccountManager::getTokenWithCompletion(TokenCompletion completion)

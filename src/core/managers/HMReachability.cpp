@@ -19,6 +19,10 @@ HMReachability::HMReachability(std::unique_ptr<HMReachabilitySource> source, QOb
 {
     connect(m_source.get(), &HMReachabilitySource::flagsReported, this, &HMReachability::report);
     const quint32 initial = m_source->currentFlags();
+    // Answered by isReachable until the first report: what the start-up sends in the
+    // meantime (the account's token request) must not be refused as offline on a machine
+    // that is online.
+    m_reachable = isReachableWithFlags(initial);
     QMetaObject::invokeMethod(
         this,
         [this, initial] {

@@ -69,6 +69,11 @@ void HMVPNAccountAdapter::setCurrentClosestCountry(const QString &country)
     m_account.setCurrentClosestCountry(country);
 }
 
+QVariantList HMVPNAccountAdapter::vpnServers() const
+{
+    return m_account.vpnServers();
+}
+
 void HMVPNAccountAdapter::setVpnServers(const QVariantList &servers)
 {
     m_account.setVpnServers(servers);

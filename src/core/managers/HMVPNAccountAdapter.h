@@ -25,6 +25,7 @@ public:
     QString currentCountryCode() const override;
     QVariantMap closestServers() const override;
     void setCurrentClosestCountry(const QString &country) override;
+    QVariantList vpnServers() const override;
     void setVpnServers(const QVariantList &servers) override;
     void loginGetToken(bool getToken, Completion completion) override;
 

@@ -35,6 +35,8 @@ public:
     // empty when the service sent none.
     virtual QVariantMap closestServers() const = 0;
     virtual void setCurrentClosestCountry(const QString &country) = 0;
+    // The servers the helper's start request names, in order.
+    virtual QVariantList vpnServers() const = 0;
     virtual void setVpnServers(const QVariantList &servers) = 0;
     // Signs in again with the stored credentials; with `getToken` the VPN token is renewed.
     // The completion runs on the main thread.

@@ -22,6 +22,8 @@
 #include <QLocalSocket>
 #include <QPointer>
 
+#include <utility>
+
 #include <unistd.h>
 
 const QString HMVPNManager::kDidStartConnectingNotification =
@@ -264,6 +266,25 @@ void HMVPNManager::stopUnownedTunnel()
     });
 }
 
+void HMVPNManager::abandonTunnel()
+{
+    if (m_socket) {
+        dropSocket();
+    }
+    m_collaborators.helper->stopVPN([](const QVariantMap &, const HMMaybeError &error) {
+        if (error) {
+            HMLogError(QStringLiteral("Could not stop daemon: %1").arg(error->description()));
+        }
+    });
+}
+
+void HMVPNManager::tokenDidArrive()
+{
+    if (std::exchange(m_passwordWanted, false)) {
+        authenticate();
+    }
+}
+
 void HMVPNManager::tokenWasRefused()
 {
     // The server refused the token the sequence had just renewed. Renewing again helps when
@@ -364,8 +385,14 @@ void HMVPNManager::accountBandwidthAvailableDidChange(qint64 value)
 void HMVPNManager::reachabilityDidChange(bool reachable)
 {
     HMVPNAccountSource *account = m_collaborators.account;
+    // Only a network that comes back after this run saw it gone reconnects here. The first
+    // report of a run is the state at start-up, not a return: the wish left by a quit is
+    // the start-up's to honour, after its token request (HMAppDelegate::reconnectIfNecessary);
+    // reacting here as well would connect before the account is even confirmed.
+    const bool cameBack = reachable && m_networkWasLost;
+    m_networkWasLost = m_networkWasLost || !reachable;
     if (reachable) {
-        if (account->shouldReconnect()) {
+        if (cameBack && account->shouldReconnect()) {
             connect();
             account->setShouldReconnect(false);
         } else if (!isConnected()) {

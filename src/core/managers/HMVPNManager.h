@@ -106,6 +106,12 @@ public:
     void stopOrphanedTunnel(std::function<void()> then);
     // Stops the helper's OpenVPN unless a live attempt or a tunnel of this run owns it.
     void stopUnownedTunnel();
+    // For the connection sequence: the OpenVPN its attempt asked for is no longer wanted
+    // (management dropped, the helper asked to stop it); the state is the sequence's business.
+    void abandonTunnel();
+    // For the connection sequence: the attempt's renewed token is in; a password prompt that
+    // waited for it is answered now.
+    void tokenDidArrive();
 
     // Consecutive AUTH_FAILED answers to freshly renewed tokens after which the attempt
     // ends in Error instead of renewing again.
@@ -170,6 +176,10 @@ private:
     bool m_draining = false;
     int m_refusedTokens = 0;
     bool m_renewingRefusedToken = false;
+    // This run has seen the network gone (see reachabilityDidChange).
+    bool m_networkWasLost = false;
+    // OpenVPN asked for the password while the attempt's token renewal was still out.
+    bool m_passwordWanted = false;
     qint64 m_bytesQueued = 0;
     qint64 m_bytesWritten = 0;
 };

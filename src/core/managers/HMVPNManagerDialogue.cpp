@@ -302,6 +302,11 @@ void HMVPNManager::processStateLine(const QString &line)
 
 void HMVPNManager::authenticate()
 {
+    if (m_connectionSequence && m_connectionSequence->isAwaitingToken()) {
+        // The token held now is the one being renewed; the fresh one goes out when it comes.
+        m_passwordWanted = true;
+        return;
+    }
     const QString token = m_collaborators.account->vpnToken();
     if (token.contains(u'\n') || token.contains(u'\r') || token.contains(QChar(0))) {
         // A line break would end the command early and let the rest run as a command of its
@@ -348,6 +353,7 @@ void HMVPNManager::dropSocket()
     m_socket = nullptr;
     m_readBuffer.clear();
     m_readOutstanding = false;
+    m_passwordWanted = false;
     QObject::disconnect(socket, nullptr, this, nullptr);
     socket->abort();
     socket->deleteLater();

@@ -75,6 +75,8 @@ private Q_SLOTS:
         const auto C = VPNState::Connected;
         const auto G = VPNState::Connecting;
         const QStringList stop{"stopVPN", "stopDNSProxy"};
+        // The new attempt asks for OpenVPN while its token renewal is still out.
+        const QStringList restart = stop + QStringList{"startVPN"};
         const QStringList credentials{"username \"Auth\" tok3n", "password \"Auth\" tok3n"};
         const QString need = QStringLiteral(">PASSWORD:Need 'Auth' username/password");
 
@@ -92,9 +94,9 @@ private Q_SLOTS:
         rule("managementSignalExitDisconnects", C,
              {">LOG:1700000000,,Signal received from management interface, exiting"}, D);
         rule("authFailedReconnects", C,
-             {">LOG:1700000000,F,AUTH: Received control message: AUTH_FAILED"}, G, {}, stop);
+             {">LOG:1700000000,F,AUTH: Received control message: AUTH_FAILED"}, G, {}, restart);
         rule("authFailedBeatsStateRules", C, {">STATE:1700000000,EXITING,AUTH_FAILED,,,,,"}, G, {},
-             stop);
+             restart);
         rule("stateReconnecting", C, {">STATE:1700000000,RECONNECTING,ping-restart,,,,,"}, G);
         rule("stateWait", D, {">STATE:1700000000,WAIT,,,,,,"}, G);
         rule("stateAuth", D, {">STATE:1700000000,AUTH,,,,,,"}, G);
@@ -102,7 +104,7 @@ private Q_SLOTS:
         rule("stateGetConfig", D, {">STATE:1700000000,GET_CONFIG,,,,,,"}, G);
         rule("stateTcpConnectMatchesNothing", D, {">STATE:1700000000,TCP_CONNECT,,,,,,"}, D);
         rule("connectedErrorReconnects", C,
-             {">STATE:1700000000,CONNECTED,ERROR,10.8.0.6,10.99.0.1,1194,,"}, G, {}, stop);
+             {">STATE:1700000000,CONNECTED,ERROR,10.8.0.6,10.99.0.1,1194,,"}, G, {}, restart);
         rule("exitingWithAllowance", C, {">STATE:1700000000,EXITING,SIGTERM,,,,,"}, D);
         rule("exitingWithoutAllowance", C, {">STATE:1700000000,EXITING,SIGTERM,,,,,"},
              VPNState::OutOfData, {}, {}, {}, {}, "tok3n", 0);
@@ -141,7 +143,9 @@ private Q_SLOTS:
             rig.account.setAllowance(allowance);
         }
         rig.account.token = token;
-        rig.account.holdTokenRequests = true; // a reconnect's new attempt stays in Connecting
+        // A reconnect's new attempt stays in Connecting.
+        rig.account.holdTokenRequests = true;
+        rig.helper.held = QStringList{"startVPN"};
         QVERIFY(rig.attach());
         rig.vpn->setState(initial);
 
@@ -347,14 +351,15 @@ private Q_SLOTS:
         const auto O = VPNState::OutOfData;
         const auto N = VPNState::NoConnection;
         const QStringList stop{"stopVPN", "stopDNSProxy"};
+        const QStringList restart = stop + QStringList{"startVPN"};
         const auto row = [](const char *name, VPNState initial, const QStringList &steps,
                             VPNState expected, const QStringList &helper = {}, int attempts = 0,
                             bool wish = false, bool wishAfter = false) {
             QTest::newRow(name) << initial << wish << steps << expected << helper << wishAfter
                                 << attempts;
         };
-        row("countryChangeWhileConnectedReconnects", C, {"country"}, G, stop, 1);
-        row("countryChangeWhileConnectingReconnects", G, {"country"}, G, stop, 1);
+        row("countryChangeWhileConnectedReconnects", C, {"country"}, G, restart, 1);
+        row("countryChangeWhileConnectingReconnects", G, {"country"}, G, restart, 1);
         row("countryChangeWhileDisconnectedIgnored", D, {"country"}, D);
         row("sameCountryIgnored", C, {"sameCountry"}, C);
         row("signOutWhileConnectedDisconnects", C, {"signOut"}, D, stop);
@@ -366,10 +371,11 @@ private Q_SLOTS:
         row("networkLostWhileConnected", C, {"unreachable"}, N, stop, 0, false, true);
         row("networkLostWhileConnectingIgnored", G, {"unreachable"}, G);
         row("networkLostWhileDisconnected", D, {"unreachable"}, N);
-        row("networkBackWithWishConnects", N, {"reachable"}, G, {}, 1, true);
+        // The start-up state is no return of the network: the start-up decides, later.
+        row("firstReportWithWishWaitsForStartUp", D, {"reachable"}, D, {}, 0, true, true);
         row("networkBackWithoutWishRests", N, {"reachable"}, D);
         row("networkReportWhileConnectedIgnored", C, {"reachable"}, C);
-        row("networkLostAndBack", C, {"unreachable", "reachable"}, G, stop, 1);
+        row("networkLostAndBack", C, {"unreachable", "reachable"}, G, restart, 1);
     }
 
     void observedValues()
@@ -384,6 +390,7 @@ private Q_SLOTS:
 
         HMVPNTestRig rig(100 * kMiB);
         rig.account.holdTokenRequests = true;
+        rig.helper.held = QStringList{"startVPN"};
         rig.account.reconnectWish = wish;
         rig.vpn->setState(initial);
         for (const QString &step : steps) {
@@ -434,6 +441,7 @@ private Q_SLOTS:
         HMLogCapture log;
         HMVPNTestRig rig;
         rig.account.holdTokenRequests = true;
+        rig.helper.held = QStringList{"startVPN"};
         if (stopFails) {
             rig.helper.failing.insert("stopVPN", HMError::errorWithDescription("no such process"));
         }
@@ -456,7 +464,7 @@ private Q_SLOTS:
         }
         QCOMPARE(rig.vpn->state(), VPNState::Disconnecting);
         QVERIFY(rig.vpn->socket() == nullptr);
-        QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
+        QTRY_COMPARE(rig.helper.actions().mid(0, 2), (QStringList{"stopVPN", "stopDNSProxy"}));
         HMVPNTestRig::settle();
 
         QCOMPARE(log.contains("Could not stop daemon: no such process"), stopFails);
@@ -464,9 +472,11 @@ private Q_SLOTS:
         if (viaReconnect) {
             const bool connectsAgain = !proxyStopFails;
             QCOMPARE(rig.account.tokenRequests, connectsAgain ? 1 : 0);
+            QCOMPARE(rig.helper.count("startVPN"), connectsAgain ? 1 : 0);
             QCOMPARE(rig.states.last(),
                      connectsAgain ? VPNState::Connecting : VPNState::Disconnected);
         } else {
+            QCOMPARE(rig.helper.actions().size(), 2);
             QCOMPARE(completions, 1);
             QCOMPARE(bool(received), proxyStopFails);
             // The resting state is reached whatever the helper said.

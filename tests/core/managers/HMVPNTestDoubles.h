@@ -51,6 +51,7 @@ public:
     QString currentCountryCode() const override { return countryCode; }
     QVariantMap closestServers() const override { return groups; }
     void setCurrentClosestCountry(const QString &value) override { closestCountry = value; }
+    QVariantList vpnServers() const override { return servers; }
     void setVpnServers(const QVariantList &value) override
     {
         servers = value;
