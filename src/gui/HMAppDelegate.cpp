@@ -234,7 +234,9 @@ void HMAppDelegate::initializeUI()
             &HMAppDelegate::showPreferencesGeneral);
     connect(m_menuBarItem, &HMMenuBarItemController::diagnosticsRequested, this,
             &HMAppDelegate::showDiagnostics);
-    connect(m_menuBarItem, &HMMenuBarItemController::quitRequested, qApp, &QCoreApplication::quit);
+    // exit, as for SIGTERM: quit would wait on the windows' consent to close.
+    connect(m_menuBarItem, &HMMenuBarItemController::quitRequested, this,
+            [] { QCoreApplication::exit(0); });
     if (m_c.hostWatcher) {
         connect(m_c.hostWatcher, &HMTrayHostWatcher::hostChanged, this,
                 &HMAppDelegate::updateTrayFallback);

@@ -40,7 +40,9 @@ HMMainViewController::HMMainViewController(const HMScreenContext &context, QWidg
                      [this] { m_context.showPreferencesGeneral(); });
     QObject::connect(m_ui->diagnosticsButton, &QToolButton::clicked, this,
                      [this] { m_context.showDiagnostics(); });
-    QObject::connect(m_ui->quitButton, &QToolButton::clicked, qApp, &QCoreApplication::quit);
+    // exit, not quit: the tray-less window declines to close, and quit waits on its consent.
+    QObject::connect(m_ui->quitButton, &QToolButton::clicked, qApp,
+                     [] { QCoreApplication::exit(0); });
 
     QObject::connect(m_ui->dialSwitch, &HMDialSwitch::clicked, this,
                      &HMMainViewController::didSwitchDial);
