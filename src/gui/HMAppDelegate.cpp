@@ -16,6 +16,7 @@
 #include "HMLogFileManager.h"
 #include "HMLogging.h"
 #include "HMMainWindowController.h"
+#include "HMMemoryRelease.h"
 #include "HMMenuBarItemController.h"
 #include "HMNotificationCenter.h"
 #include "HMNotificationManager.h"
@@ -47,6 +48,9 @@ namespace {
 // logind waits at most InhibitDelayMaxSec (5 s by default) anyway; give up a little earlier
 // so a helper that does not answer never holds the machine awake until then.
 constexpr qint64 kSleepDisconnectCapMs = 4000;
+// By then the start-up's one-off work (token request, helper answers, first paints) is
+// over and what it freed can go back to the system.
+constexpr qint64 kStartupSettledMs = 10000;
 
 bool showHelperRetryDialogDidPressGoBack()
 {
@@ -153,6 +157,9 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     if (HMControlInterface::registerOnSessionBus()) {
         wireControlInterface(*HMControlInterface::shared());
     }
+    (m_c.clock ? *m_c.clock : HMClock::system()).singleShot(kStartupSettledMs, this, [] {
+        HMMemoryRelease::releaseUnusedMemory();
+    });
     return true;
 }
 
@@ -224,7 +231,6 @@ void HMAppDelegate::initializeUI()
     item.countryName = m_c.countryName;
     m_menuBarItem = new HMMenuBarItemController(item);
     m_utilityWindow = new HMUtilityWindowController;
-    m_preferences = new HMPreferenceWindowController;
 
     connect(m_menuBarItem, &HMMenuBarItemController::openPanelRequested, this,
             &HMAppDelegate::showMainWindow);
@@ -256,6 +262,14 @@ void HMAppDelegate::initializeUI()
         m_c.refreshClosest();
     }
     updateTrayFallback();
+}
+
+HMPreferenceWindowController *HMAppDelegate::preferenceWindowController()
+{
+    if (!m_preferences) {
+        m_preferences = new HMPreferenceWindowController;
+    }
+    return m_preferences;
 }
 
 void HMAppDelegate::restoreSignedInAccount()

@@ -105,7 +105,9 @@ public:
     HMMenuBarItemController *menuBarItemController() const { return m_menuBarItem; }
     HMMainWindowController *mainWindowController() const { return m_mainWindow; }
     HMUtilityWindowController *utilityWindowController() const { return m_utilityWindow; }
-    HMPreferenceWindowController *preferenceWindowController() const { return m_preferences; }
+    // Built on first use: its panes lay out text and read the autostart folder, costs an
+    // idle tray application should not carry.
+    HMPreferenceWindowController *preferenceWindowController();
     // The name of the window icon the tunnel's state chose ("" for the default).
     QString applicationIconName() const { return m_iconName; }
 

@@ -141,23 +141,25 @@ void HMAppDelegate::hideUtilWindow()
 
 void HMAppDelegate::hidePreferenceWindow()
 {
-    m_preferences->closeWindow();
+    if (m_preferences) {
+        m_preferences->closeWindow();
+    }
 }
 
 void HMAppDelegate::showPreferencesGeneral()
 {
     m_mainWindow->closeWindow();
-    m_preferences->showTab(HMPreferenceWindowController::Tab::General);
+    preferenceWindowController()->showTab(HMPreferenceWindowController::Tab::General);
 }
 
 void HMAppDelegate::showPreferencesWisproute()
 {
-    m_preferences->showTab(HMPreferenceWindowController::Tab::Wisproute);
+    preferenceWindowController()->showTab(HMPreferenceWindowController::Tab::Wisproute);
 }
 
 void HMAppDelegate::showPreferencesAccount()
 {
-    m_preferences->showTab(HMPreferenceWindowController::Tab::Account);
+    preferenceWindowController()->showTab(HMPreferenceWindowController::Tab::Account);
 }
 
 void HMAppDelegate::showDiagnostics()

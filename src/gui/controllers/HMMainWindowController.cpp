@@ -1,11 +1,13 @@
 #include "HMMainWindowController.h"
 
+#include "HMMemoryRelease.h"
 #include "HMScreenFactory.h"
 
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QScreen>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <QWidget>
 
@@ -51,6 +53,7 @@ HMMainWindowController::HMMainWindowController(QObject *parent) : QObject(parent
     m_hint->hide();
     layout->addWidget(m_hint);
     setFallbackMode(false);
+    m_window->installEventFilter(this);
 }
 
 HMMainWindowController::~HMMainWindowController()
@@ -87,6 +90,26 @@ void HMMainWindowController::ensureContent()
         static_cast<QVBoxLayout *>(m_window->layout())->addWidget(m_content, 1);
         m_window->resize(kPanelWidth, kPanelHeight);
     }
+}
+
+bool HMMainWindowController::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_window && event->type() == QEvent::Hide) {
+        // Later, not inside the hide: the content may be what is hiding the window.
+        QTimer::singleShot(0, this, &HMMainWindowController::releaseContent);
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+void HMMainWindowController::releaseContent()
+{
+    // A minimised tray-less window stays visible in Qt's sense and keeps its content.
+    if (!m_content || !m_window || m_window->isVisible()) {
+        return;
+    }
+    delete m_content;
+    m_content = nullptr;
+    HMMemoryRelease::releaseUnusedMemory();
 }
 
 void HMMainWindowController::showWindowAt(const QPoint &anchor)
