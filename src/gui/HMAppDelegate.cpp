@@ -27,6 +27,7 @@
 #include "HMReachabilityManager.h"
 #include "HMScreenContext.h"
 #include "HMScreenFactory.h"
+#include "HMSecretServiceKeychain.h"
 #include "HMSignalWatcher.h"
 #include "HMSleepWatcher.h"
 #include "HMTrayHostWatcher.h"
@@ -71,6 +72,12 @@ bool showHelperRetryDialogDidPressGoBack()
 
 HMAppDelegate::Collaborators HMAppDelegate::production()
 {
+    // A signed-in user's password is first needed when the tray item is made; asked now,
+    // the Secret Service's round trips overlap the rest of the start-up.
+    const QString user = HMPreferenceStore::instance().value(QStringLiteral("username")).toString();
+    if (!user.isEmpty()) {
+        HMSecretServiceKeychain::shared().prefetchPassword(app_bundle_identifier(), user);
+    }
     Collaborators c;
     c.store = &HMPreferenceStore::instance();
     c.account = &HMAccountManager::instance();
@@ -220,7 +227,6 @@ void HMAppDelegate::initializeUI()
     };
     HMScreenFactory::setContext(screens);
 
-    m_mainWindow = new HMMainWindowController;
     HMMenuBarItemController::Collaborators item;
     item.vpn = m_c.vpn;
     item.routing = m_c.routing;
@@ -230,6 +236,16 @@ void HMAppDelegate::initializeUI()
     item.hostWatcher = m_c.hostWatcher;
     item.countryName = m_c.countryName;
     m_menuBarItem = new HMMenuBarItemController(item);
+    // The tray icon comes before the windows are built: it is what the user waits for.
+    // The fallback decision needs the main window and is taken once it exists (below).
+    if (m_c.hostWatcher) {
+        m_c.hostWatcher->start();
+    }
+    if (m_c.account->isLoggedIn()) {
+        m_menuBarItem->showItem();
+    }
+
+    m_mainWindow = new HMMainWindowController;
     m_utilityWindow = new HMUtilityWindowController;
 
     connect(m_menuBarItem, &HMMenuBarItemController::openPanelRequested, this,
@@ -242,7 +258,6 @@ void HMAppDelegate::initializeUI()
     if (m_c.hostWatcher) {
         connect(m_c.hostWatcher, &HMTrayHostWatcher::hostChanged, this,
                 &HMAppDelegate::updateTrayFallback);
-        m_c.hostWatcher->start();
     }
 
     // Under auto-login the keyring is often still locked here and the account reads as
