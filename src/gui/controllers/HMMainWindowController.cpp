@@ -22,6 +22,10 @@ class HMMainWindow : public QWidget
 public:
     bool minimiseOnClose = false;
 
+    // The hidden window's native side and its backing store (a full-size image) go; the
+    // next show() makes them again.
+    void releaseNativeWindow() { destroy(); }
+
 protected:
     void closeEvent(QCloseEvent *event) override
     {
@@ -109,6 +113,7 @@ void HMMainWindowController::releaseContent()
     }
     delete m_content;
     m_content = nullptr;
+    static_cast<HMMainWindow *>(m_window.data())->releaseNativeWindow();
     HMMemoryRelease::releaseUnusedMemory();
 }
 
