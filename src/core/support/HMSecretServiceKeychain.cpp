@@ -1,6 +1,7 @@
 #include "HMSecretServiceKeychain.h"
 
 #include <libsecret/secret.h>
+#include <system_error>
 
 const QString HMSecretServiceKeychain::kErrorDomain = QStringLiteral("secret-service");
 
@@ -107,9 +108,13 @@ HMSecretServiceKeychain::lookup(const QString &service, const QString &account, 
 void HMSecretServiceKeychain::prefetchPassword(const QString &service, const QString &account)
 {
     m_prefetch.reset();
-    m_prefetch = Prefetch{
-        service, account,
-        std::async(std::launch::async, &HMSecretServiceKeychain::lookup, service, account, true)};
+    try {
+        m_prefetch = Prefetch{service, account,
+                              std::async(std::launch::async, &HMSecretServiceKeychain::lookup,
+                                         service, account, true)};
+    } catch (const std::system_error &) {
+        // No thread to spare: the read happens when it is asked for, as without a prefetch.
+    }
 }
 
 QString HMSecretServiceKeychain::passwordForService(const QString &service, const QString &account,
