@@ -2,7 +2,10 @@
 // measured in the same run on the same virtual desktop with a tray host:
 //   - launch to tray icon registered with the StatusNotifierWatcher (ms),
 //   - resident and proportional memory after settling (smaps_rollup),
-//   - wakeups per second while idle: context switches of all threads over a window.
+//   - wakeups per second while idle: context switches of all threads over a window,
+//   - for the application, memory again after a tray click opened the main panel and a
+//     second click closed it (both clicks are the item's Activate call, as a tray host
+//     makes it).
 //
 //   tests/support/with-desktop-session.sh tests/support/with-secret-service.sh
 //       build/bench/hm-bench-shell [IDLE_SECONDS]      (one command line)
@@ -17,6 +20,7 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -36,6 +40,9 @@ struct Figures
     long pssKiB = 0;
     double wakeupsPerSecond = 0;
     int threads = 0;
+    long panelOpenRssKiB = 0;
+    long panelClosedRssKiB = 0;
+    long panelClosedPssKiB = 0;
 };
 
 // Items registered with the watcher, with the time each arrived since the launch.
@@ -102,8 +109,24 @@ void waitMs(int ms)
     loop.exec();
 }
 
+// A left click on the item ("service/path" as the watcher announced it).
+bool clickItem(const QString &item)
+{
+    const int slash = int(item.indexOf(QLatin1Char('/')));
+    QDBusMessage click = QDBusMessage::createMethodCall(
+        item.left(slash), item.mid(slash), QStringLiteral("org.kde.StatusNotifierItem"),
+        QStringLiteral("Activate"));
+    click << 0 << 0;
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(click, QDBus::Block, 5000);
+    if (reply.type() != QDBusMessage::ReplyMessage) {
+        std::fprintf(stderr, "the tray click failed: %s\n", qPrintable(reply.errorMessage()));
+        return false;
+    }
+    return true;
+}
+
 Figures measure(const QString &program, const QStringList &arguments, ItemWatch &watch,
-                int idleSeconds)
+                int idleSeconds, bool openPanel)
 {
     Figures figures;
     QProcess process;
@@ -117,12 +140,14 @@ Figures measure(const QString &program, const QStringList &arguments, ItemWatch 
     }
     // Items register under their connection's unique name: matched by process id.
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    QString ownItem;
     while (watch.launched.elapsed() < 10000 && figures.registeredMs < 0) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
         for (const auto &[item, arrivedMs] : std::as_const(watch.items)) {
             const QString owner = item.section(QLatin1Char('/'), 0, 0);
             if (bus->servicePid(owner).value() == uint(process.processId())) {
                 figures.registeredMs = arrivedMs;
+                ownItem = item;
             }
         }
     }
@@ -136,6 +161,15 @@ Figures measure(const QString &program, const QStringList &arguments, ItemWatch 
     const QHash<QString, long> after = contextSwitches(process.processId());
     figures.threads = int(after.size());
     figures.wakeupsPerSecond = double(switchesSince(before, after)) / double(idleSeconds);
+    if (openPanel && !ownItem.isEmpty() && clickItem(ownItem)) {
+        waitMs(3000);
+        figures.panelOpenRssKiB = smapsField(process.processId(), "Rss:");
+        if (clickItem(ownItem)) {
+            waitMs(10000);
+            figures.panelClosedRssKiB = smapsField(process.processId(), "Rss:");
+            figures.panelClosedPssKiB = smapsField(process.processId(), "Pss:");
+        }
+    }
     ::kill(pid_t(process.processId()), SIGTERM);
     process.waitForFinished(5000);
     return figures;
@@ -179,10 +213,11 @@ int main(int argc, char **argv)
         }
     }
 
-    const Figures minimal = measure(QStringLiteral(HM_BENCH_MINIMAL), {}, watch, idleSeconds);
+    const Figures minimal =
+        measure(QStringLiteral(HM_BENCH_MINIMAL), {}, watch, idleSeconds, false);
     const Figures shell =
         measure(QStringLiteral(HM_BENCH_SHELL), {QStringLiteral("/nonexistent/helper.socket")},
-                watch, idleSeconds);
+                watch, idleSeconds, true);
     watcher.kill();
     watcher.waitForFinished();
 
@@ -198,6 +233,16 @@ int main(int argc, char **argv)
     }
     std::printf("memory ratio: RSS %.2f, PSS %.2f\n", double(shell.rssKiB) / double(minimal.rssKiB),
                 double(shell.pssKiB) / double(minimal.pssKiB));
+    if (shell.panelClosedRssKiB <= 0) {
+        std::fprintf(stderr, "the main panel could not be opened and closed\n");
+        return 1;
+    }
+    std::printf("main panel: RSS %.1f MiB while open; opened once and closed: RSS %.1f MiB, "
+                "PSS %.1f MiB; ratio RSS %.2f, PSS %.2f\n",
+                double(shell.panelOpenRssKiB) / 1024.0, double(shell.panelClosedRssKiB) / 1024.0,
+                double(shell.panelClosedPssKiB) / 1024.0,
+                double(shell.panelClosedRssKiB) / double(minimal.rssKiB),
+                double(shell.panelClosedPssKiB) / double(minimal.pssKiB));
     return 0;
 }
 

@@ -16,6 +16,7 @@
 #include "HMLogFileManager.h"
 #include "HMLogging.h"
 #include "HMMainWindowController.h"
+#include "HMMemoryRelease.h"
 #include "HMMenuBarItemController.h"
 #include "HMNotificationCenter.h"
 #include "HMNotificationManager.h"
@@ -26,6 +27,7 @@
 #include "HMReachabilityManager.h"
 #include "HMScreenContext.h"
 #include "HMScreenFactory.h"
+#include "HMSecretServiceKeychain.h"
 #include "HMSignalWatcher.h"
 #include "HMSleepWatcher.h"
 #include "HMTrayHostWatcher.h"
@@ -47,6 +49,9 @@ namespace {
 // logind waits at most InhibitDelayMaxSec (5 s by default) anyway; give up a little earlier
 // so a helper that does not answer never holds the machine awake until then.
 constexpr qint64 kSleepDisconnectCapMs = 4000;
+// By then the start-up's one-off work (token request, helper answers, first paints) is
+// over and what it freed can go back to the system.
+constexpr qint64 kStartupSettledMs = 10000;
 
 bool showHelperRetryDialogDidPressGoBack()
 {
@@ -67,6 +72,12 @@ bool showHelperRetryDialogDidPressGoBack()
 
 HMAppDelegate::Collaborators HMAppDelegate::production()
 {
+    // A signed-in user's password is first needed when the tray item is made; asked now,
+    // the Secret Service's round trips overlap the rest of the start-up.
+    const QString user = HMPreferenceStore::instance().value(QStringLiteral("username")).toString();
+    if (!user.isEmpty()) {
+        HMSecretServiceKeychain::shared().prefetchPassword(app_bundle_identifier(), user);
+    }
     Collaborators c;
     c.store = &HMPreferenceStore::instance();
     c.account = &HMAccountManager::instance();
@@ -155,6 +166,9 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     if (HMControlInterface::registerOnSessionBus()) {
         wireControlInterface(*HMControlInterface::shared());
     }
+    (m_c.clock ? *m_c.clock : HMClock::system()).singleShot(kStartupSettledMs, this, [] {
+        HMMemoryRelease::releaseUnusedMemory();
+    });
     return true;
 }
 
@@ -215,7 +229,6 @@ void HMAppDelegate::initializeUI()
     };
     HMScreenFactory::setContext(screens);
 
-    m_mainWindow = new HMMainWindowController;
     HMMenuBarItemController::Collaborators item;
     item.vpn = m_c.vpn;
     item.routing = m_c.routing;
@@ -225,8 +238,17 @@ void HMAppDelegate::initializeUI()
     item.hostWatcher = m_c.hostWatcher;
     item.countryName = m_c.countryName;
     m_menuBarItem = new HMMenuBarItemController(item);
+    // The tray icon comes before the windows are built: it is what the user waits for.
+    // The fallback decision needs the main window and is taken once it exists (below).
+    if (m_c.hostWatcher) {
+        m_c.hostWatcher->start();
+    }
+    if (m_c.account->isLoggedIn()) {
+        m_menuBarItem->showItem();
+    }
+
+    m_mainWindow = new HMMainWindowController;
     m_utilityWindow = new HMUtilityWindowController;
-    m_preferences = new HMPreferenceWindowController;
 
     connect(m_menuBarItem, &HMMenuBarItemController::openPanelRequested, this,
             &HMAppDelegate::showMainWindow);
@@ -240,7 +262,6 @@ void HMAppDelegate::initializeUI()
     if (m_c.hostWatcher) {
         connect(m_c.hostWatcher, &HMTrayHostWatcher::hostChanged, this,
                 &HMAppDelegate::updateTrayFallback);
-        m_c.hostWatcher->start();
     }
 
     // Under auto-login the keyring is often still locked here and the account reads as
@@ -260,6 +281,14 @@ void HMAppDelegate::initializeUI()
         m_c.refreshClosest();
     }
     updateTrayFallback();
+}
+
+HMPreferenceWindowController *HMAppDelegate::preferenceWindowController()
+{
+    if (!m_preferences) {
+        m_preferences = new HMPreferenceWindowController;
+    }
+    return m_preferences;
 }
 
 void HMAppDelegate::restoreSignedInAccount()

@@ -3,9 +3,9 @@
 //
 // Start-up: banner to the system journal, logging, preference migration, the helper check
 // and repair (a failure quits), the observers (quit, sleep, wake, sign-in and sign-out,
-// tray click, service blocked), the window controllers and the tray item, the restore of a
-// signed-in account (a token request whose answer signs out, reconnects or asks for the
-// e-mail verification), the closest-server check, observation of "state" and
+// tray click, service blocked), the tray item (first, for a signed-in user: it is what the
+// user waits for), the window controllers, the restore of a signed-in account (a token
+// request whose answer signs out, reconnects or asks for the e-mail verification), the closest-server check, observation of "state" and
 // "wisprouteMode", and last the helper's "stopDNSProxy" then "checkDNSPortOpen", whose
 // answer decides whether selective routing is supported. The update framework, crash
 // reporter and move-to-Applications steps have no Linux counterpart and are skipped; the
@@ -108,7 +108,9 @@ public:
     HMMenuBarItemController *menuBarItemController() const { return m_menuBarItem; }
     HMMainWindowController *mainWindowController() const { return m_mainWindow; }
     HMUtilityWindowController *utilityWindowController() const { return m_utilityWindow; }
-    HMPreferenceWindowController *preferenceWindowController() const { return m_preferences; }
+    // Built on first use: its panes lay out text and read the autostart folder, costs an
+    // idle tray application should not carry.
+    HMPreferenceWindowController *preferenceWindowController();
     // The name of the window icon the tunnel's state chose ("" for the default).
     QString applicationIconName() const { return m_iconName; }
 

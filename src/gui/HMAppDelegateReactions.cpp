@@ -114,8 +114,10 @@ void HMAppDelegate::applicationStateChanged(Qt::ApplicationState state)
         // brought forward in the stacking order only (never activated), and the window the
         // user picked is put back on top of them.
         QWidget *picked = QApplication::activeWindow();
-        for (QWidget *window : {m_utilityWindow->window(), m_preferences->window()}) {
-            if (window != picked && window->isVisible() && !window->isMinimized()) {
+        // The preferences window exists only once it has been opened.
+        QWidget *preferences = m_preferences ? m_preferences->window() : nullptr;
+        for (QWidget *window : {m_utilityWindow->window(), preferences}) {
+            if (window && window != picked && window->isVisible() && !window->isMinimized()) {
                 window->raise();
             }
         }
@@ -170,23 +172,25 @@ void HMAppDelegate::hideUtilWindow()
 
 void HMAppDelegate::hidePreferenceWindow()
 {
-    m_preferences->closeWindow();
+    if (m_preferences) {
+        m_preferences->closeWindow();
+    }
 }
 
 void HMAppDelegate::showPreferencesGeneral()
 {
     m_mainWindow->closeWindow();
-    m_preferences->showTab(HMPreferenceWindowController::Tab::General);
+    preferenceWindowController()->showTab(HMPreferenceWindowController::Tab::General);
 }
 
 void HMAppDelegate::showPreferencesWisproute()
 {
-    m_preferences->showTab(HMPreferenceWindowController::Tab::Wisproute);
+    preferenceWindowController()->showTab(HMPreferenceWindowController::Tab::Wisproute);
 }
 
 void HMAppDelegate::showPreferencesAccount()
 {
-    m_preferences->showTab(HMPreferenceWindowController::Tab::Account);
+    preferenceWindowController()->showTab(HMPreferenceWindowController::Tab::Account);
 }
 
 void HMAppDelegate::showDiagnostics()

@@ -241,6 +241,16 @@ void HMAppDelegateTest::startUpRunsInOrder()
     QVERIFY(shell.delegate->utilityWindowController()->currentScreen());
     QVERIFY(!shell.delegate->menuBarItemController()->isItemShown());
     QCOMPARE(shell.closestRefreshes, 1);
+    // The preferences window is built when first asked for, not at start.
+    const auto preferencesWindows = [] {
+        const QWidgetList windows = QApplication::topLevelWidgets();
+        return std::count_if(windows.begin(), windows.end(), [](QWidget *w) {
+            return w->objectName() == QLatin1String("preferencesWindow");
+        });
+    };
+    QCOMPARE(preferencesWindows(), 0);
+    shell.delegate->showPreferencesGeneral();
+    QCOMPARE(preferencesWindows(), 1);
 }
 
 void HMAppDelegateTest::connectionNotices_data()

@@ -9,6 +9,7 @@
 
 #include <QComboBox>
 #include <QLabel>
+#include <QPointer>
 #include <QScreen>
 #include <QSignalSpy>
 #include <QtTest>
@@ -325,6 +326,43 @@ private Q_SLOTS:
         QVERIFY(!controller.isWindowVisible());
         QCOMPARE(window->isVisible(), trayLess);
         QCOMPARE(window->isMinimized(), trayLess);
+    }
+
+    // A hidden popup gives its widget tree back and builds a fresh one when shown again;
+    // the minimised tray-less window is still on screen and keeps its own.
+    void closingThePanelDropsItsContentUntilShownAgain_data()
+    {
+        QTest::addColumn<bool>("fallback");
+        QTest::addColumn<bool>("dropped");
+        QTest::newRow("popup under the tray icon") << false << true;
+        QTest::newRow("tray-less window, minimised") << true << false;
+    }
+
+    void closingThePanelDropsItsContentUntilShownAgain()
+    {
+        QFETCH(bool, fallback);
+        QFETCH(bool, dropped);
+        HMScreenWorld world;
+        HMScreenFactory::setContext(world.context());
+        HMMainWindowController window;
+        window.setFallbackMode(fallback);
+        window.showWindowAt(QPoint(400, 0));
+        QPointer<QWidget> first = window.content();
+        QVERIFY(first && first->findChild<HMDisplayViewController *>());
+
+        window.closeWindow();
+        if (dropped) {
+            QTRY_VERIFY(!first);
+            QVERIFY(!window.content());
+        } else {
+            QCoreApplication::processEvents();
+            QCOMPARE(window.content(), first.data());
+        }
+
+        window.showWindowAt(QPoint(400, 0));
+        QVERIFY(window.content());
+        QVERIFY(window.content()->isVisible());
+        QCOMPARE(window.content() == first.data(), !dropped);
     }
 };
 

@@ -1,6 +1,7 @@
 #include "HMSecretServiceKeychain.h"
 
 #include <libsecret/secret.h>
+#include <system_error>
 
 const QString HMSecretServiceKeychain::kErrorDomain = QStringLiteral("secret-service");
 
@@ -76,9 +77,10 @@ HMSecretServiceKeychain &HMSecretServiceKeychain::shared()
     return keychain;
 }
 
-QString HMSecretServiceKeychain::passwordForService(const QString &service, const QString &account,
-                                                    HMMaybeError *error)
+HMSecretServiceKeychain::Lookup
+HMSecretServiceKeychain::lookup(const QString &service, const QString &account, bool askIfLocked)
 {
+    Lookup result;
     const QByteArray serviceUtf8 = service.toUtf8();
     const QByteArray accountUtf8 = account.toUtf8();
     GError *gerror = nullptr;
@@ -87,25 +89,55 @@ QString HMSecretServiceKeychain::passwordForService(const QString &service, cons
                                                 accountUtf8.constData(), nullptr);
     if (gerror) {
         secret_password_free(secret);
-        report(gerror, QStringLiteral("Could not read the password"), error);
-        return QString();
+        report(gerror, QStringLiteral("Could not read the password"), &result.error);
+        return result;
     }
     if (!secret) {
-        if (error && lockedItemExists(serviceUtf8, accountUtf8)) {
-            *error = HMError::errorWithDomain(
+        if (askIfLocked && lockedItemExists(serviceUtf8, accountUtf8)) {
+            result.error = HMError::errorWithDomain(
                 kErrorDomain, kLockedCode,
                 QStringLiteral("Could not read the password: the keyring is locked"));
         }
-        return QString();
+        return result;
     }
-    const QString password = QString::fromUtf8(secret);
+    result.password = QString::fromUtf8(secret);
     secret_password_free(secret);
-    return password;
+    return result;
+}
+
+void HMSecretServiceKeychain::prefetchPassword(const QString &service, const QString &account)
+{
+    m_prefetch.reset();
+    try {
+        m_prefetch = Prefetch{service, account,
+                              std::async(std::launch::async, &HMSecretServiceKeychain::lookup,
+                                         service, account, true)};
+    } catch (const std::system_error &) {
+        // No thread to spare: the read happens when it is asked for, as without a prefetch.
+    }
+}
+
+QString HMSecretServiceKeychain::passwordForService(const QString &service, const QString &account,
+                                                    HMMaybeError *error)
+{
+    Lookup result;
+    if (m_prefetch && m_prefetch->service == service && m_prefetch->account == account) {
+        result = m_prefetch->answer.get();
+    } else {
+        m_prefetch.reset(); // waits for a read still under way: its answer may be stale
+        result = lookup(service, account, error != nullptr);
+    }
+    m_prefetch.reset();
+    if (error && result.error) {
+        *error = result.error;
+    }
+    return result.password;
 }
 
 bool HMSecretServiceKeychain::setPassword(const QString &password, const QString &service,
                                           const QString &account, HMMaybeError *error)
 {
+    m_prefetch.reset();
     const QByteArray serviceUtf8 = service.toUtf8();
     const QByteArray accountUtf8 = account.toUtf8();
     const QByteArray passwordUtf8 = password.toUtf8();
@@ -129,6 +161,7 @@ bool HMSecretServiceKeychain::setPassword(const QString &password, const QString
 bool HMSecretServiceKeychain::deletePassword(const QString &service, const QString &account,
                                              HMMaybeError *error)
 {
+    m_prefetch.reset();
     const QByteArray serviceUtf8 = service.toUtf8();
     const QByteArray accountUtf8 = account.toUtf8();
     GError *gerror = nullptr;

@@ -1,15 +1,17 @@
 // HMKeychain over the desktop's Secret Service (GNOME Keyring, KWallet), through libsecret's
 // synchronous password calls.
 //
-// Calls block the calling thread for one D-Bus round trip; a locked collection may make the
-// Secret Service show its unlock prompt first. Errors keep libsecret's message and use the
-// domain "secret-service" with the GLib error code; a password that exists in a locked
-// collection is an error (kLockedCode), not a missing password.
+// Calls block the calling thread for one D-Bus round trip (prefetchPassword() moves a
+// read's round trips onto a thread of its own, so start-up does not wait for them); a locked
+// collection may make the Secret Service show its unlock prompt first. Errors keep libsecret's
+// message and use the domain "secret-service" with the GLib error code; a password that exists in a
+// locked collection is an error (kLockedCode), not a missing password.
 #pragma once
 
 #include "HMKeychain.h"
 #include "HMSecretServiceWatcher.h"
 
+#include <future>
 #include <memory>
 
 class HMSecretServiceKeychain : public HMKeychain
@@ -31,7 +33,29 @@ public:
     // Watches the Secret Service on the session bus from the first call on.
     void setChangeObserver(std::function<void()> changed) override;
 
+    // Starts reading this item on a thread of its own and returns at once. The next
+    // passwordForService() for the same item takes that answer (waiting for it if it is not
+    // in yet), with the same error it would have had; a store or delete, or a read of
+    // another item, drops it. One read ahead at a time; a second call replaces the first.
+    void prefetchPassword(const QString &service, const QString &account);
+
 private:
+    struct Lookup
+    {
+        QString password;
+        HMMaybeError error;
+    };
+    struct Prefetch
+    {
+        QString service;
+        QString account;
+        std::future<Lookup> answer;
+    };
+    // Whether a missing item sits in a locked collection costs one more round trip: asked
+    // only when the caller wants the error.
+    static Lookup lookup(const QString &service, const QString &account, bool askIfLocked);
+
+    std::optional<Prefetch> m_prefetch;
     std::function<void()> m_changed;
     std::unique_ptr<HMSecretServiceWatcher> m_watcher;
 };

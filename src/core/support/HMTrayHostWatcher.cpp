@@ -38,16 +38,18 @@ void HMTrayHostWatcher::start()
                   this, SLOT(hostRegistered()));
     m_bus.connect(kWatcher, kWatcherPath, kWatcher,
                   QStringLiteral("StatusNotifierHostUnregistered"), this, SLOT(hostUnregistered()));
-    if (m_bus.interface()->isServiceRegistered(kWatcher).value()) {
-        // Answered at once, so that a desktop with a tray never sees the tray-less window
-        // flash up at start; a watcher that hangs costs at most this second.
-        const QDBusMessage reply = m_bus.call(hostQuery(), QDBus::Block, 1000);
-        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-            setHasHost(qdbus_cast<QDBusVariant>(reply.arguments().first()).variant().toBool());
-        } else {
-            HMLogError(QStringLiteral("The tray watcher did not say whether a tray exists: %1")
-                           .arg(reply.errorMessage()));
-        }
+    // Answered at once, so that a desktop with a tray never sees the tray-less window flash
+    // up at start; a watcher that hangs costs at most this second. One round trip: asked
+    // without starting a watcher, the question fails at once where none runs.
+    QDBusMessage query = hostQuery();
+    query.setAutoStartService(false);
+    const QDBusMessage reply = m_bus.call(query, QDBus::Block, 1000);
+    if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
+        setHasHost(qdbus_cast<QDBusVariant>(reply.arguments().first()).variant().toBool());
+    } else if (reply.errorName() != QLatin1String("org.freedesktop.DBus.Error.ServiceUnknown") &&
+               reply.errorName() != QLatin1String("org.freedesktop.DBus.Error.NameHasNoOwner")) {
+        HMLogError(QStringLiteral("The tray watcher did not say whether a tray exists: %1")
+                       .arg(reply.errorMessage()));
     }
 }
 

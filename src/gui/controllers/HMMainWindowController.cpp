@@ -1,5 +1,6 @@
 #include "HMMainWindowController.h"
 
+#include "HMMemoryRelease.h"
 #include "HMScreenFactory.h"
 #include "ui_HMMainWindowController.h"
 
@@ -7,6 +8,8 @@
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QScreen>
+#include <QTimer>
+#include <QWidget>
 
 namespace {
 
@@ -16,6 +19,10 @@ class HMMainWindow : public QWidget
 {
 public:
     bool minimiseOnClose = false;
+
+    // The hidden window's native side and its backing store (a full-size image) go; the
+    // next show() makes them again.
+    void releaseNativeWindow() { destroy(); }
 
 protected:
     void keyPressEvent(QKeyEvent *event) override
@@ -45,6 +52,7 @@ HMMainWindowController::HMMainWindowController(QObject *parent)
     m_window = new HMMainWindow;
     m_ui->setupUi(m_window);
     setFallbackMode(false);
+    m_window->installEventFilter(this);
 }
 
 HMMainWindowController::~HMMainWindowController()
@@ -79,6 +87,27 @@ void HMMainWindowController::ensureContent()
         m_content = HMScreenFactory::createMainPanel();
         m_ui->contentLayout->addWidget(m_content);
     }
+}
+
+bool HMMainWindowController::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_window && event->type() == QEvent::Hide) {
+        // Later, not inside the hide: the content may be what is hiding the window.
+        QTimer::singleShot(0, this, &HMMainWindowController::releaseContent);
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+void HMMainWindowController::releaseContent()
+{
+    // A minimised tray-less window stays visible in Qt's sense and keeps its content.
+    if (!m_content || !m_window || m_window->isVisible()) {
+        return;
+    }
+    delete m_content;
+    m_content = nullptr;
+    static_cast<HMMainWindow *>(m_window.data())->releaseNativeWindow();
+    HMMemoryRelease::releaseUnusedMemory();
 }
 
 void HMMainWindowController::showWindowAt(const QPoint &anchor)

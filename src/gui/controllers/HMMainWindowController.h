@@ -1,9 +1,11 @@
 // The main panel's window: a compact frameless popup hung under the tray icon, or, on a
 // desktop without a tray, an ordinary window that closing only minimises (the application
-// has no other way back). Its content comes from HMScreenFactory::createMainPanel() the
-// first time it is shown; a one-time hint line above it tells a tray-less user how to get
-// a tray icon. The frame (hint line, content host) is the form HMMainWindowController.ui;
-// Escape dismisses the popup form.
+// has no other way back). Its content comes from HMScreenFactory::createMainPanel() each
+// time it is shown after having been hidden: a hidden popup drops its widget tree (and the
+// memory that tree's fonts and pixmaps held), since rebuilding it takes a few milliseconds
+// and the tray application idles far longer than it shows the panel. A one-time hint line
+// above it tells a tray-less user how to get a tray icon. The frame (hint line, content
+// host) is the form HMMainWindowController.ui; Escape dismisses the popup form.
 #pragma once
 
 #include <QObject>
@@ -38,8 +40,12 @@ public:
     QWidget *window() const { return m_window; }
     QWidget *content() const { return m_content; }
 
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
 private:
     void ensureContent();
+    void releaseContent();
 
     QPointer<QWidget> m_window;
     std::unique_ptr<Ui::HMMainWindowController> m_ui;

@@ -185,6 +185,54 @@ private Q_SLOTS:
         QVERIFY(!error);
     }
 
+    // A read started ahead answers as a direct read would, and never with a password that
+    // was replaced or removed after it started.
+    void prefetchedReadAnswersAsADirectRead_data()
+    {
+        QTest::addColumn<QString>("stored");
+        QTest::addColumn<QString>("after"); // what happens between prefetch and read
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("found") << "one"
+                               << ""
+                               << "one";
+        QTest::newRow("missing") << ""
+                                 << ""
+                                 << "";
+        QTest::newRow("replaced after") << "one"
+                                        << "store"
+                                        << "two";
+        QTest::newRow("removed after") << "one"
+                                       << "delete"
+                                       << "";
+        QTest::newRow("other item read first") << "one"
+                                               << "other"
+                                               << "one";
+    }
+
+    void prefetchedReadAnswersAsADirectRead()
+    {
+        QFETCH(QString, stored);
+        QFETCH(QString, after);
+        QFETCH(QString, expected);
+        const QString account = QStringLiteral("pre-%1@example.test").arg(QTest::currentDataTag());
+        if (!stored.isEmpty()) {
+            QVERIFY(m_keychain.setPassword(stored, kService, account));
+        }
+        QVERIFY(m_keychain.setPassword("other", kService, "someone-else@example.test"));
+        m_keychain.prefetchPassword(kService, account);
+        if (after == QLatin1String("store")) {
+            QVERIFY(m_keychain.setPassword("two", kService, account));
+        } else if (after == QLatin1String("delete")) {
+            QVERIFY(m_keychain.deletePassword(kService, account));
+        } else if (after == QLatin1String("other")) {
+            QCOMPARE(m_keychain.passwordForService(kService, "someone-else@example.test"),
+                     QStringLiteral("other"));
+        }
+        HMMaybeError error;
+        QCOMPARE(m_keychain.passwordForService(kService, account, &error), expected);
+        QVERIFY(!error);
+    }
+
     // The account over the real store: what one run signs in, the next run finds.
     void signInSurvivesARestartAndLogoutRemovesIt()
     {
@@ -215,11 +263,19 @@ private Q_SLOTS:
         SecretServiceProbe probe;
         QVERIFY(probe.lockDefaultCollection());
 
-        HMMaybeError error;
-        QVERIFY(m_keychain.passwordForService(app_bundle_identifier(), "dave@example.test", &error)
+        // Read directly and read ahead alike.
+        for (bool ahead : {false, true}) {
+            if (ahead) {
+                m_keychain.prefetchPassword(app_bundle_identifier(), "dave@example.test");
+            }
+            HMMaybeError error;
+            QVERIFY(
+                m_keychain.passwordForService(app_bundle_identifier(), "dave@example.test", &error)
                     .isNull());
-        QVERIFY2(error, "a locked keyring must not look like a missing password");
-        QCOMPARE(error->code(), HMSecretServiceKeychain::kLockedCode);
+            QVERIFY2(error, "a locked keyring must not look like a missing password");
+            QCOMPARE(error->code(), HMSecretServiceKeychain::kLockedCode);
+        }
+        HMMaybeError error;
 
         QTemporaryDir dir;
         HMPreferenceStore store(dir.filePath("prefs.json"));
