@@ -5,6 +5,7 @@
 #include "HMLoginViewController.h"
 #include "HMMainViewController.h"
 #include "HMScreenWorld.h"
+#include "HMUtilityWindowController.h"
 #include "HMVerifyEmailViewController.h"
 
 #include <QAbstractButton>
@@ -107,6 +108,23 @@ private Q_SLOTS:
         for (QWidget *control : controls) {
             QVERIFY2(reached.contains(control), qPrintable(control->objectName()));
         }
+    }
+
+    // Typing goes to the screen sliding in, from the first key on.
+    void newScreenTakesTheKeysAtOnce()
+    {
+        HMScreenWorld world;
+        HMUtilityWindowController utility;
+        utility.presentViewController(new HMLaunchViewController(utility, world.context()),
+                                      HMScreenPresenter::Animation::None);
+        utility.showWindow();
+        QApplication::setActiveWindow(utility.window());
+        QVERIFY(QTest::qWaitForWindowActive(utility.window()));
+        auto *login = new HMLoginViewController(utility, world.context());
+        utility.presentViewController(login, HMScreenPresenter::Animation::Slide);
+        QVERIFY(utility.isAnimating());
+        QTest::keyClicks(QApplication::focusWidget(), "ann@example.test");
+        QCOMPARE(login->findChild<QLineEdit *>("emailField")->text(), QString("ann@example.test"));
     }
 };
 
