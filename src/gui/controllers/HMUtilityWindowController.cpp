@@ -30,6 +30,10 @@ protected:
 // second Return would press that screen's button again and the typing would be lost.
 void focusFirstControl(QWidget *screen)
 {
+    if (screen->focusProxy()) { // the screen knows better, e.g. the password of a known user
+        screen->setFocus(Qt::OtherFocusReason);
+        return;
+    }
     for (QWidget *w = screen->nextInFocusChain(); w != screen && screen->isAncestorOf(w);
          w = w->nextInFocusChain()) {
         if ((w->focusPolicy() & Qt::TabFocus) && w->isEnabled() && w->isVisibleTo(screen)) {
