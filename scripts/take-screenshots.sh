@@ -7,20 +7,23 @@
 # the X server. Light and dark desktop colour schemes (qt6ct, as on a desktop without
 # Plasma or GNOME settings), at 1x and 2x (QT_SCALE_FACTOR); one lab for all pictures.
 #
-#   scripts/take-screenshots.sh [--build DIR] [--out DIR]
+#   scripts/take-screenshots.sh [--build DIR] [--out DIR] [--quick]
 #
-# Defaults: --build build, --out docs/screenshots. Needs root (the lab's namespaces). Exit
-# status 1, naming the screen, when a window does not appear or its picture is empty.
+# Defaults: --build build, --out docs/screenshots. The pictures are squeezed by optipng
+# where it is installed, unless --quick. Needs root (the lab's namespaces). Exit status 1,
+# naming the screen, when a window does not appear or its picture is empty.
 set -euo pipefail
 
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="$root/build"
 out="$root/docs/screenshots"
+quick=0
 while [ $# -gt 0 ]; do
     case "$1" in
     --build) build="$(readlink -f "$2")"; shift 2 ;;
     --out) out="$(readlink -m "$2")"; shift 2 ;;
-    *) sed -n '10,13p' "$0" >&2; exit 2 ;;
+    --quick) quick=1; shift ;;
+    *) sed -n '10,14p' "$0" >&2; exit 2 ;;
     esac
 done
 if [ "$(id -u)" -ne 0 ]; then
@@ -37,8 +40,14 @@ if ! ls /usr/lib/*/qt6/plugins/platformthemes/libqt6ct.so >/dev/null 2>&1; then
     echo "take-screenshots: the qt6ct colour schemes are missing (scripts/setup.sh installs them)" >&2
     exit 1
 fi
-targets=(hollowmere hollowmerectl hmwispd wisproute hm-refservice hm-fake-tray-watcher)
-cmake --build "$build" --target "${targets[@]}" >/dev/null
+programs=(src/gui/hollowmere src/ctl/hollowmerectl src/helper/hmwispd src/wisproute/wisproute
+    testing/refservice/hm-refservice tests/gui/hm-fake-tray-watcher)
+for program in "${programs[@]}"; do
+    if [ ! -x "$build/$program" ]; then
+        cmake --build "$build" --target "${programs[@]##*/}" >/dev/null
+        break
+    fi
+done
 
 name="hmshots$$"
 dir="/tmp/$name"
@@ -68,3 +77,6 @@ mkdir -p "$out"
 SHOTS_DIR="$dir" SHOTS_OUT="$out" SHOTS_ROOT="$root" SHOTS_BUILD="$build" SHOTS_USER="$user" \
     SHOTS_PASSWORD="$password" ip netns exec "$LAB_CLIENT_NAMESPACE" \
     dbus-run-session -- bash "$root/scripts/screenshots/session.sh"
+if [ "$quick" = 0 ] && command -v optipng >/dev/null; then
+    optipng -quiet -o1 "$out"/*.png
+fi

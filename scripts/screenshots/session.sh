@@ -38,9 +38,9 @@ fail() {
 
 # Polls COMMAND for up to SECONDS; the status of the last try.
 within() {
-    local seconds=$1 try
+    local seconds=$1
     shift
-    for try in $(seq $((seconds * 10))); do
+    for _ in $(seq $((seconds * 10))); do
         "$@" && return 0
         sleep 0.1
     done
@@ -51,7 +51,8 @@ within() {
 Xvfb -displayfd 3 -screen 0 1600x1200x24 -nolisten tcp 3>"$work/display" >"$home/xvfb.log" 2>&1 &
 pids+=($!)
 within 10 test -s "$work/display" || fail "the virtual display did not start"
-export DISPLAY=":$(cat "$work/display")"
+DISPLAY=":$(cat "$work/display")"
+export DISPLAY
 
 printf 'hollowmere-shots' | gnome-keyring-daemon --foreground --unlock --components=secrets \
     >"$home/keyring.log" 2>&1 &
@@ -81,11 +82,11 @@ window_of() {
 # it in PICTURE; at most TRIES captures (the connecting spinner never stops: its last frame
 # is kept).
 settle() {
-    local title=$1 picture=$2 tries=${3:-20} wid previous="$work/previous.png" try
+    local title=$1 picture=$2 tries=${3:-20} wid previous="$work/previous.png"
     within 10 test -n "$(window_of "$title")" || return 1
     wid=$(window_of "$title")
     rm -f "$previous"
-    for try in $(seq "$tries"); do
+    for _ in $(seq "$tries"); do
         import -window "$wid" "png:$picture" 2>/dev/null || return 1
         cmp -s "$picture" "$previous" && return 0
         cp "$picture" "$previous"
@@ -113,7 +114,7 @@ type_into() {
     local text
     for text in "$@"; do
         case "$text" in
-        key:*) xdotool key --delay 40 ${text#key:} ;;
+        key:*) xdotool key "${text#key:}" ;;
         *) xdotool type --delay 15 "$text" ;;
         esac
     done
@@ -122,11 +123,11 @@ type_into() {
 # Keys that change the screen in the window named TITLE: waits for the change to start
 # before waiting for it to end, so that nothing is typed into a screen still sliding in.
 press() {
-    local title=$1 before="$work/before.png" now="$work/now.png" wid try
+    local title=$1 before="$work/before.png" now="$work/now.png" wid
     shift
     settle "$title" "$before" || fail "no window \"$title\" to press keys in"
     type_into "$title" "$@"
-    for try in $(seq 30); do
+    for _ in $(seq 30); do
         wid=$(window_of "$title")
         [ -n "$wid" ] || return 0
         import -window "$wid" "png:$now" 2>/dev/null || return 0
@@ -209,7 +210,7 @@ photograph_everything() {
     open_panel
     type_into Hollowmere key:Tab key:Tab key:space
     shoot preferences-general "Hollowmere Preferences"
-    press "Hollowmere Preferences" key:Tab key:ctrl+Next key:ctrl+Next key:ctrl+Next
+    press "Hollowmere Preferences" key:Tab key:ctrl+Tab key:ctrl+Tab key:ctrl+Tab
     shoot preferences-account "Hollowmere Preferences"
 
     "$ctl" disconnect --wait --timeout 30 >/dev/null || fail "the tunnel did not come down"
