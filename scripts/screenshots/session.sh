@@ -53,6 +53,8 @@ pids+=($!)
 within 10 test -s "$work/display" || fail "the virtual display did not start"
 DISPLAY=":$(cat "$work/display")"
 export DISPLAY
+# The notification server the bus starts on demand must find the same display.
+dbus-update-activation-environment DISPLAY
 
 printf 'hollowmere-shots' | gnome-keyring-daemon --foreground --unlock --components=secrets \
     >"$home/keyring.log" 2>&1 &
@@ -100,6 +102,13 @@ shoot() {
     settle "$title" "$picture" "${3:-20}" || fail "$shot: no window \"$title\" could be captured"
     colours=$(identify -format '%k' "$picture")
     [ "$colours" -ge "$minimum_colours" ] || fail "$shot: the picture is empty ($colours colours)"
+    # Each picture follows a step that changes what is shown: the same picture again means
+    # the keys or the command never reached the application.
+    if [ -n "$last_shot" ] && cmp -s "$picture" "$last_shot"; then
+        fail "$shot: the window still shows the previous screen"
+    fi
+    cp "$picture" "$work/last.png"
+    last_shot="$work/last.png"
     mv "$picture" "$SHOTS_OUT/$shot-$scheme@${scale}x.png"
     echo "$SHOTS_OUT/$shot-$scheme@${scale}x.png"
 }
@@ -234,6 +243,7 @@ color_scheme_path=/usr/share/qt6ct/colors/darker.conf"
             testing/lab/with-trusted-ca.sh "$LAB_SERVICE_CA" "$user/certs" -- \
             "$SHOTS_BUILD/src/gui/hollowmere" >"$home/app.log" 2>&1 &
         app=$!
+        last_shot=""
         within 20 "$ctl" status >/dev/null 2>&1 || fail "the application did not start"
         photograph_everything
         "$ctl" logout >/dev/null 2>&1 || true
