@@ -3,7 +3,7 @@
 # client namespace on a private session bus: a virtual X display, a Secret Service, a tray
 # host, and the application, started once per colour scheme and scale. Not meant to be
 # started by hand.
-set -euo pipefail
+set -Eeuo pipefail
 cd "$SHOTS_ROOT"
 ctl="$SHOTS_BUILD/src/ctl/hollowmerectl"
 home="$SHOTS_DIR/home"
@@ -26,8 +26,10 @@ stop_all() {
 }
 trap stop_all EXIT
 trap 'exit 130' INT TERM
+trap 'fail "${shot_step:-setting up}: \"$BASH_COMMAND\" failed"' ERR
 
 fail() {
+    trap - ERR
     echo "take-screenshots: $*" >&2
     local log
     for log in "$home/app.log" "$home"/*/state/Hollowmere/*.log; do
@@ -99,6 +101,7 @@ settle() {
 # Captures the window named TITLE as the picture NAME.
 shoot() {
     local shot=$1 title=$2 picture="$work/$1.png" colours
+    shot_step="after $shot"
     settle "$title" "$picture" "${3:-20}" || fail "$shot: no window \"$title\" could be captured"
     colours=$(identify -format '%k' "$picture")
     [ "$colours" -ge "$minimum_colours" ] || fail "$shot: the picture is empty ($colours colours)"
@@ -248,7 +251,7 @@ color_scheme_path=/usr/share/qt6ct/colors/darker.conf"
         photograph_everything
         "$ctl" logout >/dev/null 2>&1 || true
         kill "$app"
-        wait "$app" || true
+        wait "$app" || fail "the application did not quit cleanly on SIGTERM"
         app=""
     done
 done
