@@ -30,6 +30,9 @@ trap 'fail "${shot_step:-setting up}: \"$BASH_COMMAND\" failed"' ERR
 
 fail() {
     trap - ERR
+    if [ -n "$app" ] && ! kill -0 "$app" 2>/dev/null; then
+        set -- "$*" "(the application is no longer running)"
+    fi
     echo "take-screenshots: $*" >&2
     local log
     for log in "$home/app.log" "$home"/*/state/Hollowmere/*.log; do
@@ -79,8 +82,12 @@ status_has() { "$ctl" status --json 2>/dev/null | grep -q "$1"; }
 
 # The application's visible window named TITLE.
 window_of() {
-    xdotool search --onlyvisible --pid "$app" --name "^$1\$" 2>/dev/null | tail -n 1
+    { xdotool search --onlyvisible --pid "$app" --name "^$1\$" 2>/dev/null || true; } | tail -n 1
 }
+
+# The window's picture as the X server has it; import waits for ever for a window that went
+# away meanwhile.
+capture() { timeout 10 import -window "$1" "png:$2" 2>/dev/null; }
 
 # Waits until the window named TITLE has stopped changing (slides and fades done) and leaves
 # it in PICTURE; at most TRIES captures (the connecting spinner never stops: its last frame
@@ -91,7 +98,7 @@ settle() {
     wid=$(window_of "$title")
     rm -f "$previous"
     for _ in $(seq "$tries"); do
-        import -window "$wid" "png:$picture" 2>/dev/null || return 1
+        capture "$wid" "$picture" || return 1
         cmp -s "$picture" "$previous" && return 0
         cp "$picture" "$previous"
         sleep 0.1
@@ -122,7 +129,8 @@ type_into() {
     shift
     wid=$(window_of "$title")
     [ -n "$wid" ] || fail "no window \"$title\" to type into"
-    xdotool windowfocus --sync "$wid"
+    # --sync waits for the focus for ever when the window goes away meanwhile.
+    timeout 5 xdotool windowfocus --sync "$wid" || fail "the window \"$title\" took no keyboard focus"
     local text
     for text in "$@"; do
         case "$text" in
@@ -142,7 +150,7 @@ press() {
     for _ in $(seq 30); do
         wid=$(window_of "$title")
         [ -n "$wid" ] || return 0
-        import -window "$wid" "png:$now" 2>/dev/null || return 0
+        capture "$wid" "$now" || return 0
         cmp -s "$before" "$now" || break
         sleep 0.1
     done
