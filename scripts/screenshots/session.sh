@@ -34,7 +34,12 @@ fail() {
         set -- "$*" "(the application is no longer running)"
     fi
     echo "take-screenshots: $*" >&2
-    local log
+    local log wid
+    if [ -n "$app" ] && [ -n "${DISPLAY:-}" ]; then
+        for wid in $(xdotool search --onlyvisible --pid "$app" --name . 2>/dev/null || true); do
+            echo "--- shown: \"$(xdotool getwindowname "$wid" 2>/dev/null || true)\" $(xdotool getwindowgeometry "$wid" 2>/dev/null | tr -s '\n ' ' ')" >&2
+        done
+    fi
     for log in "$home/app.log" "$home"/*/state/Hollowmere/*.log; do
         [ ! -s "$log" ] || { echo "--- $log" >&2; tail -n 15 "$log" >&2; }
     done
@@ -82,19 +87,25 @@ status_has() { "$ctl" status --json 2>/dev/null | grep -q "$1"; }
 
 # The application's visible window named TITLE.
 window_of() {
-    { xdotool search --onlyvisible --pid "$app" --name "^$1\$" 2>/dev/null || true; } | tail -n 1
+    local wid
+    for wid in $(xdotool search --onlyvisible --pid "$app" --name . 2>/dev/null || true); do
+        [ "$(xdotool getwindowname "$wid" 2>/dev/null || true)" != "$1" ] || echo "$wid"
+    done | tail -n 1
 }
 
 # The window's picture as the X server has it; import waits for ever for a window that went
 # away meanwhile.
 capture() { timeout 10 import -window "$1" "png:$2" 2>/dev/null; }
 
+has_window() { [ -n "$(window_of "$1")" ]; }
+no_window() { [ -z "$(window_of "$1")" ]; }
+
 # Waits until the window named TITLE has stopped changing (slides and fades done) and leaves
 # it in PICTURE; at most TRIES captures (the connecting spinner never stops: its last frame
 # is kept).
 settle() {
     local title=$1 picture=$2 tries=${3:-20} wid previous="$work/previous.png"
-    within 10 test -n "$(window_of "$title")" || return 1
+    within 10 has_window "$title" || return 1
     wid=$(window_of "$title")
     rm -f "$previous"
     for _ in $(seq "$tries"); do
@@ -159,18 +170,53 @@ press() {
     settle "$title" "$now" || true
 }
 
-# The tray item's Activate, as a desktop's panel sends it on a click.
-activate_tray_item() {
+# The tray item as "<bus name>/<object path>", as the tray host lists it.
+tray_item() {
     local item
     item=$(dbus-send --session --print-reply --dest=org.kde.StatusNotifierWatcher /StatusNotifierWatcher \
         org.freedesktop.DBus.Properties.Get string:org.kde.StatusNotifierWatcher \
         string:RegisteredStatusNotifierItems | sed -n 's/^ *string "\(.*\)"$/\1/p' | tail -n 1)
     [ -n "$item" ] || fail "the application registered no tray item"
+    echo "$item"
+}
+
+# The tray item's Activate, as a desktop's panel sends it on a click.
+activate_tray_item() {
+    local item
+    item=$(tray_item)
     dbus-send --session --type=method_call --dest="${item%%/*}" "/${item#*/}" \
         org.kde.StatusNotifierItem.Activate int32:800 int32:0
 }
+
+# Picks the tray menu's entry whose label starts with LABEL, as a panel does when a person
+# chooses it: the item's menu (com.canonical.dbusmenu) is read and the entry "clicked".
+choose_tray_menu_entry() {
+    local item service menu layout id
+    item=$(tray_item)
+    service=${item%%/*}
+    menu=$(gdbus call --session --dest "$service" --object-path "/${item#*/}" \
+        --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu |
+        sed -n "s/.*objectpath '\([^']*\)'.*/\1/p")
+    [ -n "$menu" ] || fail "the tray item offers no menu"
+    layout=$(gdbus call --session --dest "$service" --object-path "$menu" \
+        --method com.canonical.dbusmenu.GetLayout 0 -- -1 '[]')
+    id=$(grep -oP "\(\K[0-9]+(?=, \{[^}]*'label': <'$1)" <<<"$layout" | head -n 1 || true)
+    [ -n "$id" ] || fail "the tray menu has no entry \"$1\""
+    gdbus call --session --dest "$service" --object-path "$menu" \
+        --method com.canonical.dbusmenu.Event "$id" clicked '<0>' 0 >/dev/null
+}
+
+# The panel is a popup that closes when the application loses the focus, which it may do
+# a moment after a window of its own closed: a person clicks the icon again, so do we.
 open_panel() {
-    [ -n "$(window_of Hollowmere)" ] || activate_tray_item
+    local _
+    for _ in 1 2 3 4 5; do
+        [ -n "$(window_of Hollowmere)" ] || activate_tray_item
+        within 3 has_window Hollowmere || continue
+        sleep 0.5
+        [ -z "$(window_of Hollowmere)" ] || return 0
+    done
+    fail "the panel did not stay open after a click on the tray item"
 }
 
 # Waits until the application's state (hollowmerectl status --json) holds TEXT.
@@ -202,7 +248,7 @@ photograph_everything() {
     # The demo account, signed in from the command line: the panel opens from the tray item.
     printf '%s\n' "$SHOTS_PASSWORD" | "$ctl" login "$SHOTS_USER" >/dev/null ||
         fail "main-disconnected: hollowmerectl login was refused"
-    within 10 test -z "$(window_of Hollowmere)" || fail "the sign-in window stayed open"
+    within 10 no_window Hollowmere || fail "the sign-in window stayed open"
     open_panel
     shoot main-disconnected Hollowmere
 
@@ -226,9 +272,8 @@ photograph_everything() {
     "$ctl" routing off >/dev/null
     "$ctl" routing remove include example.com >/dev/null
 
-    # Preferences from the panel's button: past the country and the switch.
-    open_panel
-    type_into Hollowmere key:Tab key:Tab key:space
+    # Preferences from the tray menu.
+    choose_tray_menu_entry Preferences
     shoot preferences-general "Hollowmere Preferences"
     press "Hollowmere Preferences" key:Tab key:ctrl+Tab key:ctrl+Tab key:ctrl+Tab
     shoot preferences-account "Hollowmere Preferences"
