@@ -2,10 +2,11 @@
 # Photographs the real application the way a user sees it, for the README: `hollowmere`
 # runs on a virtual X display inside the VPN lab (the reference service, an OpenVPN server
 # and the helper, as scripts/run-demo.sh brings them up) and is driven the way a person or
-# a desktop would drive it: keys typed into its windows, the tray item's Activate over
-# D-Bus, hollowmerectl for sign-in, country and the tunnel. Each window is captured from
-# the X server. Light and dark desktop colour schemes (qt6ct, as on a desktop without
-# Plasma or GNOME settings), at 1x and 2x (QT_SCALE_FACTOR); one lab for all pictures.
+# a desktop would drive it: keys typed into its windows, the tray item's Activate and menu
+# over D-Bus, hollowmerectl for sign-in and sign-out, the tunnel and selective routing.
+# Each window is captured from the X server. Light and dark desktop colour schemes (qt6ct,
+# as on a desktop without Plasma or GNOME settings), at 1x and 2x (QT_SCALE_FACTOR); one
+# lab for all pictures.
 #
 #   scripts/take-screenshots.sh [--build DIR] [--out DIR] [--quick]
 #
@@ -23,7 +24,7 @@ while [ $# -gt 0 ]; do
     --build) build="$(readlink -f "$2")"; shift 2 ;;
     --out) out="$(readlink -m "$2")"; shift 2 ;;
     --quick) quick=1; shift ;;
-    *) sed -n '10,14p' "$0" >&2; exit 2 ;;
+    *) sed -n '11,15p' "$0" >&2; exit 2 ;;
     esac
 done
 if [ "$(id -u)" -ne 0 ]; then
