@@ -29,6 +29,8 @@ packages=(
   python3 curl dpkg-dev fakeroot lintian desktop-file-utils appstream man-db librsvg2-bin
   # sanitizer runtime
   libclang-rt-14-dev
+  # the README's pictures: keys and window lookup, X captures, a desktop colour scheme, PNG size
+  xdotool imagemagick qt6ct optipng
 )
 
 missing=()

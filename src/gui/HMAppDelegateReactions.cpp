@@ -81,6 +81,11 @@ void HMAppDelegate::showHMBlockedError()
 void HMAppDelegate::doLogin()
 {
     m_menuBarItem->showItem();
+    // A sign-in made elsewhere (hollowmerectl) must not leave the sign-in window asking for
+    // one; an unverified account keeps it for the screen that asks for the verification.
+    if (m_c.account->isAccountVerified()) {
+        m_utilityWindow->closeWindow();
+    }
     if (m_mainWindow->isFallbackMode()) {
         m_mainWindow->showWindow();
     }

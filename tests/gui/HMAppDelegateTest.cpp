@@ -338,9 +338,12 @@ void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
     HMUtilityWindowController *utility = shell.delegate->utilityWindowController();
     // No tray watcher on this bus: the main panel is an ordinary window.
     QVERIFY(main->isFallbackMode());
+    QVERIFY(utility->isWindowVisible()); // signed out: the launch screen
 
-    shell.signIn();
+    shell.signIn(); // elsewhere, as hollowmerectl does: the launch screen goes away
+    shell.world.account->setAccountVerified(true);
     shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
+    QVERIFY(!utility->isWindowVisible());
     QVERIFY(shell.delegate->menuBarItemController()->isItemShown());
     QVERIFY(main->isWindowVisible());
     auto *hint = main->window()->findChild<QLabel *>();
@@ -360,21 +363,25 @@ void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
     QVERIFY(!shell.delegate->menuBarItemController()->isItemShown());
     QVERIFY(!main->isWindowVisible());
     QVERIFY(utility->isWindowVisible());
-    QPointer<QWidget> login = utility->currentScreen();
-    QVERIFY(login && login != before);
-    // The window was visible: the sign-in screen starts just right of the stage while the
-    // launch screen still fills it, and ends filling it with the launch screen gone.
+    QVERIFY(utility->currentScreen() && utility->currentScreen() != before);
+    QVERIFY(!utility->isAnimating()); // the window was closed: no slide into a new window
+
+    // A screen presented while the window is open slides in: it starts just right of the
+    // stage while the old one still fills it, and ends filling it with the old one gone.
+    QPointer<QWidget> leaving = utility->currentScreen();
+    QPointer<QWidget> next = new QWidget;
+    utility->presentViewController(next, HMScreenPresenter::Animation::Slide);
     const QRect stage = utility->stage()->rect();
     QVERIFY(!stage.isEmpty());
     QVERIFY(utility->isAnimating());
-    QCOMPARE(login->geometry(), stage.translated(stage.width(), 0));
-    QVERIFY(before && before->geometry() == stage);
+    QCOMPARE(next->geometry(), stage.translated(stage.width(), 0));
+    QVERIFY(leaving && leaving->geometry() == stage);
     QTRY_COMPARE(slid.count(), 1);
     QVERIFY(!utility->isAnimating());
-    QCOMPARE(utility->currentScreen(), login.data());
-    QCOMPARE(login->geometry(), stage);
-    QVERIFY(login->isVisible());
-    QVERIFY(!before);
+    QCOMPARE(utility->currentScreen(), next.data());
+    QCOMPARE(next->geometry(), stage);
+    QVERIFY(next->isVisible());
+    QVERIFY(!leaving);
 }
 
 void HMAppDelegateTest::focusFollowsTheApplication_data()

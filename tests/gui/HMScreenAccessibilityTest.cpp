@@ -5,6 +5,7 @@
 #include "HMLoginViewController.h"
 #include "HMMainViewController.h"
 #include "HMScreenWorld.h"
+#include "HMUtilityWindowController.h"
 #include "HMVerifyEmailViewController.h"
 
 #include <QAbstractButton>
@@ -107,6 +108,35 @@ private Q_SLOTS:
         for (QWidget *control : controls) {
             QVERIFY2(reached.contains(control), qPrintable(control->objectName()));
         }
+    }
+
+    // Typing goes to the screen sliding in, from the first key on, into the field it offers.
+    void newScreenTakesTheKeysAtOnce_data()
+    {
+        QTest::addColumn<QString>("previousUser");
+        QTest::addColumn<QString>("field");
+        QTest::newRow("first sign-in") << QString() << "emailField";
+        QTest::newRow("known user") << "ann@example.test"
+                                    << "passwordField";
+    }
+    void newScreenTakesTheKeysAtOnce()
+    {
+        QFETCH(QString, previousUser);
+        QFETCH(QString, field);
+        HMScreenWorld world;
+        world.accounts.account->setPreviousUsername(previousUser);
+        HMUtilityWindowController utility;
+        utility.presentViewController(new HMLaunchViewController(utility, world.context()),
+                                      HMScreenPresenter::Animation::None);
+        utility.showWindow();
+        QApplication::setActiveWindow(utility.window());
+        QVERIFY(QTest::qWaitForWindowActive(utility.window()));
+        auto *login = new HMLoginViewController(utility, world.context());
+        utility.presentViewController(login, HMScreenPresenter::Animation::Slide);
+        QVERIFY(utility.isAnimating());
+        QTest::keyClicks(QApplication::focusWidget(), "typed");
+        const QString text = login->findChild<QLineEdit *>(field)->text();
+        QVERIFY2(text.endsWith("typed"), qPrintable(field + ": " + text));
     }
 };
 

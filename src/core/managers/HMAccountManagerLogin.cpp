@@ -9,6 +9,8 @@
 #include "HMLog.h"
 #include "HMPreferences.h"
 
+#include <QPointer>
+
 namespace {
 
 const QString kLoggedIn = QStringLiteral("loggedIn");
@@ -128,9 +130,15 @@ void HMAccountManager::loginWithUsername(const QString &username, const QString 
 void HMAccountManager::signIn(const QString &username, const QString &password, bool getToken,
                               bool flushAtOnce, Completion completion)
 {
+    // The API client may outlive this manager and abort the request as it goes; then there
+    // is nobody left to tell (the usage loop's completion would touch this manager).
+    QPointer<HMAccountManager> self(this);
     api().loginWithUsername(username, password, currentCountryCode(), uuid(), getToken,
-                            [this, username, password, getToken, flushAtOnce,
+                            [this, self, username, password, getToken, flushAtOnce,
                              completion](const QVariantMap &reply, const HMMaybeError &error) {
+                                if (!self) {
+                                    return;
+                                }
                                 if (error) {
                                     HMLogError(error->description());
                                     if (completion) {

@@ -7,6 +7,27 @@
 #include <QPropertyAnimation>
 #include <QWidget>
 
+namespace {
+
+// Keys typed while a screen slides in belong to it: left with the screen sliding out, a
+// second Return would press that screen's button again and the typing would be lost.
+void focusFirstControl(QWidget *screen)
+{
+    if (screen->focusProxy()) { // the screen knows better, e.g. the password of a known user
+        screen->setFocus(Qt::OtherFocusReason);
+        return;
+    }
+    for (QWidget *w = screen->nextInFocusChain(); w != screen && screen->isAncestorOf(w);
+         w = w->nextInFocusChain()) {
+        if ((w->focusPolicy() & Qt::TabFocus) && w->isEnabled() && w->isVisibleTo(screen)) {
+            w->setFocus(Qt::OtherFocusReason);
+            return;
+        }
+    }
+}
+
+} // namespace
+
 HMUtilityWindowController::HMUtilityWindowController(QObject *parent)
     : QObject(parent), m_ui(std::make_unique<Ui::HMUtilityWindowController>())
 {
@@ -52,11 +73,13 @@ void HMUtilityWindowController::presentViewController(QWidget *screen, Animation
         delete old;
         screen->setGeometry(area);
         screen->show();
+        focusFirstControl(screen);
         return;
     }
     m_leaving = old;
     screen->setGeometry(area.translated(area.width(), 0));
     screen->show();
+    focusFirstControl(screen);
     m_slide = new QParallelAnimationGroup;
     auto *in = new QPropertyAnimation(screen, "pos", m_slide);
     in->setEndValue(area.topLeft());
