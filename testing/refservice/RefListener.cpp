@@ -31,6 +31,10 @@ std::unique_ptr<RefListener> RefListener::create(const QJsonObject &config, QStr
     return listener;
 }
 
+namespace {
+constexpr size_t kWorkers = 64;
+}
+
 RefListener::~RefListener()
 {
     stop();
@@ -41,6 +45,10 @@ bool RefListener::bind(QString *error)
     // A real service's front end answers without Nagle's delay; without this, a request on a
     // kept connection waits some 40 ms for the client's delayed acknowledgement.
     m_server->set_tcp_nodelay(true);
+    // Every open block stream and every idle kept connection holds a worker until it ends
+    // (kept ones for the keep-alive time, seconds). With the library's eight workers a test
+    // that reopens streams and polls the state queues behind them and waits for seconds.
+    m_server->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
     const std::string address = m_address.toStdString();
     if (m_port == 0) {
         m_port = m_server->bind_to_any_port(address);
