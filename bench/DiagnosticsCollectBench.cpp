@@ -21,6 +21,7 @@
 #include "HMLogDeflater.h"
 #include "HMLogFileManager.h"
 #include "HMLogging.h"
+#include "HMProcFile.h"
 #include "HMRollingFileSink.h"
 #include "HMTestEnvironment.h"
 
@@ -41,16 +42,7 @@ namespace {
 
 qint64 statusKiB(const char *field)
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith(field)) {
-            return line.mid(qstrlen(field)).trimmed().split(' ').value(0).toLongLong();
-        }
-    }
-    return -1;
+    return HMProcFile::fieldKiB(QStringLiteral("/proc/self/status"), field);
 }
 
 void resetPeak()

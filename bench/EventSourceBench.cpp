@@ -15,6 +15,7 @@
 #include "HMAccountWorld.h"
 #include "HMClock.h"
 #include "HMPrivacyManager.h"
+#include "HMProcFile.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -96,16 +97,7 @@ protected:
 
 qint64 residentKiB()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:")) {
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
-        }
-    }
-    return -1;
+    return HMProcFile::fieldKiB(QStringLiteral("/proc/self/status"), "VmRSS:");
 }
 
 } // namespace

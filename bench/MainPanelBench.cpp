@@ -14,6 +14,7 @@
 #include "HMDisplayViewController.h"
 #include "HMMainViewController.h"
 #include "HMMainWindowController.h"
+#include "HMProcFile.h"
 #include "HMScreenFactory.h"
 #include "HMScreenWorld.h"
 
@@ -38,19 +39,10 @@ struct Memory
 
 Memory ownMemory()
 {
-    QFile file(QStringLiteral("/proc/self/smaps_rollup"));
+    const QString rollup = QStringLiteral("/proc/self/smaps_rollup");
     Memory memory;
-    if (!file.open(QIODevice::ReadOnly)) {
-        return memory;
-    }
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        const QList<QByteArray> parts = line.simplified().split(' ');
-        if (parts.size() >= 2 && parts[0] == "Rss:") {
-            memory.rssKiB = parts[1].toLongLong();
-        } else if (parts.size() >= 2 && parts[0] == "Pss:") {
-            memory.pssKiB = parts[1].toLongLong();
-        }
-    }
+    memory.rssKiB = HMProcFile::fieldKiB(rollup, "Rss:");
+    memory.pssKiB = HMProcFile::fieldKiB(rollup, "Pss:");
     return memory;
 }
 

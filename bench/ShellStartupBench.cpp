@@ -15,6 +15,7 @@
 // hm-shell-testapp, which differs from `hollowmere` only in taking the helper as installed.
 #include "HMBundleInfo.h"
 #include "HMPreferenceStore.h"
+#include "HMProcFile.h"
 #include "HMSecretServiceKeychain.h"
 
 #include <QCoreApplication>
@@ -61,16 +62,7 @@ public Q_SLOTS:
 
 long smapsField(qint64 pid, const char *field)
 {
-    QFile file(QStringLiteral("/proc/%1/smaps_rollup").arg(pid));
-    if (!file.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        if (line.startsWith(field)) {
-            return line.mid(int(qstrlen(field))).trimmed().split(' ').first().toLong();
-        }
-    }
-    return -1;
+    return long(HMProcFile::fieldKiB(QStringLiteral("/proc/%1/smaps_rollup").arg(pid), field));
 }
 
 // Context switches of each live thread. A thread that ends takes its count with it, so

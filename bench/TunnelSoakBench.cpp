@@ -8,6 +8,7 @@
 // namespace's IPv4 routes, and this process's resident memory.
 //
 //   hm-bench-soak [CYCLES]     (default 100)
+#include "HMProcFile.h"
 #include "HMVPNLabClient.h"
 
 #include <QCoreApplication>
@@ -30,16 +31,7 @@ struct Snapshot
 
 qint64 residentKiB()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:")) {
-            return line.mid(6).trimmed().split(' ').first().toLongLong();
-        }
-    }
-    return -1;
+    return HMProcFile::fieldKiB(QStringLiteral("/proc/self/status"), "VmRSS:");
 }
 
 Snapshot snapshot()
