@@ -46,6 +46,14 @@ const QString HMAppDelegate::kTrayHintShownKey = QStringLiteral("trayHintShown")
 
 namespace {
 
+// Every way out (SIGTERM, the session's end, the tray's Quit) ends the event loop with exit,
+// not quit: Qt's quit first asks every window to close, and the tray-less window declines
+// (closing it only minimises), which would leave the request unanswered.
+void quitNow()
+{
+    QCoreApplication::exit(0);
+}
+
 // logind waits at most InhibitDelayMaxSec (5 s by default) anyway; give up a little earlier
 // so a helper that does not answer never holds the machine awake until then.
 constexpr qint64 kSleepDisconnectCapMs = 4000;
@@ -142,10 +150,7 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     // Watch for SIGTERM before anything is written, so a stop request during start-up
     // still ends in a clean quit instead of the default kill.
     m_signalWatcher = new HMSignalWatcher(this);
-    // exit, not quit: Qt's quit first asks every window to close, and the fallback window
-    // declines (closing it only minimises), which would leave a SIGTERM unanswered.
-    connect(m_signalWatcher, &HMSignalWatcher::quitRequested, this,
-            [](int) { QCoreApplication::exit(0); });
+    connect(m_signalWatcher, &HMSignalWatcher::quitRequested, this, [](int) { quitNow(); });
     const bool watching = m_signalWatcher->watchTerminationSignals();
 
     initializeLogging();
@@ -192,7 +197,7 @@ void HMAppDelegate::registerForNotifications()
 {
     connect(qApp, &QCoreApplication::aboutToQuit, this, &HMAppDelegate::quitHandler);
     // The session manager asks before the session ends; a tray application just quits.
-    connect(qApp, &QGuiApplication::commitDataRequest, this, [] { QCoreApplication::exit(0); });
+    connect(qApp, &QGuiApplication::commitDataRequest, this, &quitNow);
     if (m_c.sleepWatcher) {
         connect(m_c.sleepWatcher, &HMSleepWatcher::willSleep, this, &HMAppDelegate::sleepHandler);
         connect(m_c.sleepWatcher, &HMSleepWatcher::didWake, this, &HMAppDelegate::wakeHandler);
@@ -256,9 +261,7 @@ void HMAppDelegate::initializeUI()
             &HMAppDelegate::showPreferencesGeneral);
     connect(m_menuBarItem, &HMMenuBarItemController::diagnosticsRequested, this,
             &HMAppDelegate::showDiagnostics);
-    // exit, as for SIGTERM: quit would wait on the windows' consent to close.
-    connect(m_menuBarItem, &HMMenuBarItemController::quitRequested, this,
-            [] { QCoreApplication::exit(0); });
+    connect(m_menuBarItem, &HMMenuBarItemController::quitRequested, this, &quitNow);
     if (m_c.hostWatcher) {
         connect(m_c.hostWatcher, &HMTrayHostWatcher::hostChanged, this,
                 &HMAppDelegate::updateTrayFallback);
