@@ -8,9 +8,11 @@
 // the state is Disconnected (the helper has stopped OpenVPN). Each bare round starts OpenVPN
 // directly with the very argument list the helper runs, answers the same management dialogue
 // with the same token and stops at CONNECTED; its switch-off is "signal SIGTERM" until the
-// process has exited. Prints the medians of every step and the ratios.
+// process has exited. Client and bare rounds take turns. Every wait is on the event loop, as
+// in the application (see HMEventWait). Prints the medians of every step and the ratios.
 //
 //   hm-bench-tunnel [ROUNDS]     (default 25, at least 20)
+#include "HMEventWait.h"
 #include "HMHelperConfig.h"
 #include "HMOpenVPNArguments.h"
 #include "HMVPNLabClient.h"
@@ -108,54 +110,27 @@ int main(int argc, char **argv)
     HMVPNLabClient lab;
     lab.startOrExit("hm-bench-tunnel");
 
-    Figures clientOn, clientOff;
-    for (int i = 0; i < rounds; ++i) {
+    // One client round first, uncounted: it gives the list the bare rounds run.
+    auto clientRound = [&lab](int round, Figures *on, Figures *off) {
         QElapsedTimer timer;
         timer.start();
         if (!lab.connectAndWait()) {
-            fail(QStringLiteral("round %1: the client did not reach Connected").arg(i + 1));
+            fail(QStringLiteral("round %1: the client did not reach Connected").arg(round));
         }
-        clientOn.add(timer);
+        if (on) {
+            on->add(timer);
+        }
         timer.start();
         if (!lab.disconnectAndWait(30000) || lab.vpn->state() != VPNState::Disconnected) {
-            fail(QStringLiteral("round %1: the client did not reach Disconnected").arg(i + 1));
+            fail(QStringLiteral("round %1: the client did not reach Disconnected").arg(round));
         }
-        clientOff.add(timer);
-    }
+        if (off) {
+            off->add(timer);
+        }
+    };
+    clientRound(0, nullptr, nullptr);
 
-    // Two of the client's steps on their own, to show where its time goes.
-    Figures tokenRefresh, helperStart;
-    for (int i = 0; i < rounds; ++i) {
-        QElapsedTimer timer;
-        timer.start();
-        bool answered = false;
-        lab.account->loginGetToken(true, [&](const HMMaybeError &) { answered = true; });
-        if (!QTest::qWaitFor([&] { return answered; }, 20000)) {
-            fail(QStringLiteral("the token refresh did not answer"));
-        }
-        tokenRefresh.add(timer);
-    }
-    for (int i = 0; i < rounds; ++i) {
-        QElapsedTimer timer;
-        timer.start();
-        bool answered = false;
-        HMMaybeError startError;
-        lab.daemon->startVPN([&](const QVariantMap &, const HMMaybeError &e) {
-            startError = e;
-            answered = true;
-        });
-        if (!QTest::qWaitFor([&] { return answered; }, 30000) || startError) {
-            fail(QStringLiteral("the helper did not start OpenVPN"));
-        }
-        helperStart.add(timer);
-        bool stopped = false;
-        lab.daemon->stopVPN([&](const QVariantMap &, const HMMaybeError &) { stopped = true; });
-        if (!QTest::qWaitFor([&] { return stopped; }, 30000)) {
-            fail(QStringLiteral("the helper did not stop OpenVPN"));
-        }
-    }
-
-    // The list the helper ran in the client rounds, rebuilt the helper's way.
+    // The list the helper ran in the client round, rebuilt the helper's way.
     QTemporaryDir bareDir(QStringLiteral("/tmp/hm-bench-bare-XXXXXX"));
     HMHelperConfig config = HMHelperConfig::defaults();
     config.openVPNPath =
@@ -173,10 +148,12 @@ int main(int argc, char **argv)
     const QString bareManagement = bareDir.filePath(QStringLiteral("management"));
     const QStringList arguments = HMOpenVPNArguments::build(
         *launch, config, {bareManagement, QString::fromLocal8Bit(::getpwuid(::getuid())->pw_name)});
-    const QString token = lab.account->vpnToken();
 
-    Figures bareOn, bareOff;
+    // Client and bare rounds take turns, so that both meet the same load on the machine.
+    Figures clientOn, clientOff, bareOn, bareOff;
     for (int i = 0; i < rounds; ++i) {
+        clientRound(i + 1, &clientOn, &clientOff);
+        const QString token = lab.account->vpnToken(); // the one that round renewed
         QProcess openvpn;
         openvpn.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         openvpn.setStandardOutputFile(QProcess::nullDevice());
@@ -200,6 +177,41 @@ int main(int argc, char **argv)
             fail(QStringLiteral("round %1: the bare OpenVPN did not stop").arg(i + 1));
         }
         bareOff.add(timer);
+    }
+
+    // Two of the client's steps on their own, to show where its time goes.
+    Figures tokenRefresh, helperStart;
+    for (int i = 0; i < rounds; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        HMEventWait answered;
+        lab.account->loginGetToken(true,
+                                   [done = answered.done()](const HMMaybeError &) { done(); });
+        if (!answered.wait(20000)) {
+            fail(QStringLiteral("the token refresh did not answer"));
+        }
+        tokenRefresh.add(timer);
+    }
+    for (int i = 0; i < rounds; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        HMEventWait answered;
+        auto startError = std::make_shared<HMMaybeError>();
+        lab.daemon->startVPN(
+            [startError, done = answered.done()](const QVariantMap &, const HMMaybeError &e) {
+                *startError = e;
+                done();
+            });
+        if (!answered.wait(30000) || *startError) {
+            fail(QStringLiteral("the helper did not start OpenVPN"));
+        }
+        helperStart.add(timer);
+        HMEventWait stopped;
+        lab.daemon->stopVPN(
+            [done = stopped.done()](const QVariantMap &, const HMMaybeError &) { done(); });
+        if (!stopped.wait(30000)) {
+            fail(QStringLiteral("the helper did not stop OpenVPN"));
+        }
     }
 
     std::printf("rounds: %d\n", rounds);

@@ -1,5 +1,7 @@
 #include "HMVPNLabClient.h"
 
+#include "HMEventWait.h"
+
 #include "HMClock.h"
 #include "HMDeploymentValues.h"
 #include "HMNetlinkReachabilitySource.h"
@@ -148,16 +150,16 @@ void HMVPNLabClient::startOrExit(const char *program)
 
 bool HMVPNLabClient::signIn(QString *why)
 {
-    bool done = false;
-    HMMaybeError result;
+    HMEventWait answered;
+    auto result = std::make_shared<HMMaybeError>();
     account->loginWithUsername(lab("LAB_USER"), lab("LAB_PASSWORD"), false,
-                               [&](const HMMaybeError &error) {
-                                   result = error;
-                                   done = true;
+                               [result, done = answered.done()](const HMMaybeError &error) {
+                                   *result = error;
+                                   done();
                                });
-    if (!QTest::qWaitFor([&] { return done; }, 20000) || result) {
+    if (!answered.wait(20000) || *result) {
         *why = QStringLiteral("sign-in failed: ") +
-               (result ? result->description() : QStringLiteral("no answer"));
+               (*result ? (*result)->description() : QStringLiteral("no answer"));
         return false;
     }
     return account->isLoggedIn();
@@ -165,15 +167,15 @@ bool HMVPNLabClient::signIn(QString *why)
 
 bool HMVPNLabClient::checkDNSPort(QString *why)
 {
-    bool checked = false;
-    daemon->stopDNSProxy([this, &checked](const QVariantMap &, const HMMaybeError &) {
-        daemon->checkDNSPortOpen([this, &checked](const QVariantMap &, const HMMaybeError &error) {
+    HMEventWait checked;
+    daemon->stopDNSProxy([this, done = checked.done()](const QVariantMap &, const HMMaybeError &) {
+        daemon->checkDNSPortOpen([this, done](const QVariantMap &, const HMMaybeError &error) {
             proxyInstalled = !error;
             routing->setSupported(proxyInstalled);
-            checked = true;
+            done();
         });
     });
-    if (!QTest::qWaitFor([&] { return checked; }, 10000)) {
+    if (!checked.wait(10000)) {
         *why = QStringLiteral("the helper did not answer the DNS-port check within 10 s");
         return false;
     }
@@ -182,8 +184,11 @@ bool HMVPNLabClient::checkDNSPort(QString *why)
 
 bool HMVPNLabClient::connectAndWait(int timeoutMs)
 {
+    HMEventWait connected;
+    connected.until(vpn.get(), &HMVPNManager::stateChanged,
+                    [this] { return vpn->state() == VPNState::Connected; });
     vpn->connect();
-    return QTest::qWaitFor([this] { return vpn->state() == VPNState::Connected; }, timeoutMs);
+    return connected.wait(timeoutMs);
 }
 
 bool HMVPNLabClient::disconnectAndWait(int timeoutMs)
@@ -192,9 +197,9 @@ bool HMVPNLabClient::disconnectAndWait(int timeoutMs)
         !vpn->socket()) {
         return true;
     }
-    bool done = false;
-    vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
-    if (!QTest::qWaitFor([&] { return done; }, timeoutMs)) {
+    HMEventWait answered;
+    vpn->disconnectWithCompletion([done = answered.done()](const HMMaybeError &) { done(); });
+    if (!answered.wait(timeoutMs)) {
         qWarning("the helper did not answer the disconnect within %d ms", timeoutMs);
         return false;
     }
