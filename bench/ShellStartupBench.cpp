@@ -1,18 +1,19 @@
 // hm-bench-shell: the tray application's start-up cost beside a minimal Qt tray program,
 // measured in the same run on the same virtual desktop with a tray host:
-//   - launch to tray icon registered with the StatusNotifierWatcher (ms),
 //   - resident and proportional memory after settling (smaps_rollup),
 //   - wakeups per second while idle: context switches of all threads over a window,
-//   - for the application, memory again after a tray click opened the main panel and a
-//     second click closed it (both clicks are the item's Activate call, as a tray host
-//     makes it).
+//   - launch to tray icon registered with the StatusNotifierWatcher (ms),
+//   - memory again after a tray click opened the main panel and a second click closed it
+//     (both clicks are the item's Activate call, as a tray host makes it).
 //
 //   tests/support/with-desktop-session.sh tests/support/with-secret-service.sh
 //       build/bench/hm-bench-shell [IDLE_SECONDS]      (one command line)
 //
-// The application runs signed in (the tray item exists only for a signed-in user; the
-// password goes to the session's throw-away Secret Service) and disconnected, as
-// hm-shell-testapp, which differs from `hollowmere` only in taking the helper as installed.
+// The application runs as hm-shell-testapp, which differs from `hollowmere` only in taking
+// the helper as installed, and never connects. It starts twice: signed out, where it shows
+// the launch screen and has no tray item; then signed in (the password goes to the session's
+// throw-away Secret Service), where it shows the tray item and asks the service for a token
+// at start-up, and where the tray clicks open and close the main panel.
 #include "HMBundleInfo.h"
 #include "HMPreferenceStore.h"
 #include "HMProcFile.h"
@@ -118,7 +119,7 @@ bool clickItem(const QString &item)
 }
 
 Figures measure(const QString &program, const QStringList &arguments, ItemWatch &watch,
-                int idleSeconds, bool openPanel)
+                int idleSeconds, bool hasItem, bool openPanel)
 {
     Figures figures;
     QProcess process;
@@ -133,7 +134,7 @@ Figures measure(const QString &program, const QStringList &arguments, ItemWatch 
     // Items register under their connection's unique name: matched by process id.
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
     QString ownItem;
-    while (watch.launched.elapsed() < 10000 && figures.registeredMs < 0) {
+    while (hasItem && watch.launched.elapsed() < 10000 && figures.registeredMs < 0) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
         for (const auto &[item, arrivedMs] : std::as_const(watch.items)) {
             const QString owner = item.section(QLatin1Char('/'), 0, 0);
@@ -188,6 +189,12 @@ int main(int argc, char **argv)
                 QStringLiteral("StatusNotifierItemRegistered"), &watch, SLOT(registered(QString)));
     waitMs(500);
 
+    const Figures minimal =
+        measure(QStringLiteral(HM_BENCH_MINIMAL), {}, watch, idleSeconds, true, false);
+    const QStringList appArguments{QStringLiteral("/nonexistent/helper.socket")};
+    const Figures signedOut =
+        measure(QStringLiteral(HM_BENCH_SHELL), appArguments, watch, idleSeconds, false, false);
+
     // Signed in and verified, never connected.
     {
         HMPreferenceStore store(qEnvironmentVariable("XDG_CONFIG_HOME") +
@@ -204,37 +211,40 @@ int main(int argc, char **argv)
             return 1;
         }
     }
-
-    const Figures minimal =
-        measure(QStringLiteral(HM_BENCH_MINIMAL), {}, watch, idleSeconds, false);
-    const Figures shell =
-        measure(QStringLiteral(HM_BENCH_SHELL), {QStringLiteral("/nonexistent/helper.socket")},
-                watch, idleSeconds, true);
+    const Figures signedIn =
+        measure(QStringLiteral(HM_BENCH_SHELL), appArguments, watch, idleSeconds, true, true);
     watcher.kill();
     watcher.waitForFinished();
 
     std::printf("idle window: %d s\n", idleSeconds);
-    std::printf(
-        "| program | icon registered (ms) | RSS (MiB) | PSS (MiB) | wakeups/s idle | threads |\n");
-    std::printf("|---|---:|---:|---:|---:|---:|\n");
-    for (const auto &[name, f] : {std::pair{"minimal Qt tray program", minimal},
-                                  std::pair{"Hollowmere (signed in, disconnected)", shell}}) {
-        std::printf("| %s | %.0f | %.1f | %.1f | %.2f | %d |\n", name, f.registeredMs,
-                    double(f.rssKiB) / 1024.0, double(f.pssKiB) / 1024.0, f.wakeupsPerSecond,
-                    f.threads);
+    std::printf("| program | icon registered (ms) | RSS (MiB) | PSS (MiB) | RSS ratio | PSS ratio "
+                "| wakeups/s idle | threads |\n");
+    std::printf("|---|---:|---:|---:|---:|---:|---:|---:|\n");
+    const auto row = [&minimal](const char *name, double registeredMs, long rss, long pss,
+                                const QString &wakeups, const QString &threads) {
+        const QString icon =
+            registeredMs < 0 ? QStringLiteral("-") : QString::number(registeredMs, 'f', 0);
+        std::printf("| %s | %s | %.1f | %.1f | %.2f | %.2f | %s | %s |\n", name, qPrintable(icon),
+                    double(rss) / 1024.0, double(pss) / 1024.0,
+                    double(rss) / double(minimal.rssKiB), double(pss) / double(minimal.pssKiB),
+                    qPrintable(wakeups), qPrintable(threads));
+    };
+    const auto idle = [](const Figures &f) {
+        return std::pair{QString::number(f.wakeupsPerSecond, 'f', 2), QString::number(f.threads)};
+    };
+    for (const auto &[name, f] : {std::pair{"minimal Qt tray program (reference)", minimal},
+                                  std::pair{"Hollowmere, signed out (launch screen)", signedOut},
+                                  std::pair{"Hollowmere, signed in, disconnected", signedIn}}) {
+        const auto [wakeups, threads] = idle(f);
+        row(name, f.registeredMs, f.rssKiB, f.pssKiB, wakeups, threads);
     }
-    std::printf("memory ratio: RSS %.2f, PSS %.2f\n", double(shell.rssKiB) / double(minimal.rssKiB),
-                double(shell.pssKiB) / double(minimal.pssKiB));
-    if (shell.panelClosedRssKiB <= 0) {
+    if (signedIn.panelClosedRssKiB <= 0) {
         std::fprintf(stderr, "the main panel could not be opened and closed\n");
         return 1;
     }
-    std::printf("main panel: RSS %.1f MiB while open; opened once and closed: RSS %.1f MiB, "
-                "PSS %.1f MiB; ratio RSS %.2f, PSS %.2f\n",
-                double(shell.panelOpenRssKiB) / 1024.0, double(shell.panelClosedRssKiB) / 1024.0,
-                double(shell.panelClosedPssKiB) / 1024.0,
-                double(shell.panelClosedRssKiB) / double(minimal.rssKiB),
-                double(shell.panelClosedPssKiB) / double(minimal.pssKiB));
+    row("Hollowmere, main panel opened once and closed", -1, signedIn.panelClosedRssKiB,
+        signedIn.panelClosedPssKiB, QString(), QString());
+    std::printf("main panel open: RSS %.1f MiB\n", double(signedIn.panelOpenRssKiB) / 1024.0);
     return 0;
 }
 

@@ -1,5 +1,7 @@
 #include "HMLaunchAtStartupManager.h"
 
+#include "HMDirectoryEntries.h"
+
 #include "HMAppPaths.h"
 #include "HMLog.h"
 
@@ -83,7 +85,7 @@ void HMLaunchAtStartupManager::loginItemsChanged()
 {
     // Entries are rewritten in place by some tools: keep watching the ones present.
     const QStringList entries =
-        QDir(m_directory).entryList({QStringLiteral("*.desktop")}, QDir::Files);
+        directory_files_with_affixes(m_directory, QString(), QStringLiteral(".desktop"));
     for (const QString &name : entries) {
         const QString path = QDir(m_directory).filePath(name);
         if (!m_watcher->files().contains(path)) {
@@ -128,7 +130,7 @@ QString HMLaunchAtStartupManager::findLoginItem() const
     }
     const QDir directory(m_directory);
     const QStringList entries =
-        directory.entryList({QStringLiteral("*.desktop")}, QDir::Files, QDir::Name);
+        directory_files_with_affixes(m_directory, QString(), QStringLiteral(".desktop"));
     for (const QString &name : entries) {
         const QString program = programOfEntry(directory.filePath(name));
         if (program.isEmpty()) {

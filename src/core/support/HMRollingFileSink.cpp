@@ -1,5 +1,7 @@
 #include "HMRollingFileSink.h"
 
+#include "HMDirectoryEntries.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -50,9 +52,7 @@ void HMRollingFileSink::rollLogFile()
 
 QStringList HMRollingFileSink::sortedPathsLocked() const
 {
-    const QStringList names =
-        QDir(m_directory)
-            .entryList({kPrefix + QLatin1Char('*') + kSuffix}, QDir::Files, QDir::Name);
+    const QStringList names = directory_files_with_affixes(m_directory, kPrefix, kSuffix);
     QStringList paths;
     // The time stamp in the name sorts lexically; the live file is the newest by construction.
     for (auto it = names.crbegin(); it != names.crend(); ++it) {

@@ -78,6 +78,10 @@ private Q_SLOTS:
         QTest::newRow("scheme in host") << json("{'serviceDomain': 'https://a.test'}");
         QTest::newRow("port in host") << json("{'serviceDomain': 'a.test:8443'}");
         QTest::newRow("empty host") << json("{'streamingHost': ''}");
+        QTest::newRow("empty label in host") << json("{'serviceDomain': 'a..test'}");
+        QTest::newRow("host ends in a hyphen") << json("{'serviceDomain': 'a.test-'}");
+        QTest::newRow("host starts with a dot") << json("{'staticHost': '.a.test'}");
+        QTest::newRow("non-ASCII host") << QByteArray("{\"serviceDomain\": \"b\u00fccher.test\"}");
         QTest::newRow("site root without scheme")
             << json("{'serviceDomain': 'a.test', 'webSiteRoot': 'www.a.test'}");
         QTest::newRow("site root ftp") << json("{'webSiteRoot': 'ftp://www.a.test'}");
