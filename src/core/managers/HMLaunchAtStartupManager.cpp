@@ -1,8 +1,7 @@
 #include "HMLaunchAtStartupManager.h"
 
-#include "HMDirectoryEntries.h"
-
 #include "HMAppPaths.h"
+#include "HMDirectoryEntries.h"
 #include "HMLog.h"
 
 #include <QCoreApplication>

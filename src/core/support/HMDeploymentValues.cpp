@@ -14,9 +14,9 @@ const QString HMDeploymentValues::kFileName = QStringLiteral("hollowmere/deploym
 namespace {
 
 // Anything that becomes "https://<host>" without further escaping: letters, digits, dots
-// and hyphens, no port, no path.
-// Checked by hand rather than by a regular expression: this runs at every start, and the
-// expression engine alone would add some 0.4 MiB of resident code to the idle application.
+// and hyphens, no port, no path. Checked by hand rather than by a regular expression: this
+// runs at every start, and the expression engine alone would add some 0.4 MiB of resident
+// code to the idle application.
 bool isPlainHostName(const QString &value)
 {
     const auto alphanumeric = [](QChar c) {

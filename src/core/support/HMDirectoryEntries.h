@@ -3,8 +3,8 @@
 //
 // Deliberately not QDir's name filters: they go through the regular-expression engine,
 // whose code alone would add some 0.4 MiB to the idle application's resident memory, for
-// two folders it reads at start-up. Matching is case-sensitive, as the names we look for are
-// ours or fixed by a specification.
+// two folders it reads at start-up. Matching is case-sensitive: the log names are ours, and
+// autostart entries end in ".desktop" exactly.
 #pragma once
 
 #include <QString>
