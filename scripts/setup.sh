@@ -7,14 +7,14 @@ packages=(
   # build
   build-essential cmake ninja-build pkg-config clang-format ccache
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev libgl-dev
-  libsecret-1-dev libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
+  libgcrypt20-dev libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
   libssl-dev libcpp-httplib-dev
   # the DNS proxy: DNS messages, capabilities
   libldns-dev libcap-dev
   # run
   openvpn iproute2 dbus dbus-x11 systemd procps psmisc libqt6svg6
   # test-only: real Secret Service, notification daemon, certificates, display
-  gnome-keyring libsecret-tools dunst openssl xvfb xauth
+  gnome-keyring dunst openssl xvfb xauth
   # test-only: another program's window taking the focus, and the windows' stacking order
   x11-utils xdotool
   # sanitizer and libFuzzer runtime, and the compiler for the fuzz targets

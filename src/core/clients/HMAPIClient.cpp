@@ -10,7 +10,6 @@
 #include <QDesktopServices>
 #include <QFile>
 #include <QNetworkAccessManager>
-#include <QRegularExpression>
 #include <sys/utsname.h>
 
 const QString HMAPIClient::kBlockedNotification = QStringLiteral("HMAPIBlockedNotification");
@@ -154,9 +153,17 @@ QString kernelMajorMinor()
         return QString();
     }
     const QStringList fields = QString::fromUtf8(name.release).split(QLatin1Char('.'));
-    static const QRegularExpression leadingNumber(QStringLiteral("^\\d+"));
-    const QString major = leadingNumber.match(fields.value(0)).captured();
-    const QString minor = leadingNumber.match(fields.value(1)).captured();
+    // By hand: a pattern here would load the expression engine for the first request alone.
+    const auto leadingNumber = [](const QString &field) {
+        qsizetype digits = 0;
+        while (digits < field.size() && field.at(digits) >= QLatin1Char('0') &&
+               field.at(digits) <= QLatin1Char('9')) {
+            ++digits;
+        }
+        return field.left(digits);
+    };
+    const QString major = leadingNumber(fields.value(0));
+    const QString minor = leadingNumber(fields.value(1));
     return minor.isEmpty() ? major : major + QLatin1Char('.') + minor;
 }
 

@@ -1,11 +1,12 @@
-// HMKeychain over the desktop's Secret Service (GNOME Keyring, KWallet), through libsecret's
-// synchronous password calls.
+// HMKeychain over the desktop's Secret Service (GNOME Keyring, KWallet), spoken directly on
+// the session bus: items in the default collection, found by their attributes, secrets
+// carried in an encrypted session (HMSecretServiceSession).
 //
-// Calls block the calling thread for one D-Bus round trip (prefetchPassword() moves a
+// Calls block the calling thread for a few D-Bus round trips (prefetchPassword() moves a
 // read's round trips onto a thread of its own, so start-up does not wait for them); a locked
-// collection may make the Secret Service show its unlock prompt first. Errors keep libsecret's
-// message and use the domain "secret-service" with the GLib error code; a password that exists in a
-// locked collection is an error (kLockedCode), not a missing password.
+// collection makes the Secret Service show its unlock prompt first (HMSecretServicePrompt).
+// Errors use the domain "secret-service" and carry the service's message; a password that
+// exists in a collection that stays locked is an error (kLockedCode), not a missing password.
 #pragma once
 
 #include "HMKeychain.h"
@@ -51,9 +52,7 @@ private:
         QString account;
         std::future<Lookup> answer;
     };
-    // Whether a missing item sits in a locked collection costs one more round trip: asked
-    // only when the caller wants the error.
-    static Lookup lookup(const QString &service, const QString &account, bool askIfLocked);
+    static Lookup lookup(const QString &service, const QString &account);
 
     std::optional<Prefetch> m_prefetch;
     std::function<void()> m_changed;

@@ -4,6 +4,7 @@
 #include "HMLogCapture.h"
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
+#include "HMSecretServiceSession.h"
 #include "HMTestEnvironment.h"
 
 #include <QDBusArgument>
@@ -17,32 +18,6 @@
 #include <memory>
 
 using StringMap = QMap<QString, QString>;
-
-// The Secret Service's secret structure (oayays), for the keyring's own unlock call.
-struct ServiceSecret
-{
-    QDBusObjectPath session;
-    QByteArray parameters;
-    QByteArray value;
-    QString contentType;
-};
-Q_DECLARE_METATYPE(ServiceSecret)
-
-QDBusArgument &operator<<(QDBusArgument &argument, const ServiceSecret &secret)
-{
-    argument.beginStructure();
-    argument << secret.session << secret.parameters << secret.value << secret.contentType;
-    argument.endStructure();
-    return argument;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &argument, ServiceSecret &secret)
-{
-    argument.beginStructure();
-    argument >> secret.session >> secret.parameters >> secret.value >> secret.contentType;
-    argument.endStructure();
-    return argument;
-}
 
 namespace {
 
@@ -88,7 +63,7 @@ public:
     // What the login screen does with the password that with-secret-service.sh set.
     bool unlockDefaultCollection()
     {
-        qDBusRegisterMetaType<ServiceSecret>();
+        qDBusRegisterMetaType<HMServiceSecret>();
         const QDBusMessage session =
             m_service.call(QStringLiteral("OpenSession"), QStringLiteral("plain"),
                            QVariant::fromValue(QDBusVariant(QString())));
@@ -98,10 +73,10 @@ public:
             !alias.isValid()) {
             return false;
         }
-        const ServiceSecret secret{session.arguments().at(1).value<QDBusObjectPath>(),
-                                   {},
-                                   QByteArrayLiteral("hollowmere-test"),
-                                   QStringLiteral("text/plain")};
+        const HMServiceSecret secret{session.arguments().at(1).value<QDBusObjectPath>(),
+                                     {},
+                                     QByteArrayLiteral("hollowmere-test"),
+                                     QStringLiteral("text/plain")};
         QDBusInterface keyring(
             QStringLiteral("org.freedesktop.secrets"), QStringLiteral("/org/freedesktop/secrets"),
             QStringLiteral("org.gnome.keyring.InternalUnsupportedGuiltRiddenInterface"),
@@ -113,6 +88,22 @@ public:
             qWarning("unlock failed: %s", qPrintable(reply.errorMessage()));
         }
         return reply.type() == QDBusMessage::ReplyMessage;
+    }
+
+    // As when the desktop has no default keyring yet; `collection` "/" removes the alias.
+    bool setDefaultAlias(const QDBusObjectPath &collection)
+    {
+        return m_service
+                   .call(QStringLiteral("SetAlias"), QStringLiteral("default"),
+                         QVariant::fromValue(collection))
+                   .type() == QDBusMessage::ReplyMessage;
+    }
+
+    QDBusObjectPath defaultAlias()
+    {
+        const QDBusReply<QDBusObjectPath> alias =
+            m_service.call(QStringLiteral("ReadAlias"), QStringLiteral("default"));
+        return alias.isValid() ? alias.value() : QDBusObjectPath();
     }
 
 private:
@@ -140,6 +131,84 @@ private Q_SLOTS:
         m_home = HMTestEnvironment::isolateUserDirectories();
         qDBusRegisterMetaType<StringMap>();
         qDBusRegisterMetaType<QList<QDBusObjectPath>>();
+    }
+
+    // Values from an independent HKDF over the padded DH secret; the second exponent gives
+    // a shared secret whose first byte is zero, which must still count as a byte.
+    void keyAgreementMatchesAnIndependentDerivation_data()
+    {
+        const QByteArray prime = QByteArray::fromHex(
+            "FFFFFFFFFFFFFFFFC90FDAA22168C234C4C6628B80DC1CD129024E088A67CC74020BBEA63B139B22"
+            "514A08798E3404DDEF9519B3CD3A431B302B0A6DF25F14374FE1356D6D51C245E485B576625E7EC6"
+            "F44C42E9A637ED6B0BFF5CB6F406B7EDEE386BFB5A899FA5AE9F24117C4B1FE649286651ECE65381"
+            "FFFFFFFFFFFFFFFF");
+        QByteArray primeLessOne = prime;
+        primeLessOne.back() = '\xFE';
+        const QByteArray peer = QByteArray::fromHex(
+            "c02e8fbdf4720638d4bdf19cbe82a7dd38dd71e231be2f4624c3923a72a6252e8746a3844c29014c"
+            "b4358c2a67e55a1c1f676096ee6892794d21f9f67b3656ba546cdb61067924e801e5fedca4a0e2ef"
+            "2d3185f59238b3c662687d137cf52fe5b41cb689ac48049aa0673439b61962d94407b4ef3b03cd2b"
+            "51e05b4e6d170eda");
+        QTest::addColumn<QByteArray>("exponent");
+        QTest::addColumn<QByteArray>("peer");
+        QTest::addColumn<QByteArray>("key");
+        QTest::newRow("full-width secret")
+            << QByteArray::fromHex("0123456789abcdef") << peer
+            << QByteArray::fromHex("e47d5648e3df37a7ee67f43cd3b66627");
+        QTest::newRow("secret with a leading zero byte")
+            << QByteArray::fromHex("0123456789abcf33") << peer
+            << QByteArray::fromHex("b7bd90f6675af4208e4a915bed7ef32d");
+        for (const auto &[name, bad] :
+             {std::pair{"peer 0", QByteArray(1, '\0')}, std::pair{"peer 1", QByteArray(1, '\1')},
+              std::pair{"peer p-1", primeLessOne}, std::pair{"peer p", prime}}) {
+            QTest::newRow(name) << QByteArray::fromHex("0123456789abcdef") << bad << QByteArray();
+        }
+    }
+
+    void keyAgreementMatchesAnIndependentDerivation()
+    {
+        QFETCH(QByteArray, exponent);
+        QFETCH(QByteArray, peer);
+        QFETCH(QByteArray, key);
+        QCOMPARE(HMSecretServiceSession::agreedKey(exponent, peer).toHex(), key.toHex());
+    }
+
+    // The service takes the encrypted algorithm, and a secret that was not made for the
+    // session, or whose padding is wrong, is refused rather than read as a password.
+    void sessionWithTheServiceIsEncrypted()
+    {
+        HMMaybeError error;
+        const auto session = HMSecretServiceSession::open(&error);
+        QVERIFY2(session, error ? qPrintable(error->localizedDescription()) : "");
+        QVERIFY(session->isEncrypted());
+        for (const QByteArray &plain :
+             {QByteArray(), QByteArray("hunter2"), QByteArray(16, 'x'), QByteArray(17, 'y')}) {
+            const HMServiceSecret secret = session->encode(plain);
+            QVERIFY(secret.value != plain);
+            QCOMPARE(session->decode(secret), std::optional<QByteArray>(plain));
+        }
+        HMServiceSecret tampered = session->encode("hunter2");
+        tampered.parameters.back() = char(tampered.parameters.back() ^ 1); // the pad byte
+        QVERIFY(!session->decode(tampered));
+        HMServiceSecret foreign = session->encode("hunter2");
+        foreign.session = QDBusObjectPath(QStringLiteral("/org/freedesktop/secrets/session/x"));
+        QVERIFY(!session->decode(foreign));
+    }
+
+    // With no keyring at all, storing asks the service to make one; when that prompt is
+    // dismissed the store fails with a reason, and nothing waits for the prompt for ever.
+    void storingWithoutAKeyringFailsWithAReason()
+    {
+        SecretServiceProbe probe;
+        const QDBusObjectPath keyring = probe.defaultAlias();
+        QVERIFY(probe.setDefaultAlias(QDBusObjectPath(QStringLiteral("/"))));
+        HMMaybeError error;
+        const bool stored =
+            m_keychain.setPassword("pw", kService, "nokeyring@example.test", &error);
+        QVERIFY(probe.setDefaultAlias(keyring));
+        QVERIFY(!stored);
+        QVERIFY(error);
+        QVERIFY(!error->localizedDescription().isEmpty());
     }
 
     void storesAndFindsThePassword_data()
