@@ -12,9 +12,12 @@
 #include "HMScreenFactory.h"
 #include "HMUtilityWindowController.h"
 #include "HMVPNManager.h"
+#include "HMVerifyEmailViewController.h"
 #include "HMWisprouteManager.h"
 
 #include <QApplication>
+#include <QPointer>
+#include <QTimer>
 #include <QWidget>
 
 void HMAppDelegate::vpnStateDidChange(VPNState oldState, VPNState newState)
@@ -82,9 +85,25 @@ void HMAppDelegate::doLogin()
 {
     m_menuBarItem->showItem();
     // A sign-in made elsewhere (hollowmerectl) must not leave the sign-in window asking for
-    // one; an unverified account keeps it for the screen that asks for the verification.
+    // one. An unverified account gets the screen that asks for the verification; looked at
+    // on the next turn, because the sign-in screen posts this before moving on to it itself.
     if (m_c.account->isAccountVerified()) {
         m_utilityWindow->closeWindow();
+    } else {
+        QPointer<HMAppDelegate> self(this);
+        QTimer::singleShot(0, this, [self] {
+            if (!self || !self->m_c.account->isLoggedIn() ||
+                self->m_c.account->isAccountVerified() ||
+                qobject_cast<HMVerifyEmailViewController *>(
+                    self->m_utilityWindow->currentScreen())) {
+                return;
+            }
+            self->m_utilityWindow->presentViewController(
+                HMScreenFactory::createVerifyEmailScreen(*self->m_utilityWindow),
+                self->m_utilityWindow->isWindowVisible() ? HMScreenPresenter::Animation::Slide
+                                                         : HMScreenPresenter::Animation::None);
+            self->m_utilityWindow->showWindow();
+        });
     }
     if (m_mainWindow->isFallbackMode()) {
         m_mainWindow->showWindow();

@@ -19,6 +19,7 @@
 #include "HMTrayHostWatcher.h"
 #include "HMUtilityWindowController.h"
 #include "HMVPNTestRig.h"
+#include "HMVerifyEmailViewController.h"
 
 #include <QApplication>
 #include <QDBusConnectionInterface>
@@ -108,6 +109,7 @@ struct Shell
     {
         world.account->setUsername("wisp@example.com");
         world.account->setPassword("secret");
+        world.account->setAccountVerified(true);
     }
 };
 
@@ -340,7 +342,21 @@ void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
     QVERIFY(main->isFallbackMode());
     QVERIFY(utility->isWindowVisible()); // signed out: the launch screen
 
-    shell.signIn(); // elsewhere, as hollowmerectl does: the launch screen goes away
+    // Signed in elsewhere, as hollowmerectl does, with an account still to be verified: the
+    // launch screen makes way for the screen that asks for the verification.
+    shell.signIn();
+    shell.world.account->setAccountVerified(false);
+    shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
+    QTRY_VERIFY(qobject_cast<HMVerifyEmailViewController *>(utility->currentScreen()));
+    QVERIFY(utility->isWindowVisible());
+    QPointer<QWidget> verification = utility->currentScreen();
+    shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
+    bool turned = false; // zero-delay timers run in order: this one after the delegate's
+    QTimer::singleShot(0, [&turned] { turned = true; });
+    QTRY_VERIFY(turned);
+    QCOMPARE(utility->currentScreen(), verification.data());
+
+    // Verified, the sign-in window goes away.
     shell.world.account->setAccountVerified(true);
     shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
     QVERIFY(!utility->isWindowVisible());
@@ -358,7 +374,6 @@ void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
     QVERIFY(main->isWindowVisible());
 
     QPointer<QWidget> before = utility->currentScreen();
-    QSignalSpy slid(utility, &HMUtilityWindowController::slideFinished);
     shell.world.account->logout(); // posts HMDidLogOutNotification
     QVERIFY(!shell.delegate->menuBarItemController()->isItemShown());
     QVERIFY(!main->isWindowVisible());
@@ -369,6 +384,7 @@ void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
     // A screen presented while the window is open slides in: it starts just right of the
     // stage while the old one still fills it, and ends filling it with the old one gone.
     QPointer<QWidget> leaving = utility->currentScreen();
+    QSignalSpy slid(utility, &HMUtilityWindowController::slideFinished);
     QPointer<QWidget> next = new QWidget;
     utility->presentViewController(next, HMScreenPresenter::Animation::Slide);
     const QRect stage = utility->stage()->rect();
@@ -398,6 +414,7 @@ void HMAppDelegateTest::focusFollowsTheApplication()
     QVERIFY(shell.start());
     QVERIFY(shell.delegate->applicationDidFinishLaunching());
     shell.signIn();
+    shell.world.account->setAccountVerified(false); // the utility window stays, to verify
     shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
     HMMainWindowController *main = shell.delegate->mainWindowController();
     QWidget *utility = shell.delegate->utilityWindowController()->window();
