@@ -63,7 +63,7 @@ const char *pathName(HMDNSQueryHandler::Path path)
 
 HMDNSProxy::HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProxyClock &clock,
                        HMHostRoutes *routes)
-    : m_handler(handler), m_log(log), m_clock(clock), m_routes(routes),
+    : m_handler(handler), m_log(log), m_clock(clock), m_routes(routes), m_upstream(kAttemptMs),
       m_tcpClients(
           [this](const uint8_t *data, size_t size, uint64_t number) {
               Client client;
@@ -78,7 +78,7 @@ HMDNSProxy::HMDNSProxy(HMDNSQueryHandler &handler, HMProxyLog &log, const HMProx
 
 HMDNSProxy::~HMDNSProxy()
 {
-    for (int fd : {m_udp, m_tcp, m_upstream}) {
+    for (int fd : {m_udp, m_tcp}) {
         if (fd >= 0) {
             ::close(fd);
         }
@@ -95,12 +95,7 @@ bool HMDNSProxy::listen(uint32_t address, uint16_t port, std::string *error)
     if (m_tcp < 0) {
         return false;
     }
-    m_upstream = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (m_upstream < 0) {
-        *error = std::string("socket: ") + std::strerror(errno);
-        return false;
-    }
-    return true;
+    return m_upstream.open(error);
 }
 
 void HMDNSProxy::setResolvers(HMDNSQueryHandler::Path path, std::vector<uint32_t> resolvers)
@@ -133,11 +128,17 @@ void HMDNSProxy::run(int stopFd)
     m_nowMs = m_clock.nowMs();
     m_nextSweepMs = m_nowMs + kSweepMs;
     std::vector<pollfd> fds;
-    // After the first four entries: the TCP clients', then the resolver streams'.
+    // After the first three entries: the upstream sockets', then the TCP clients', then the
+    // resolver streams'.
     std::vector<uint64_t> owners;
+    std::vector<HMUpstreamSockets::Socket> answering;
     for (;;) {
-        fds.assign(
-            {{stopFd, POLLIN, 0}, {m_udp, POLLIN, 0}, {m_tcp, POLLIN, 0}, {m_upstream, POLLIN, 0}});
+        fds.assign({{stopFd, POLLIN, 0}, {m_udp, POLLIN, 0}, {m_tcp, POLLIN, 0}});
+        const std::vector<HMUpstreamSockets::Socket> &upstream = m_upstream.sockets();
+        for (const HMUpstreamSockets::Socket &socket : upstream) {
+            fds.push_back({socket.fd, POLLIN, 0});
+        }
+        const size_t firstOwned = fds.size();
         owners.clear();
         m_tcpClients.watch(fds, owners);
         const size_t clientCount = owners.size();
@@ -162,17 +163,27 @@ void HMDNSProxy::run(int stopFd)
         // that finds nothing costs as much as the poll that would have said so, and most
         // rounds carry less than a batch.
         bool clients = fds[1].revents != 0;
-        bool answers = fds[3].revents != 0;
-        while (clients || answers) {
+        answering.clear();
+        for (size_t i = 0; i < upstream.size(); ++i) {
+            if (fds[3 + i].revents) {
+                answering.push_back(upstream[i]);
+            }
+        }
+        while (clients || !answering.empty()) {
             const size_t queries = clients ? readUdpClients() : 0;
-            const size_t replies = answers ? readUpstream() : 0;
+            size_t full = 0;
+            for (const HMUpstreamSockets::Socket &socket : answering) {
+                if (readUpstream(socket) == HMDatagramBatch::kCapacity) {
+                    answering[full++] = socket;
+                }
+            }
+            answering.resize(full);
             flushUpstream();
             flushAnswers();
             clients = queries == HMDatagramBatch::kCapacity;
-            answers = replies == HMDatagramBatch::kCapacity;
         }
         for (size_t i = 0; i < owners.size(); ++i) {
-            const short revents = fds[4 + i].revents;
+            const short revents = fds[firstOwned + i].revents;
             if (revents == 0) {
                 continue;
             }
@@ -203,9 +214,9 @@ size_t HMDNSProxy::readUdpClients()
     return count;
 }
 
-size_t HMDNSProxy::readUpstream()
+size_t HMDNSProxy::readUpstream(const HMUpstreamSockets::Socket &socket)
 {
-    const size_t count = m_answers.receive(m_upstream);
+    const size_t count = m_answers.receive(socket.fd);
     for (size_t i = 0; i < count; ++i) {
         const size_t size = m_answers.size(i);
         if (size < LDNS_HEADER_SIZE || m_answers.truncated(i)) {
@@ -213,7 +224,8 @@ size_t HMDNSProxy::readUpstream()
         }
         uint8_t *data = m_answers.data(i);
         const auto found = m_pending.find(ldns_read_uint16(data));
-        if (found == m_pending.end() || found->second.stream) {
+        if (found == m_pending.end() || found->second.stream ||
+            found->second.socket != socket.serial) {
             continue;
         }
         Pending &pending = found->second;
@@ -294,6 +306,7 @@ bool HMDNSProxy::sendUpstream(uint16_t id, Pending &pending)
     pending.deadlineMs = m_nowMs + kAttemptMs;
     if (pending.client.tcp == 0 && pending.attempt < servers.size()) {
         // Sent with the round's other datagrams; a failure comes back through flushUpstream.
+        pending.socket = m_upstream.current().serial;
         m_toResolvers.add(resolverAddress(servers[pending.attempt]), pending.query.data(),
                           pending.query.size(), id);
         return true;
@@ -322,8 +335,9 @@ void HMDNSProxy::flushUpstream()
 {
     // sendUpstream() may queue the failed query again for its next resolver, so the count
     // is read on every turn.
+    const int fd = m_upstream.current().fd;
     for (size_t start = 0; start < m_toResolvers.count();) {
-        start += static_cast<size_t>(m_toResolvers.send(m_upstream, start));
+        start += static_cast<size_t>(m_toResolvers.send(fd, start));
         if (start >= m_toResolvers.count()) {
             break;
         }
@@ -343,6 +357,7 @@ void HMDNSProxy::flushUpstream()
             m_pending.erase(found);
         }
     }
+    m_upstream.noteSent(m_toResolvers.count(), m_nowMs);
     m_toResolvers.clear();
 }
 
@@ -396,6 +411,10 @@ void HMDNSProxy::timeOut()
         }
     }
     m_tcpClients.closeIdle(m_nowMs);
+    const std::string problem = m_upstream.maintain(m_nowMs);
+    if (!problem.empty()) {
+        m_log.write(problem);
+    }
     if (m_nowMs < m_nextSweepMs) {
         return;
     }

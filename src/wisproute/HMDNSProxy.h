@@ -1,13 +1,15 @@
-// The proxy's sockets: UDP and TCP listeners for clients and one UDP socket towards the
-// resolvers, all served by one poll loop (a DNS exchange is short; a thread per client would
-// cost more than it saves). Datagrams are read and written in batches (HMDatagramBatch);
-// TCP clients are kept by HMTcpClients.
+// The proxy's sockets: UDP and TCP listeners for clients and the UDP sockets towards the
+// resolvers (HMUpstreamSockets, whose ports change), all served by one poll loop (a DNS
+// exchange is short; a thread per client would cost more than it saves). Datagrams are read
+// and written in batches (HMDatagramBatch); TCP clients are kept by HMTcpClients.
+//
 // Each forwarded query gets a fresh random id, so answers are matched only to queries this
-// proxy sent, and only from the resolver it asked; a resolver that stays silent for
-// kAttemptMs is replaced by the next of its kind, and when none is left the client gets
-// SERVFAIL. A UDP answer that came back truncated is passed on as it is, so the client asks
-// again over TCP; queries from TCP clients go to the resolvers over TCP (HMStreamExchange),
-// so the full answer gets the same routes and the same AAAA stripping.
+// proxy sent, only from the resolver it asked and only on the socket it asked from; a
+// resolver that stays silent for kAttemptMs is replaced by the next of its kind, and when
+// none is left the client gets SERVFAIL. A UDP answer that came back truncated is passed on
+// as it is, so the client asks again over TCP; queries from TCP clients go to the resolvers
+// over TCP (HMStreamExchange), so the full answer gets the same routes and the same AAAA
+// stripping.
 #pragma once
 
 #include "HMDNSQueryHandler.h"
@@ -15,6 +17,7 @@
 #include "HMProxyClock.h"
 #include "HMStreamExchange.h"
 #include "HMTcpClients.h"
+#include "HMUpstreamSockets.h"
 
 #include <array>
 #include <cstdint>
@@ -64,12 +67,13 @@ private:
         Client client;
         size_t attempt = 0;
         int64_t deadlineMs = 0;
+        uint64_t socket = 0;                      // the upstream socket's serial, for UDP
         std::unique_ptr<HMStreamExchange> stream; // for TCP clients
     };
 
     // Each returns how many datagrams it handled.
     size_t readUdpClients();
-    size_t readUpstream();
+    size_t readUpstream(const HMUpstreamSockets::Socket &socket);
     void advanceStream(uint16_t id);
     void handleQuery(const uint8_t *data, size_t size, const Client &client);
     // Sends the query to the resolver of its current attempt, or on to the next ones; false
@@ -92,7 +96,7 @@ private:
     HMHostRoutes *m_routes;
     int m_udp = -1;
     int m_tcp = -1;
-    int m_upstream = -1;
+    HMUpstreamSockets m_upstream;
     std::vector<uint32_t> m_tunnelResolvers;
     std::vector<uint32_t> m_originalResolvers;
     std::unordered_map<uint16_t, Pending> m_pending;

@@ -2,7 +2,8 @@
 // is free): resolvers that answer over UDP with the truncation flag, as any resolver does
 // when the answer is too big, and over TCP with the whole answer. A client that then asks
 // over TCP must get that whole answer, with the routes and the AAAA stripping its mode
-// calls for.
+// calls for. A resolver the test plays itself sees which ports the queries leave from, and
+// forges answers.
 #include "HMDNSProxy.h"
 #include "HMHostRoutes.h"
 #include "HMProxyLog.h"
@@ -12,12 +13,14 @@
 
 #include <arpa/inet.h>
 #include <atomic>
+#include <dirent.h>
 #include <ldns/ldns.h>
 #include <map>
 #include <mutex>
 #include <net/if.h>
 #include <poll.h>
 #include <sched.h>
+#include <set>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <thread>
@@ -35,6 +38,14 @@ constexpr int kAddresses = 80; // A and AAAA each: about 3 kB, well past 512 and
 const char *const kTunnelResolver = "127.0.0.53";
 const char *const kOriginalResolver = "127.0.0.54";
 const char *const kRefusingResolver = "127.0.0.55"; // nothing listens there
+const char *const kPlayedResolver = "127.0.0.56";   // the test answers for it
+
+class SteppedClock : public HMProxyClock
+{
+public:
+    std::atomic<int64_t> now{1000000};
+    int64_t nowMs() const override { return now; }
+};
 
 class RecordingTable : public HMRouteTable
 {
@@ -136,6 +147,146 @@ Bytes framedExchange(int fd, const Bytes &message)
     Bytes answer((size_t(prefix[0]) << 8) | prefix[1]);
     return readFully(fd, answer.data(), answer.size()) ? answer : Bytes{};
 }
+
+Bytes queryFor(const char *name, uint16_t id)
+{
+    ldns_pkt *query =
+        ldns_pkt_query_new(ldns_dname_new_frm_str(name), LDNS_RR_TYPE_A, LDNS_RR_CLASS_IN, LDNS_RD);
+    ldns_pkt_set_id(query, id);
+    const Bytes wire = toWire(query);
+    ldns_pkt_free(query);
+    return wire;
+}
+
+// One A record for the question asked.
+Bytes answerFor(const Bytes &query, const char *address)
+{
+    ldns_pkt *asked = nullptr;
+    if (ldns_wire2pkt(&asked, query.data(), query.size()) != LDNS_STATUS_OK) {
+        return {};
+    }
+    ldns_pkt *reply = ldns_pkt_new();
+    ldns_pkt_set_id(reply, ldns_pkt_id(asked));
+    ldns_pkt_set_qr(reply, true);
+    ldns_pkt_set_rd(reply, true);
+    ldns_pkt_set_ra(reply, true);
+    const ldns_rr *question = ldns_rr_list_rr(ldns_pkt_question(asked), 0);
+    ldns_pkt_push_rr(reply, LDNS_SECTION_QUESTION, ldns_rr_clone(question));
+    char *owner = ldns_rdf2str(ldns_rr_owner(question));
+    ldns_rr *rr = nullptr;
+    ldns_rr_new_frm_str(&rr, QString("%1 300 IN A %2").arg(owner, address).toUtf8().constData(), 0,
+                        nullptr, nullptr);
+    free(owner);
+    ldns_pkt_push_rr(reply, LDNS_SECTION_ANSWER, rr);
+    Bytes bytes = toWire(reply);
+    ldns_pkt_free(reply);
+    ldns_pkt_free(asked);
+    return bytes;
+}
+
+struct Datagram
+{
+    Bytes bytes;
+    sockaddr_in from{};
+};
+
+Datagram receiveFrom(int fd)
+{
+    Datagram datagram;
+    datagram.bytes.resize(65535);
+    socklen_t length = sizeof(datagram.from);
+    pollfd watch{fd, POLLIN, 0};
+    const ssize_t n = ::poll(&watch, 1, 5000) == 1
+                          ? ::recvfrom(fd, datagram.bytes.data(), datagram.bytes.size(), 0,
+                                       reinterpret_cast<sockaddr *>(&datagram.from), &length)
+                          : -1;
+    datagram.bytes.resize(size_t(std::max<ssize_t>(n, 0)));
+    return datagram;
+}
+
+sockaddr_in proxyAddress()
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(53);
+    address.sin_addr.s_addr = inet_addr("127.0.0.1");
+    return address;
+}
+
+int clientOfProxy(int type)
+{
+    const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    const sockaddr_in proxy = proxyAddress();
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&proxy), sizeof(proxy)) != 0) {
+        qFatal("cannot reach the proxy: %s", strerror(errno));
+    }
+    return fd;
+}
+
+// The first A record's address, or an empty string.
+QString firstAddress(const Bytes &answer)
+{
+    ldns_pkt *packet = nullptr;
+    if (ldns_wire2pkt(&packet, answer.data(), answer.size()) != LDNS_STATUS_OK) {
+        return QString();
+    }
+    QString address;
+    const ldns_rr_list *records = ldns_pkt_answer(packet);
+    if (ldns_rr_list_rr_count(records) > 0) {
+        char *text = ldns_rdf2str(ldns_rr_rdf(ldns_rr_list_rr(records, 0), 0));
+        address = QString::fromUtf8(text);
+        free(text);
+    }
+    ldns_pkt_free(packet);
+    return address;
+}
+
+int openDescriptors()
+{
+    int count = 0;
+    DIR *dir = ::opendir("/proc/self/fd");
+    while (::readdir(dir) != nullptr) {
+        ++count;
+    }
+    ::closedir(dir);
+    return count;
+}
+
+// The proxy serving on a thread of its own until the object ends.
+class RunningProxy
+{
+public:
+    RunningProxy(HMDNSQueryHandler &handler, const HMProxyClock &clock, HMHostRoutes *routes,
+                 const std::vector<uint32_t> &tunnel, const std::vector<uint32_t> &original)
+        : m_proxy(handler, m_log, clock, routes)
+    {
+        m_proxy.setResolvers(Path::Tunnel, tunnel);
+        m_proxy.setResolvers(Path::Original, original);
+        ready = m_log.open(m_dir.filePath("wisproute.log").toStdString(), 2, &error) &&
+                m_proxy.listen(inet_addr("127.0.0.1"), 53, &error);
+        if (ready) {
+            m_thread = std::thread([this] { m_proxy.run(m_stop); });
+        }
+    }
+    ~RunningProxy()
+    {
+        const uint64_t one = 1;
+        (void)!::write(m_stop, &one, sizeof(one));
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+        ::close(m_stop);
+    }
+    bool ready = false;
+    std::string error;
+
+private:
+    QTemporaryDir m_dir;
+    HMProxyLog m_log;
+    HMDNSProxy m_proxy;
+    int m_stop = ::eventfd(0, EFD_CLOEXEC);
+    std::thread m_thread;
+};
 
 // Two resolvers on their own addresses, each answering UDP and TCP, counting TCP queries.
 class Resolvers
@@ -245,9 +396,91 @@ private Q_SLOTS:
         QVERIFY(::ioctl(fd, SIOCSIFFLAGS, &request) == 0);
         ::close(fd);
         m_resolvers = std::make_unique<Resolvers>();
+        m_played = boundSocket(SOCK_DGRAM, kPlayedResolver);
     }
 
-    void cleanupTestCase() { m_resolvers.reset(); }
+    void cleanupTestCase()
+    {
+        m_resolvers.reset();
+        ::close(m_played);
+    }
+
+    // Two queries of different rounds leave from different ports; an answer with the right
+    // id from the right resolver is refused on the other query's socket.
+    void answersCountOnlyOnTheSocketTheirQueryLeftFrom()
+    {
+        SteppedClock clock;
+        HMDNSQueryHandler handler(HMDNSQueryHandler::Mode::Off, HMDomainMatcher::fromText(""),
+                                  nullptr);
+        RunningProxy proxy(handler, clock, nullptr, {inet_addr(kPlayedResolver)}, {});
+        QVERIFY2(proxy.ready, proxy.error.c_str());
+        int clients[3];
+        Datagram asked[3];
+        for (int i = 0; i < 3; ++i) {
+            clients[i] = clientOfProxy(SOCK_DGRAM);
+            const Bytes query = queryFor(qPrintable(QString("q%1.test").arg(i)), uint16_t(i + 1));
+            ::send(clients[i], query.data(), query.size(), 0);
+            asked[i] = receiveFrom(m_played);
+            QVERIFY(!asked[i].bytes.empty());
+            if (i == 1) {
+                // The forgery, before the third query: the proxy has read it once that query
+                // reaches the resolver.
+                QVERIFY(asked[1].from.sin_port != asked[0].from.sin_port);
+                const Bytes forged = answerFor(asked[0].bytes, "10.66.6.6");
+                ::sendto(m_played, forged.data(), forged.size(), 0,
+                         reinterpret_cast<const sockaddr *>(&asked[1].from), sizeof(sockaddr_in));
+            }
+        }
+        const Bytes real = answerFor(asked[0].bytes, "10.1.1.1");
+        ::sendto(m_played, real.data(), real.size(), 0,
+                 reinterpret_cast<const sockaddr *>(&asked[0].from), sizeof(sockaddr_in));
+        const Datagram answer = receiveFrom(clients[0]);
+        for (int fd : clients) {
+            ::close(fd);
+        }
+        QCOMPARE(firstAddress(answer.bytes), QString("10.1.1.1"));
+        QCOMPARE(LDNS_ID_WIRE(answer.bytes.data()), 1);
+    }
+
+    // The ports in use are replaced after their lifetime, and the old sockets are closed once
+    // no answer is owed to them.
+    void upstreamPortsAreReplacedAndTheOldOnesClosed()
+    {
+        SteppedClock clock;
+        HMDNSQueryHandler handler(HMDNSQueryHandler::Mode::Off, HMDomainMatcher::fromText(""),
+                                  nullptr);
+        RunningProxy proxy(handler, clock, nullptr, {inet_addr(kPlayedResolver)}, {});
+        QVERIFY2(proxy.ready, proxy.error.c_str());
+        const int client = clientOfProxy(SOCK_DGRAM);
+        const auto ask = [&](uint16_t id) {
+            const Bytes query = queryFor("rotate.test", id);
+            ::send(client, query.data(), query.size(), 0);
+            const Datagram asked = receiveFrom(m_played);
+            const Bytes reply = answerFor(asked.bytes, "10.2.2.2");
+            ::sendto(m_played, reply.data(), reply.size(), 0,
+                     reinterpret_cast<const sockaddr *>(&asked.from), sizeof(sockaddr_in));
+            return receiveFrom(client).bytes.empty() ? 0 : ntohs(asked.from.sin_port);
+        };
+        std::set<uint16_t> first;
+        for (uint16_t id = 1; id <= HMUpstreamSockets::kInUse; ++id) {
+            first.insert(ask(id));
+        }
+        QVERIFY(!first.count(0));
+        QCOMPARE(first.size(), HMUpstreamSockets::kInUse);
+        const int descriptors = openDescriptors();
+
+        clock.now += HMUpstreamSockets::kLifetimeMs;
+        bool fresh = false;
+        for (uint16_t id = 10; id < 10 + HMUpstreamSockets::kInUse + 1 && !fresh; ++id) {
+            const uint16_t port = ask(id);
+            QVERIFY(port != 0);
+            fresh = first.count(port) == 0;
+        }
+        QVERIFY(fresh);
+        clock.now += HMDNSProxy::kAttemptMs;
+        QTRY_COMPARE(openDescriptors(), descriptors);
+        ::close(client);
+    }
 
     void truncatedAnswersAreAskedAgainOverTcpAndComeWhole_data()
     {
@@ -287,55 +520,35 @@ private Q_SLOTS:
         HMProxySystemClock clock;
         HMHostRoutes hostRoutes(table, clock);
         HMDNSQueryHandler handler(mode, HMDomainMatcher::fromText("big.test\n"), &hostRoutes);
-        QTemporaryDir dir;
-        HMProxyLog log;
-        std::string error;
-        QVERIFY(log.open(dir.filePath("wisproute.log").toStdString(), 2, &error));
-        HMDNSProxy proxy(handler, log, clock, &hostRoutes);
         std::vector<uint32_t> tunnel;
         for (const QString &address : tunnelResolvers) {
             tunnel.push_back(inet_addr(address.toUtf8().constData()));
         }
-        proxy.setResolvers(Path::Tunnel, tunnel);
-        proxy.setResolvers(Path::Original, {inet_addr(kOriginalResolver)});
-        QVERIFY2(proxy.listen(inet_addr("127.0.0.1"), 53, &error), error.c_str());
-        const int stop = ::eventfd(0, EFD_CLOEXEC);
-        std::thread serving([&] { proxy.run(stop); });
+        Bytes answer;
         const int before[2] = {m_resolvers->tcpQueries[0], m_resolvers->tcpQueries[1]};
+        {
+            RunningProxy proxy(handler, clock, &hostRoutes, tunnel, {inet_addr(kOriginalResolver)});
+            QVERIFY2(proxy.ready, proxy.error.c_str());
+            ldns_pkt *query = ldns_pkt_query_new(ldns_dname_new_frm_str(name.toUtf8().constData()),
+                                                 LDNS_RR_TYPE_ANY, LDNS_RR_CLASS_IN, LDNS_RD);
+            ldns_pkt_set_id(query, 0x4242);
+            const Bytes wire = toWire(query);
+            ldns_pkt_free(query);
 
-        ldns_pkt *query = ldns_pkt_query_new(ldns_dname_new_frm_str(name.toUtf8().constData()),
-                                             LDNS_RR_TYPE_ANY, LDNS_RR_CLASS_IN, LDNS_RD);
-        ldns_pkt_set_id(query, 0x4242);
-        const Bytes wire = toWire(query);
-        ldns_pkt_free(query);
+            // Over UDP the truncated answer comes back as the resolver sent it.
+            const int udp = clientOfProxy(SOCK_DGRAM);
+            ::send(udp, wire.data(), wire.size(), 0);
+            const Datagram truncated = receiveFrom(udp);
+            ::close(udp);
+            QVERIFY(truncated.bytes.size() >= LDNS_HEADER_SIZE);
+            QVERIFY(LDNS_TC_WIRE(truncated.bytes.data()));
+            QCOMPARE(LDNS_ANCOUNT(truncated.bytes.data()), 0);
 
-        // Over UDP the truncated answer comes back as the resolver sent it.
-        const int udp = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in proxyAddress{};
-        proxyAddress.sin_family = AF_INET;
-        proxyAddress.sin_port = htons(53);
-        proxyAddress.sin_addr.s_addr = inet_addr("127.0.0.1");
-        ::connect(udp, reinterpret_cast<sockaddr *>(&proxyAddress), sizeof(proxyAddress));
-        ::send(udp, wire.data(), wire.size(), 0);
-        uint8_t datagram[65535];
-        pollfd watch{udp, POLLIN, 0};
-        const ssize_t got =
-            ::poll(&watch, 1, 5000) == 1 ? ::recv(udp, datagram, sizeof(datagram), 0) : -1;
-        ::close(udp);
-        QVERIFY(got >= LDNS_HEADER_SIZE);
-        QVERIFY(LDNS_TC_WIRE(datagram));
-        QCOMPARE(LDNS_ANCOUNT(datagram), 0);
-
-        // Over TCP the proxy asks over TCP and passes on the whole answer.
-        const int tcp = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        QCOMPARE(::connect(tcp, reinterpret_cast<sockaddr *>(&proxyAddress), sizeof(proxyAddress)),
-                 0);
-        const Bytes answer = framedExchange(tcp, wire);
-        ::close(tcp);
-        const uint64_t one = 1;
-        QCOMPARE(::write(stop, &one, sizeof(one)), ssize_t(sizeof(one)));
-        serving.join();
-        ::close(stop);
+            // Over TCP the proxy asks over TCP and passes on the whole answer.
+            const int tcp = clientOfProxy(SOCK_STREAM);
+            answer = framedExchange(tcp, wire);
+            ::close(tcp);
+        }
 
         ldns_pkt *packet = nullptr;
         QCOMPARE(ldns_wire2pkt(&packet, answer.data(), answer.size()), LDNS_STATUS_OK);
@@ -355,6 +568,7 @@ private Q_SLOTS:
 
 private:
     std::unique_ptr<Resolvers> m_resolvers;
+    int m_played = -1;
 };
 
 QTEST_GUILESS_MAIN(HMDNSProxyTest)
