@@ -327,7 +327,9 @@ CONF
         "$helper" --config "$hdir/etc/hmwispd.conf" </dev/null >>"$hdir/activate.log" 2>&1 &
     local attempt
     for attempt in $(seq 1 100); do
-        [ -S "$hdir/hmwispd.socket" ] && return 0
+        # Listening, not merely bound: the file appears before listen(), and a client in
+        # between would be refused.
+        ip netns exec "$cli" ss -xlnH | grep -qF " $hdir/hmwispd.socket " && return 0
         sleep 0.05
     done
     echo "vpn-lab: the helper's socket did not appear" >&2
