@@ -81,7 +81,7 @@ bool showHelperRetryDialogDidPressGoBack()
 HMAppDelegate::Collaborators HMAppDelegate::production()
 {
     // A signed-in user's password is first needed when the tray item is made; asked now,
-    // the Secret Service's round trips overlap the rest of the start-up.
+    // the Secret Service's round trips overlap the helper check.
     const QString user = HMPreferenceStore::instance().value(QStringLiteral("username")).toString();
     if (!user.isEmpty()) {
         HMSecretServiceKeychain::shared().prefetchPassword(app_bundle_identifier(), user);
@@ -114,6 +114,9 @@ HMAppDelegate::Collaborators HMAppDelegate::production()
         env.retryDialog = showHelperRetryDialogDidPressGoBack;
         HMDaemonInstaller installer(HMDaemonManager::instance(), env);
         return installer.initializeDaemons();
+    };
+    c.whenAccountReadable = [](QObject *context, std::function<void()> ready) {
+        HMSecretServiceKeychain::shared().whenPrefetched(context, std::move(ready));
     };
     c.countryName = [](const QString &code) { return HMCountryNames::getCountryForCode(code); };
     c.countryImage = [](const QString &code) { return HMCountryNames::imageNameForCountry(code); };
@@ -162,6 +165,16 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     if (!initializeDaemon()) {
         return false;
     }
+    if (m_c.whenAccountReadable) {
+        m_c.whenAccountReadable(this, [this] { finishLaunching(); });
+    } else {
+        finishLaunching();
+    }
+    return true;
+}
+
+void HMAppDelegate::finishLaunching()
+{
     registerForNotifications();
     initializeUI();
     startKVO();
@@ -174,7 +187,7 @@ bool HMAppDelegate::applicationDidFinishLaunching()
     (m_c.clock ? *m_c.clock : HMClock::system()).singleShot(kStartupSettledMs, this, [] {
         HMMemoryRelease::releaseUnusedMemory();
     });
-    return true;
+    m_launched = true;
 }
 
 void HMAppDelegate::initializeLogging()

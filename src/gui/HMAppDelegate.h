@@ -2,15 +2,16 @@
 // tunnel's state, and takes it down cleanly.
 //
 // Start-up: banner to the system journal, logging, preference migration, the helper check
-// and repair (a failure quits), the observers (quit, sleep, wake, sign-in and sign-out,
-// tray click, service blocked), the tray item (first, for a signed-in user: it is what the
-// user waits for), the window controllers, the restore of a signed-in account (a token
-// request whose answer signs out, reconnects or asks for the e-mail verification), the closest-server check, observation of "state" and
-// "wisprouteMode", and last the helper's "stopDNSProxy" then "checkDNSPortOpen", whose
-// answer decides whether selective routing is supported. The update framework, crash
-// reporter and move-to-Applications steps have no Linux counterpart and are skipped; the
-// order of the rest is kept. SIGTERM, SIGINT and the session's end quit through the same
-// handler as the tray's Quit entry; nothing at quit waits for the helper.
+// and repair (a failure quits), a wait on the event loop until a signed-in user's password
+// can be read (a locked keyring shows its unlock prompt meanwhile), the observers (quit, sleep,
+// wake, sign-in and sign-out, tray click, service blocked), the tray item (first, for a signed-in
+// user: it is what the user waits for), the window controllers, the restore of a signed-in account
+// (a token request whose answer signs out, reconnects or asks for the e-mail verification), the
+// closest-server check, observation of "state" and "wisprouteMode", and last the helper's
+// "stopDNSProxy" then "checkDNSPortOpen", whose answer decides whether selective routing is
+// supported. The update framework, crash reporter and move-to-Applications steps have no Linux
+// counterpart and are skipped; the order of the rest is kept. SIGTERM, SIGINT and the session's end
+// quit through the same handler as the tray's Quit entry; nothing at quit waits for the helper.
 //
 // Collaborators are injected (production() wires the process-wide managers), so a test
 // runs the whole start-up against its own store, helper and notification server.
@@ -68,6 +69,9 @@ public:
         // Country names and pictures; the code itself and "alert_happy" without them.
         std::function<QString(const QString &code)> countryName;
         std::function<QString(const QString &code)> countryImage;
+        // Optional: calls ready (not if context is gone) once the account's password can be
+        // read without waiting; without it start-up goes on at once.
+        std::function<void(QObject *context, std::function<void()> ready)> whenAccountReadable;
     };
 
     static Collaborators production();
@@ -77,8 +81,10 @@ public:
     explicit HMAppDelegate(std::function<Collaborators()> collaborators, QObject *parent = nullptr);
     ~HMAppDelegate() override;
 
-    // False when start-up ended in "Quitting..." (the helper could not be installed).
+    // False when start-up ended in "Quitting..." (the helper could not be installed). The
+    // rest of start-up may still be waiting for the account (isLaunched()).
     bool applicationDidFinishLaunching();
+    bool isLaunched() const { return m_launched; }
 
     // Handlers of the notification table.
     void quitHandler();
@@ -117,6 +123,7 @@ public:
 private:
     void initializeLogging();
     bool initializeDaemon();
+    void finishLaunching();
     void registerForNotifications();
     void initializeUI();
     void startKVO();
@@ -141,4 +148,5 @@ private:
     QList<quint64> m_observers;
     QString m_iconName;
     bool m_quitHandled = false;
+    bool m_launched = false;
 };

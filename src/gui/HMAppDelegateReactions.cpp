@@ -164,6 +164,10 @@ void HMAppDelegate::raise()
 
 void HMAppDelegate::reopen()
 {
+    if (!m_launched) {
+        // Still waiting for the keyring: its unlock prompt is what is on screen.
+        return;
+    }
     if (!m_menuBarItem->isItemShown()) {
         // Signed out there is no panel to toggle: the utility window is the way in.
         m_utilityWindow->showWindow();

@@ -2,6 +2,7 @@
 #include "HMAppDelegate.h"
 #include "HMBundleInfo.h"
 #include "HMInstanceGuard.h"
+#include "HMSecretServicePrompt.h"
 
 #include <QApplication>
 
@@ -26,5 +27,9 @@ int main(int argc, char **argv)
     if (!delegate.applicationDidFinishLaunching()) {
         return 1;
     }
-    return QApplication::exec();
+    const int status = QApplication::exec();
+    // Quit while the keyring's unlock prompt is up: the read waiting on it must not hold the
+    // exit.
+    HMSecretServicePrompt::dismissAll();
+    return status;
 }

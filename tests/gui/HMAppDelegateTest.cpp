@@ -50,6 +50,8 @@ struct Shell
     HMMaybeError installError;
     QStringList seenAtInstall;
     int closestRefreshes = 0;
+    bool holdAccount = false;        // the keyring's answer is held back...
+    std::function<void()> heldReady; // ...until this is called
 
     bool start()
     {
@@ -101,6 +103,11 @@ struct Shell
                     code);
             };
             c.countryImage = [](const QString &code) { return "alert_" + code; };
+            if (holdAccount) {
+                c.whenAccountReadable = [this](QObject *, std::function<void()> ready) {
+                    heldReady = std::move(ready);
+                };
+            }
             return c;
         });
     }
@@ -164,6 +171,7 @@ private Q_SLOTS:
     void cleanupTestCase();
     void startUpRunsInOrder_data();
     void startUpRunsInOrder();
+    void startUpWaitsForTheKeyringOnTheEventLoop();
     void connectionNotices_data();
     void connectionNotices();
     void sessionNotificationsDriveTheWindows();
@@ -253,6 +261,29 @@ void HMAppDelegateTest::startUpRunsInOrder()
     QCOMPARE(preferencesWindows(), 0);
     shell.delegate->showPreferencesGeneral();
     QCOMPARE(preferencesWindows(), 1);
+}
+
+// While the keyring's unlock prompt is up, start-up waits without blocking the event loop,
+// and nothing that needs the account has started.
+void HMAppDelegateTest::startUpWaitsForTheKeyringOnTheEventLoop()
+{
+    Shell shell;
+    shell.signIn();
+    shell.holdAccount = true;
+    QVERIFY(shell.start());
+    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.heldReady);
+    QVERIFY(!shell.delegate->isLaunched());
+    QVERIFY(!shell.delegate->menuBarItemController());
+    shell.delegate->raise(); // a second launch meanwhile
+    QCoreApplication::processEvents();
+    QVERIFY(!shell.delegate->utilityWindowController());
+    QCOMPARE(shell.peer.actions(), QStringList());
+
+    shell.heldReady();
+    QVERIFY(shell.delegate->isLaunched());
+    QVERIFY(shell.delegate->menuBarItemController()->isItemShown());
+    QTRY_COMPARE(shell.peer.actions(), (QStringList{"stopDNSProxy", "checkDNSPortOpen"}));
 }
 
 void HMAppDelegateTest::connectionNotices_data()

@@ -7,6 +7,8 @@
 #include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusVariant>
+#include <QFutureWatcher>
+#include <QPromise>
 #include <system_error>
 
 const QString HMSecretServiceKeychain::kErrorDomain = QStringLiteral("secret-service");
@@ -221,13 +223,32 @@ HMSecretServiceKeychain::Lookup HMSecretServiceKeychain::lookup(const QString &s
 void HMSecretServiceKeychain::prefetchPassword(const QString &service, const QString &account)
 {
     m_prefetch.reset();
+    auto promise = std::make_shared<QPromise<Lookup>>();
+    promise->start();
     try {
-        m_prefetch = Prefetch{
-            service, account,
-            std::async(std::launch::async, &HMSecretServiceKeychain::lookup, service, account)};
+        std::future<void> worker = std::async(std::launch::async, [promise, service, account] {
+            promise->addResult(lookup(service, account));
+            promise->finish();
+        });
+        m_prefetch = Prefetch{service, account, promise->future(), std::move(worker)};
     } catch (const std::system_error &) {
         // No thread to spare: the read happens when it is asked for, as without a prefetch.
     }
+}
+
+void HMSecretServiceKeychain::whenPrefetched(QObject *context, std::function<void()> done)
+{
+    if (!m_prefetch || m_prefetch->answer.isFinished()) {
+        done();
+        return;
+    }
+    auto *watcher = new QFutureWatcher<Lookup>(context);
+    QObject::connect(watcher, &QFutureWatcherBase::finished, context,
+                     [watcher, done = std::move(done)] {
+                         watcher->deleteLater();
+                         done();
+                     });
+    watcher->setFuture(m_prefetch->answer);
 }
 
 QString HMSecretServiceKeychain::passwordForService(const QString &service, const QString &account,
@@ -235,7 +256,7 @@ QString HMSecretServiceKeychain::passwordForService(const QString &service, cons
 {
     Lookup result;
     if (m_prefetch && m_prefetch->service == service && m_prefetch->account == account) {
-        result = m_prefetch->answer.get();
+        result = m_prefetch->answer.result();
     } else {
         m_prefetch.reset(); // waits for a read still under way: its answer may be stale
         result = lookup(service, account);

@@ -12,8 +12,11 @@
 #include "HMKeychain.h"
 #include "HMSecretServiceWatcher.h"
 
+#include <QFuture>
 #include <future>
 #include <memory>
+
+class QObject;
 
 class HMSecretServiceKeychain : public HMKeychain
 {
@@ -39,6 +42,11 @@ public:
     // in yet), with the same error it would have had; a store or delete, or a read of
     // another item, drops it. One read ahead at a time; a second call replaces the first.
     void prefetchPassword(const QString &service, const QString &account);
+    // Calls done once the read ahead is in, on context's thread, and at once when none is
+    // under way: start-up waits there on the event loop rather than blocked in
+    // passwordForService() while the keyring's unlock prompt is up. Not called if context
+    // is gone by then.
+    void whenPrefetched(QObject *context, std::function<void()> done);
 
 private:
     struct Lookup
@@ -50,7 +58,8 @@ private:
     {
         QString service;
         QString account;
-        std::future<Lookup> answer;
+        QFuture<Lookup> answer;
+        std::future<void> worker; // dropping the read ahead waits for it to end
     };
     static Lookup lookup(const QString &service, const QString &account);
 

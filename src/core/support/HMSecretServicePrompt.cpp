@@ -5,10 +5,21 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QThread>
+#include <mutex>
 
 namespace {
 const QString kSecrets = QStringLiteral("org.freedesktop.secrets");
 const QString kPromptInterface = QStringLiteral("org.freedesktop.Secret.Prompt");
+
+// The prompts run() is waiting on, by object path.
+std::mutex s_openLock;
+QStringList s_open;
+
+void dismiss(const QString &prompt)
+{
+    HMSecretServiceSession::bus().call(QDBusMessage::createMethodCall(
+        kSecrets, prompt, kPromptInterface, QStringLiteral("Dismiss")));
+}
 
 HMMaybeError promptError(const QString &reason)
 {
@@ -38,19 +49,29 @@ std::optional<QVariant> HMSecretServicePrompt::run(const QDBusObjectPath &prompt
             *error = promptError(bus.lastError().message());
         }
     } else {
+        // Listed before it starts: a dismissal in between still reaches it.
+        {
+            std::lock_guard<std::mutex> hold(s_openLock);
+            s_open << prompt.path();
+        }
         QDBusMessage start = QDBusMessage::createMethodCall(
             kSecrets, prompt.path(), kPromptInterface, QStringLiteral("Prompt"));
         start << QString(); // no parent window to attach the dialog to
         const QDBusMessage started = bus.call(start);
-        if (started.type() != QDBusMessage::ReplyMessage) {
+        const bool answered = started.type() == QDBusMessage::ReplyMessage &&
+                              answer.wait_for(patience) == std::future_status::ready;
+        {
+            std::lock_guard<std::mutex> hold(s_openLock);
+            s_open.removeOne(prompt.path());
+        }
+        if (answered) {
+            result = answer.get();
+        } else if (started.type() != QDBusMessage::ReplyMessage) {
             if (error) {
                 *error = promptError(started.errorMessage());
             }
-        } else if (answer.wait_for(patience) == std::future_status::ready) {
-            result = answer.get();
         } else {
-            bus.call(QDBusMessage::createMethodCall(kSecrets, prompt.path(), kPromptInterface,
-                                                    QStringLiteral("Dismiss")));
+            dismiss(prompt.path());
             if (error) {
                 *error = promptError(QStringLiteral("no answer"));
             }
@@ -70,4 +91,17 @@ void HMSecretServicePrompt::completed(bool dismissed, const QDBusVariant &result
     }
     m_answered = true;
     m_answer.set_value(dismissed ? std::nullopt : std::optional<QVariant>(result.variant()));
+}
+
+void HMSecretServicePrompt::dismissAll()
+{
+    QStringList open;
+    {
+        std::lock_guard<std::mutex> hold(s_openLock);
+        open = s_open;
+    }
+    // The service answers each with Completed(dismissed), which ends its run().
+    for (const QString &prompt : std::as_const(open)) {
+        dismiss(prompt);
+    }
 }

@@ -28,6 +28,9 @@ public:
     // could not be shown or was not answered within `patience` (then it is dismissed).
     static std::optional<QVariant> run(const QDBusObjectPath &prompt,
                                        std::chrono::milliseconds patience, HMMaybeError *error);
+    // Dismisses every prompt a run() is waiting on: at quit, a read waiting for the user
+    // would otherwise hold the exit until the prompt is answered or its patience ends.
+    static void dismissAll();
 
 private Q_SLOTS:
     // By name: QDBusConnection::connect takes nothing else.

@@ -3,11 +3,32 @@
 #include "HMNotificationCenter.h"
 #include "HMPreferenceStore.h"
 #include "HMSecretServiceKeychain.h"
+#include "HMSecretServicePrompt.h"
 #include "HMTestEnvironment.h"
 
+#include <QDBusConnection>
+#include <QDBusVariant>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QtTest>
+#include <future>
 #include <memory>
+
+// A Secret Service prompt waiting for a person who never answers: only Dismiss ends it.
+class WaitingPrompt : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Secret.Prompt")
+public:
+    std::atomic<bool> started{false};
+
+public Q_SLOTS:
+    void Prompt(const QString &) { started = true; }
+    void Dismiss() { Q_EMIT Completed(true, QDBusVariant(QString())); }
+
+Q_SIGNALS:
+    void Completed(bool dismissed, const QDBusVariant &result);
+};
 
 // Runs twice: on a bus where no Secret Service exists, and with no session bus at all.
 class HMSecretServiceAbsentTest : public QObject
@@ -68,6 +89,49 @@ private Q_SLOTS:
         QCOMPARE(loggedOut, 1);
         QCOMPARE(account.previousUsername(), QStringLiteral("ann@example.test"));
         QVERIFY(account.username().isNull());
+    }
+
+    // At quit, a read waiting on the keyring's prompt is let go at once, not after the
+    // minutes a person is given to answer.
+    void quitDismissesAPromptStillWaiting()
+    {
+        if (qEnvironmentVariable("HM_SECRET_SERVICE") == QLatin1String("no-bus")) {
+            QSKIP("plays the Secret Service on the session bus");
+        }
+        const QString path = QStringLiteral("/org/freedesktop/secrets/prompt/p1");
+        QThread serving; // the played service answers on a thread of its own
+        serving.start();
+        auto *prompt = new WaitingPrompt;
+        prompt->moveToThread(&serving);
+        QObject::connect(&serving, &QThread::finished, prompt, &QObject::deleteLater);
+        // Registered from the serving thread: an object is exported where it lives.
+        bool registered = false;
+        QMetaObject::invokeMethod(
+            prompt,
+            [&] {
+                QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus,
+                                                                    "played-secret-service");
+                registered = bus.registerService("org.freedesktop.secrets") &&
+                             bus.registerObject(path, prompt,
+                                                QDBusConnection::ExportAllSlots |
+                                                    QDBusConnection::ExportAllSignals);
+            },
+            Qt::BlockingQueuedConnection);
+        QVERIFY(registered);
+
+        auto waiting = std::async(std::launch::async, [&path] {
+            HMMaybeError error;
+            return HMSecretServicePrompt::run(QDBusObjectPath(path), std::chrono::seconds(30),
+                                              &error);
+        });
+        QTRY_VERIFY(prompt->started);
+        HMSecretServicePrompt::dismissAll();
+        QTRY_VERIFY(waiting.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
+        QVERIFY(!waiting.get());
+
+        QDBusConnection::disconnectFromBus("played-secret-service");
+        serving.quit();
+        serving.wait();
     }
 };
 

@@ -297,6 +297,10 @@ private Q_SLOTS:
             QCOMPARE(m_keychain.passwordForService(kService, "someone-else@example.test"),
                      QStringLiteral("other"));
         }
+        // Start-up waits for the read on the event loop: it is told in every case.
+        bool told = false;
+        m_keychain.whenPrefetched(this, [&told] { told = true; });
+        QTRY_VERIFY(told);
         HMMaybeError error;
         QCOMPARE(m_keychain.passwordForService(kService, account, &error), expected);
         QVERIFY(!error);
