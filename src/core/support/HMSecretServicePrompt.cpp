@@ -1,5 +1,6 @@
 #include "HMSecretServicePrompt.h"
 
+#include "HMSecretServiceKeychain.h"
 #include "HMSecretServiceSession.h"
 
 #include <QDBusConnection>
@@ -23,7 +24,7 @@ void dismiss(const QString &prompt)
 
 HMMaybeError promptError(const QString &reason)
 {
-    return HMError::errorWithDomain(QStringLiteral("secret-service"), 0,
+    return HMError::errorWithDomain(HMSecretServiceKeychain::kErrorDomain, 0,
                                     QStringLiteral("The keyring's prompt failed: ") + reason);
 }
 } // namespace

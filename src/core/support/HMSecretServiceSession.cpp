@@ -1,5 +1,7 @@
 #include "HMSecretServiceSession.h"
 
+#include "HMSecretServiceKeychain.h"
+
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusMetaType>
@@ -7,6 +9,7 @@
 #include <cstring>
 #include <gcrypt.h>
 #include <mutex>
+#include <utility>
 
 const QString HMSecretServiceSession::kEncryptedAlgorithm =
     QStringLiteral("dh-ietf1024-sha256-aes128-cbc-pkcs7");
@@ -72,9 +75,15 @@ bool cryptoReady()
     return ready;
 }
 
+// Owns one big number: released once, however it was made.
 struct Mpi
 {
     gcry_mpi_t value = nullptr;
+    explicit Mpi(gcry_mpi_t v = nullptr) : value(v) {}
+    Mpi(Mpi &&other) noexcept : value(std::exchange(other.value, nullptr)) {}
+    Mpi(const Mpi &) = delete;
+    Mpi &operator=(const Mpi &) = delete;
+    Mpi &operator=(Mpi &&) = delete;
     ~Mpi() { gcry_mpi_release(value); }
     static Mpi scan(const QByteArray &bytes)
     {
@@ -97,6 +106,11 @@ struct Mpi
         return out;
     }
 };
+
+Mpi groupPrime()
+{
+    return Mpi::scan(QByteArray::fromRawData(reinterpret_cast<const char *>(kPrime), kPrimeBytes));
+}
 
 QByteArray hmacSha256(const QByteArray &key, const QByteArray &message)
 {
@@ -144,7 +158,7 @@ QDBusMessage serviceCall(const QString &method, const QVariantList &arguments)
 
 HMMaybeError sessionError(const QString &reason)
 {
-    return HMError::errorWithDomain(QStringLiteral("secret-service"), 0,
+    return HMError::errorWithDomain(HMSecretServiceKeychain::kErrorDomain, 0,
                                     QStringLiteral("Could not open a session: ") + reason);
 }
 
@@ -156,20 +170,19 @@ QByteArray HMSecretServiceSession::agreedKey(const QByteArray &privateExponent,
     if (!cryptoReady()) {
         return {};
     }
-    const Mpi prime =
-        Mpi::scan(QByteArray::fromRawData(reinterpret_cast<const char *>(kPrime), sizeof kPrime));
+    const Mpi prime = groupPrime();
     const Mpi exponent = Mpi::scan(privateExponent);
     const Mpi peer = Mpi::scan(peerPublic);
     if (!prime.value || !exponent.value || !peer.value) {
         return {};
     }
     // 1 < y < p - 1: the values that would pin the shared secret to 1 or -1 are refused.
-    Mpi upper{gcry_mpi_new(0)};
+    const Mpi upper(gcry_mpi_new(0));
     gcry_mpi_sub_ui(upper.value, prime.value, 1);
     if (gcry_mpi_cmp_ui(peer.value, 1) <= 0 || gcry_mpi_cmp(peer.value, upper.value) >= 0) {
         return {};
     }
-    Mpi shared{gcry_mpi_snew(1024)};
+    const Mpi shared(gcry_mpi_snew(1024));
     gcry_mpi_powm(shared.value, peer.value, exponent.value, prime.value);
     // The secret is the full width of the prime, leading zeros kept, as the services take it.
     QByteArray material = shared.bytes(kPrimeBytes);
@@ -198,11 +211,10 @@ std::unique_ptr<HMSecretServiceSession> HMSecretServiceSession::open(HMMaybeErro
         // Below 2^1023, so below the prime; zero is all but impossible and refused anyway.
         gcry_randomize(exponent.data(), size_t(exponent.size()), GCRY_STRONG_RANDOM);
         exponent[0] = char(exponent[0] & 0x7F);
-        const Mpi prime = Mpi::scan(
-            QByteArray::fromRawData(reinterpret_cast<const char *>(kPrime), sizeof kPrime));
+        const Mpi prime = groupPrime();
         const Mpi secret = Mpi::scan(exponent);
-        Mpi generator{gcry_mpi_set_ui(nullptr, 2)};
-        Mpi ours{gcry_mpi_new(1024)};
+        const Mpi generator(gcry_mpi_set_ui(nullptr, 2));
+        const Mpi ours(gcry_mpi_new(1024));
         gcry_mpi_powm(ours.value, generator.value, secret.value, prime.value);
         const QDBusMessage reply =
             serviceCall(QStringLiteral("OpenSession"),
