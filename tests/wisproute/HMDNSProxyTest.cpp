@@ -75,9 +75,9 @@ Bytes toWire(const ldns_pkt *packet)
     return bytes;
 }
 
-// The answer a resolver gives: over UDP only the question with TC set, over TCP the whole
-// set of addresses.
-Bytes resolverAnswer(const uint8_t *query, size_t size, bool overTcp)
+// A resolver's reply: the question asked, the truncation flag as given, and the records
+// ("@" for the name asked).
+Bytes replyTo(const uint8_t *query, size_t size, bool truncated, const QStringList &records)
 {
     ldns_pkt *asked = nullptr;
     if (ldns_wire2pkt(&asked, query, size) != LDNS_STATUS_OK) {
@@ -88,24 +88,33 @@ Bytes resolverAnswer(const uint8_t *query, size_t size, bool overTcp)
     ldns_pkt_set_qr(reply, true);
     ldns_pkt_set_rd(reply, true);
     ldns_pkt_set_ra(reply, true);
+    ldns_pkt_set_tc(reply, truncated);
     const ldns_rr *question = ldns_rr_list_rr(ldns_pkt_question(asked), 0);
     ldns_pkt_push_rr(reply, LDNS_SECTION_QUESTION, ldns_rr_clone(question));
-    ldns_pkt_set_tc(reply, !overTcp);
-    for (int i = 0; overTcp && i < kAddresses; ++i) {
-        char *owner = ldns_rdf2str(ldns_rr_owner(question));
-        for (const QString &record :
-             {QString("%1 300 IN A 10.9.%2.%3").arg(owner).arg(i / 200).arg(i % 200 + 1),
-              QString("%1 300 IN AAAA fd00::%2").arg(owner).arg(i + 1)}) {
-            ldns_rr *rr = nullptr;
-            ldns_rr_new_frm_str(&rr, record.toUtf8().constData(), 0, nullptr, nullptr);
-            ldns_pkt_push_rr(reply, LDNS_SECTION_ANSWER, rr);
-        }
-        free(owner);
+    char *owner = ldns_rdf2str(ldns_rr_owner(question));
+    for (QString record : records) {
+        ldns_rr *rr = nullptr;
+        ldns_rr_new_frm_str(&rr, record.replace("@", owner).toUtf8().constData(), 0, nullptr,
+                            nullptr);
+        ldns_pkt_push_rr(reply, LDNS_SECTION_ANSWER, rr);
     }
+    free(owner);
     Bytes bytes = toWire(reply);
     ldns_pkt_free(reply);
     ldns_pkt_free(asked);
     return bytes;
+}
+
+// The answer a resolver gives: over UDP only the question with TC set, over TCP the whole
+// set of addresses.
+Bytes resolverAnswer(const uint8_t *query, size_t size, bool overTcp)
+{
+    QStringList records;
+    for (int i = 0; overTcp && i < kAddresses; ++i) {
+        records << QString("@ 300 IN A 10.9.%1.%2").arg(i / 200).arg(i % 200 + 1)
+                << QString("@ 300 IN AAAA fd00::%1").arg(i + 1);
+    }
+    return replyTo(query, size, !overTcp, records);
 }
 
 int boundSocket(int type, const char *address)
@@ -161,27 +170,7 @@ Bytes queryFor(const char *name, uint16_t id)
 // One A record for the question asked.
 Bytes answerFor(const Bytes &query, const char *address)
 {
-    ldns_pkt *asked = nullptr;
-    if (ldns_wire2pkt(&asked, query.data(), query.size()) != LDNS_STATUS_OK) {
-        return {};
-    }
-    ldns_pkt *reply = ldns_pkt_new();
-    ldns_pkt_set_id(reply, ldns_pkt_id(asked));
-    ldns_pkt_set_qr(reply, true);
-    ldns_pkt_set_rd(reply, true);
-    ldns_pkt_set_ra(reply, true);
-    const ldns_rr *question = ldns_rr_list_rr(ldns_pkt_question(asked), 0);
-    ldns_pkt_push_rr(reply, LDNS_SECTION_QUESTION, ldns_rr_clone(question));
-    char *owner = ldns_rdf2str(ldns_rr_owner(question));
-    ldns_rr *rr = nullptr;
-    ldns_rr_new_frm_str(&rr, QString("%1 300 IN A %2").arg(owner, address).toUtf8().constData(), 0,
-                        nullptr, nullptr);
-    free(owner);
-    ldns_pkt_push_rr(reply, LDNS_SECTION_ANSWER, rr);
-    Bytes bytes = toWire(reply);
-    ldns_pkt_free(reply);
-    ldns_pkt_free(asked);
-    return bytes;
+    return replyTo(query.data(), query.size(), false, {QString("@ 300 IN A ") + address});
 }
 
 struct Datagram
@@ -202,6 +191,12 @@ Datagram receiveFrom(int fd)
                           : -1;
     datagram.bytes.resize(size_t(std::max<ssize_t>(n, 0)));
     return datagram;
+}
+
+void sendTo(int fd, const Bytes &datagram, const sockaddr_in &to)
+{
+    ::sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to),
+             sizeof(to));
 }
 
 sockaddr_in proxyAddress()
@@ -427,13 +422,11 @@ private Q_SLOTS:
                 // reaches the resolver.
                 QVERIFY(asked[1].from.sin_port != asked[0].from.sin_port);
                 const Bytes forged = answerFor(asked[0].bytes, "10.66.6.6");
-                ::sendto(m_played, forged.data(), forged.size(), 0,
-                         reinterpret_cast<const sockaddr *>(&asked[1].from), sizeof(sockaddr_in));
+                sendTo(m_played, forged, asked[1].from);
             }
         }
         const Bytes real = answerFor(asked[0].bytes, "10.1.1.1");
-        ::sendto(m_played, real.data(), real.size(), 0,
-                 reinterpret_cast<const sockaddr *>(&asked[0].from), sizeof(sockaddr_in));
+        sendTo(m_played, real, asked[0].from);
         const Datagram answer = receiveFrom(clients[0]);
         for (int fd : clients) {
             ::close(fd);
@@ -457,8 +450,7 @@ private Q_SLOTS:
             ::send(client, query.data(), query.size(), 0);
             const Datagram asked = receiveFrom(m_played);
             const Bytes reply = answerFor(asked.bytes, "10.2.2.2");
-            ::sendto(m_played, reply.data(), reply.size(), 0,
-                     reinterpret_cast<const sockaddr *>(&asked.from), sizeof(sockaddr_in));
+            sendTo(m_played, reply, asked.from);
             return receiveFrom(client).bytes.empty() ? 0 : ntohs(asked.from.sin_port);
         };
         std::set<uint16_t> first;
