@@ -3,15 +3,16 @@
 //
 // Start-up: banner to the system journal, logging, preference migration, the helper check
 // and repair (a failure quits), a wait on the event loop until a signed-in user's password
-// can be read (a locked keyring shows its unlock prompt meanwhile), the observers (quit, sleep,
-// wake, sign-in and sign-out, tray click, service blocked), the tray item (first, for a signed-in
-// user: it is what the user waits for), the window controllers, the restore of a signed-in account
-// (a token request whose answer signs out, reconnects or asks for the e-mail verification), the
-// closest-server check, observation of "state" and "wisprouteMode", and last the helper's
-// "stopDNSProxy" then "checkDNSPortOpen", whose answer decides whether selective routing is
-// supported. The update framework, crash reporter and move-to-Applications steps have no Linux
-// counterpart and are skipped; the order of the rest is kept. SIGTERM, SIGINT and the session's end
-// quit through the same handler as the tray's Quit entry; nothing at quit waits for the helper.
+// can be read (a locked keyring shows its unlock prompt meanwhile), the observers (quit,
+// sleep, wake, sign-in and sign-out, tray click, service blocked), the tray item (first,
+// for a signed-in user: it is what the user waits for), the window controllers, the restore
+// of a signed-in account (a token request whose answer signs out, reconnects or asks for
+// the e-mail verification), the closest-server check, observation of "state" and
+// "wisprouteMode", and last the helper's "stopDNSProxy" then "checkDNSPortOpen", whose
+// answer decides whether selective routing is supported. The update framework, crash
+// reporter and move-to-Applications steps have no Linux counterpart and are skipped; the
+// order of the rest is kept. SIGTERM, SIGINT and the session's end quit through the same
+// handler as the tray's Quit entry; nothing at quit waits for the helper.
 //
 // Collaborators are injected (production() wires the process-wide managers), so a test
 // runs the whole start-up against its own store, helper and notification server.

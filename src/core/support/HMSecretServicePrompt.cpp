@@ -6,6 +6,8 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QThread>
+#include <algorithm>
+#include <condition_variable>
 #include <mutex>
 
 namespace {
@@ -14,6 +16,7 @@ const QString kPromptInterface = QStringLiteral("org.freedesktop.Secret.Prompt")
 
 // The prompts run() is waiting on, by object path.
 std::mutex s_openLock;
+std::condition_variable s_closed;
 QStringList s_open;
 
 void dismiss(const QString &prompt)
@@ -65,6 +68,7 @@ std::optional<QVariant> HMSecretServicePrompt::run(const QDBusObjectPath &prompt
             std::lock_guard<std::mutex> hold(s_openLock);
             s_open.removeOne(prompt.path());
         }
+        s_closed.notify_all();
         if (answered) {
             result = answer.get();
         } else if (started.type() != QDBusMessage::ReplyMessage) {
@@ -105,4 +109,11 @@ void HMSecretServicePrompt::dismissAll()
     for (const QString &prompt : std::as_const(open)) {
         dismiss(prompt);
     }
+    // Until those runs have let go, so the exit does not race their last bus calls; a
+    // service that never answers cannot hold it for long.
+    std::unique_lock<std::mutex> hold(s_openLock);
+    s_closed.wait_for(hold, std::chrono::seconds(2), [&open] {
+        return std::none_of(open.begin(), open.end(),
+                            [](const QString &prompt) { return s_open.contains(prompt); });
+    });
 }
