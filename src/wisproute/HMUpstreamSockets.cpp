@@ -1,6 +1,5 @@
 #include "HMUpstreamSockets.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
@@ -37,12 +36,11 @@ HMUpstreamSockets::~HMUpstreamSockets()
 
 bool HMUpstreamSockets::open(std::string *error)
 {
-    while (m_inUse.size() < kInUse) {
+    while (m_sockets.size() < kInUse) {
         const int fd = freshSocket(error);
         if (fd < 0) {
             return false;
         }
-        m_inUse.push_back(m_sockets.size());
         m_sockets.push_back({fd, m_nextSerial++});
     }
     return true;
@@ -53,13 +51,13 @@ void HMUpstreamSockets::noteSent(size_t count, int64_t nowMs)
     if (count == 0) {
         return;
     }
-    Socket &socket = m_sockets[m_inUse[m_turn]];
+    Socket &socket = m_sockets[m_turn];
     if (socket.sent == 0) {
         socket.firstSentMs = nowMs;
     }
     socket.sent += static_cast<uint32_t>(count);
     socket.lastSentMs = nowMs;
-    m_turn = (m_turn + 1) % m_inUse.size();
+    m_turn = (m_turn + 1) % kInUse;
 }
 
 bool HMUpstreamSockets::worn(const Socket &socket, int64_t nowMs) const
@@ -71,7 +69,7 @@ bool HMUpstreamSockets::worn(const Socket &socket, int64_t nowMs) const
 std::string HMUpstreamSockets::maintain(int64_t nowMs)
 {
     std::string problem;
-    for (size_t &slot : m_inUse) {
+    for (size_t slot = 0; slot < kInUse; ++slot) {
         if (!worn(m_sockets[slot], nowMs)) {
             continue;
         }
@@ -79,28 +77,19 @@ std::string HMUpstreamSockets::maintain(int64_t nowMs)
         if (fd < 0) {
             break;
         }
-        m_sockets[slot].retired = true;
-        slot = m_sockets.size();
-        m_sockets.push_back({fd, m_nextSerial++});
+        const Socket retired = m_sockets[slot];
+        m_sockets[slot] = {fd, m_nextSerial++};
+        m_sockets.push_back(retired); // behind the ones in use, until it owes no answers
     }
-    const auto drained = [&](const Socket &socket) {
-        return socket.retired && nowMs - socket.lastSentMs >= m_drainMs;
-    };
-    if (std::any_of(m_sockets.begin(), m_sockets.end(), drained)) {
-        for (const Socket &socket : m_sockets) {
-            if (drained(socket)) {
-                ::close(socket.fd);
-            }
-        }
-        m_sockets.erase(std::remove_if(m_sockets.begin(), m_sockets.end(), drained),
-                        m_sockets.end());
-        m_inUse.clear();
-        for (size_t i = 0; i < m_sockets.size(); ++i) {
-            if (!m_sockets[i].retired) {
-                m_inUse.push_back(i);
-            }
+    size_t kept = kInUse;
+    for (size_t i = kInUse; i < m_sockets.size(); ++i) {
+        if (nowMs - m_sockets[i].lastSentMs >= m_drainMs) {
+            ::close(m_sockets[i].fd);
+        } else {
+            m_sockets[kept++] = m_sockets[i];
         }
     }
+    m_sockets.resize(kept);
     // Said once, not on every round while the descriptors stay short.
     if (problem == m_lastProblem) {
         return std::string();

@@ -30,7 +30,6 @@ public:
         uint32_t sent = 0;
         int64_t firstSentMs = 0;
         int64_t lastSentMs = 0;
-        bool retired = false;
     };
 
     explicit HMUpstreamSockets(int64_t drainMs) : m_drainMs(drainMs) {}
@@ -41,7 +40,7 @@ public:
     bool open(std::string *error);
 
     // The socket this round's queries leave from.
-    const Socket &current() const { return m_sockets[m_inUse[m_turn]]; }
+    const Socket &current() const { return m_sockets[m_turn]; }
     // After the round's queries went out on current(): the next round takes the next socket.
     void noteSent(size_t count, int64_t nowMs);
     // Retires worn sockets, putting fresh ones in their place, and closes the retired ones
@@ -49,7 +48,7 @@ public:
     // wrong, if anything; a socket that could not be replaced stays in use.
     std::string maintain(int64_t nowMs);
 
-    // Every open socket, in use and retired, for the poll loop.
+    // Every open socket for the poll loop: the kInUse in use first, then the retired ones.
     const std::vector<Socket> &sockets() const { return m_sockets; }
 
 private:
@@ -57,7 +56,6 @@ private:
 
     int64_t m_drainMs;
     std::vector<Socket> m_sockets;
-    std::vector<size_t> m_inUse; // indexes into m_sockets
     size_t m_turn = 0;
     uint64_t m_nextSerial = 1;
     std::string m_lastProblem;

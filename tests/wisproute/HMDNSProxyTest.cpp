@@ -283,6 +283,15 @@ private:
     std::thread m_thread;
 };
 
+// A proxy in the plain mode whose only resolver is the one the test plays, on a clock the
+// test steps.
+struct PlayedSetUp
+{
+    SteppedClock clock;
+    HMDNSQueryHandler handler{HMDNSQueryHandler::Mode::Off, HMDomainMatcher::fromText(""), nullptr};
+    RunningProxy proxy{handler, clock, nullptr, {inet_addr(kPlayedResolver)}, {}};
+};
+
 // Two resolvers on their own addresses, each answering UDP and TCP, counting TCP queries.
 class Resolvers
 {
@@ -404,11 +413,8 @@ private Q_SLOTS:
     // id from the right resolver is refused on the other query's socket.
     void answersCountOnlyOnTheSocketTheirQueryLeftFrom()
     {
-        SteppedClock clock;
-        HMDNSQueryHandler handler(HMDNSQueryHandler::Mode::Off, HMDomainMatcher::fromText(""),
-                                  nullptr);
-        RunningProxy proxy(handler, clock, nullptr, {inet_addr(kPlayedResolver)}, {});
-        QVERIFY2(proxy.ready, proxy.error.c_str());
+        PlayedSetUp played;
+        QVERIFY2(played.proxy.ready, played.proxy.error.c_str());
         int clients[3];
         Datagram asked[3];
         for (int i = 0; i < 3; ++i) {
@@ -439,11 +445,8 @@ private Q_SLOTS:
     // no answer is owed to them.
     void upstreamPortsAreReplacedAndTheOldOnesClosed()
     {
-        SteppedClock clock;
-        HMDNSQueryHandler handler(HMDNSQueryHandler::Mode::Off, HMDomainMatcher::fromText(""),
-                                  nullptr);
-        RunningProxy proxy(handler, clock, nullptr, {inet_addr(kPlayedResolver)}, {});
-        QVERIFY2(proxy.ready, proxy.error.c_str());
+        PlayedSetUp played;
+        QVERIFY2(played.proxy.ready, played.proxy.error.c_str());
         const int client = clientOfProxy(SOCK_DGRAM);
         const auto ask = [&](uint16_t id) {
             const Bytes query = queryFor("rotate.test", id);
@@ -461,7 +464,7 @@ private Q_SLOTS:
         QCOMPARE(first.size(), HMUpstreamSockets::kInUse);
         const int descriptors = openDescriptors();
 
-        clock.now += HMUpstreamSockets::kLifetimeMs;
+        played.clock.now += HMUpstreamSockets::kLifetimeMs;
         bool fresh = false;
         for (uint16_t id = 10; id < 10 + HMUpstreamSockets::kInUse + 1 && !fresh; ++id) {
             const uint16_t port = ask(id);
@@ -469,7 +472,7 @@ private Q_SLOTS:
             fresh = first.count(port) == 0;
         }
         QVERIFY(fresh);
-        clock.now += HMDNSProxy::kAttemptMs;
+        played.clock.now += HMDNSProxy::kAttemptMs;
         QTRY_COMPARE(openDescriptors(), descriptors);
         ::close(client);
     }
