@@ -1,5 +1,4 @@
-// The helper check and repair: every branch, with pkexec and the retry dialog replaced by
-// recorders and the old helper played by the scripted peer, so no root prompt appears.
+// pkexec and the retry dialog are recorders and the old helper a scripted peer: no root prompt.
 #include "HMDaemonInstaller.h"
 #include "HMDaemonManager.h"
 #include "HMHelperPeerProcess.h"

@@ -1,6 +1,4 @@
-// The helper client against the real hmwispd (root, in a network namespace of its own),
-// with a recorder standing in for OpenVPN: the application's own requests, built from its
-// own launch configuration, as the helper accepts, refuses and answers them.
+// The application's own requests as the real hmwispd (root, own network namespace) takes them.
 #include "HMAccountManager.h"
 #include "HMAccountWorld.h"
 #include "HMDaemonManager.h"

@@ -1,5 +1,4 @@
-// Launch at login through XDG autostart entries: the prefix rule, entries that do not
-// resolve, writing and removing our own entry, and changes made by other programs.
+// Launch at login through XDG autostart entries.
 #include "HMLaunchAtStartupManager.h"
 #include "HMTestEnvironment.h"
 

@@ -1,6 +1,4 @@
-// Diagnostics against real parts: a scripted helper on a real socket (and the real hmwispd
-// for the lab case), the reference service over TLS in the test's network namespace, real
-// report commands, and archives opened again with the reference service's reader.
+// Diagnostics against real parts; archives are read back with the reference service's reader.
 #include "HMLogFileManager.h"
 #include "HMAPITestBed.h"
 #include "HMAccountWorld.h"

@@ -1,6 +1,4 @@
-// The privacy manager's rules: block handling as a table of event sequences, the switches
-// and their service calls, synchronising with the service, the reaction to the tunnel and
-// the stream's lifecycle, all against the reference service on the loopback address.
+// The privacy manager against the reference service on the loopback address.
 #include "EventSource.h"
 #include "HMKeyChangeLog.h"
 #include "HMLogCapture.h"

@@ -5,13 +5,12 @@
 
 #include <QSignalSpy>
 #include <QTest>
+#include <functional>
 
 namespace {
 const QString kConnected26 =
     QStringLiteral(">STATE:1795224601,CONNECTED,SUCCESS,10.8.0.6,10.99.0.1,1194,,");
-} // namespace
 
-namespace {
 // One row of the management-line rules: what the manager sends back, asks the helper for and
 // records after `lines` arrive in state `initial`.
 void rule(const char *name, VPNState initial, const QStringList &lines, VPNState expected,
@@ -207,7 +206,9 @@ private Q_SLOTS:
         // A new OpenVPN process counts from zero again while totalPrevious stays: the computed
         // value rises above the meter by less than 40 MiB and is dropped.
         row("restartedCountsIgnored", {">BYTECOUNT:1000,2000", ">BYTECOUNT:10,20"}, 9997000, 30);
-        row("clampedAtZero", {">BYTECOUNT:9000000,2000000"}, 0, 11000000);
+        // Exhausted: the connection goes down at once, the second line is never read.
+        row("exhaustedClampedAtZero", {">BYTECOUNT:9000000,2000000", ">BYTECOUNT:9500000,2500000"},
+            0, 11000000);
         row("malformedIgnored", {">BYTECOUNT:1000"}, 10000000, 0);
         row("hugeCountsSaturate", {">BYTECOUNT:9223372036854775807,9223372036854775807"}, 0,
             std::numeric_limits<qint64>::max());
@@ -230,11 +231,16 @@ private Q_SLOTS:
         rig.vpn->setState(state);
 
         rig.server.sendLines(lines);
-        if (expected == 0) {
+        const bool exhausted = expected == 0;
+        if (exhausted) {
             QTRY_VERIFY(rig.vpn->socket() == nullptr);
+            QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
+            HMVPNTestRig::settle();
         } else {
             QVERIFY(rig.sync());
         }
+        QCOMPARE(rig.vpn->state(), exhausted ? VPNState::OutOfData : state);
+        QCOMPARE(rig.outOfData, exhausted ? 1 : 0);
         QCOMPARE(rig.vpn->bandwidthAvailable(), expected);
         QCOMPARE(rig.vpn->totalPrevious(), totalPrevious);
         QCOMPARE(rig.account.allowance, qint64(10000000)); // the account's figure is never written
@@ -274,22 +280,6 @@ private Q_SLOTS:
         rig.vpn->setBandwidthAvailable(offered);
         QCOMPARE(rig.vpn->bandwidthAvailable(), expected);
         QCOMPARE(rig.outOfData, outOfDataPosts);
-    }
-
-    void allowanceExhaustedWhileConnected()
-    {
-        HMVPNTestRig rig(100 * kMiB);
-        rig.account.setAllowance(5000);
-        QVERIFY(rig.attach());
-        rig.vpn->setState(VPNState::Connected);
-        rig.server.sendLines({">BYTECOUNT:3000,3000", ">BYTECOUNT:4000,4000"});
-        QTRY_VERIFY(rig.vpn->socket() == nullptr);
-        QTRY_COMPARE(rig.helper.actions(), (QStringList{"stopVPN", "stopDNSProxy"}));
-        HMVPNTestRig::settle();
-        QCOMPARE(rig.outOfData, 1);
-        QCOMPARE(rig.vpn->state(), VPNState::OutOfData);
-        // The second line was never read: the first one took the connection down.
-        QCOMPARE(rig.vpn->totalPrevious(), qint64(6000));
     }
 
     void initialAllowance_data()
@@ -393,24 +383,20 @@ private Q_SLOTS:
         rig.helper.held = QStringList{"startVPN"};
         rig.account.reconnectWish = wish;
         rig.vpn->setState(initial);
+        using Step = std::function<void(HMVPNTestRig &)>;
+        const QHash<QString, Step> actions{
+            {"country", [](HMVPNTestRig &r) { r.account.setCountry(QStringLiteral("DE")); }},
+            {"sameCountry", [](HMVPNTestRig &r) { r.account.setCountry(r.account.country); }},
+            {"signOut", [](HMVPNTestRig &r) { r.account.setLoggedIn(false); }},
+            {"allowanceZero", [](HMVPNTestRig &r) { r.account.setAllowance(0); }},
+            {"allowanceBack", [](HMVPNTestRig &r) { r.account.setAllowance(100 * kMiB); }},
+            {"allowanceSmall", [](HMVPNTestRig &r) { r.account.setAllowance(kMiB); }},
+            {"unreachable", [](HMVPNTestRig &r) { r.reachability.report(false); }},
+            {"reachable", [](HMVPNTestRig &r) { r.reachability.report(true); }},
+        };
         for (const QString &step : steps) {
-            if (step == QLatin1String("country")) {
-                rig.account.setCountry(QStringLiteral("DE"));
-            } else if (step == QLatin1String("sameCountry")) {
-                rig.account.setCountry(rig.account.country);
-            } else if (step == QLatin1String("signOut")) {
-                rig.account.setLoggedIn(false);
-            } else if (step == QLatin1String("allowanceZero")) {
-                rig.account.setAllowance(0);
-            } else if (step == QLatin1String("allowanceBack")) {
-                rig.account.setAllowance(100 * kMiB);
-            } else if (step == QLatin1String("allowanceSmall")) {
-                rig.account.setAllowance(kMiB);
-            } else if (step == QLatin1String("unreachable")) {
-                rig.reachability.report(false);
-            } else if (step == QLatin1String("reachable")) {
-                rig.reachability.report(true);
-            }
+            QVERIFY2(actions.contains(step), qPrintable(step));
+            actions.value(step)(rig);
             HMVPNTestRig::settle();
         }
         QCOMPARE(rig.vpn->state(), expected);

@@ -269,20 +269,6 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(inclusionPath()));
         QVERIFY(!QFileInfo::exists(exclusionPath()));
     }
-
-    void restartWithoutHelperReportsAnError()
-    {
-        bool called = false;
-        HMMaybeError result;
-        m_routing->restartDnsDaemonWithCompletion([&](const HMMaybeError &error) {
-            called = true;
-            result = error;
-        });
-        QVERIFY(!called); // completions arrive on a later turn of the main loop
-        QTRY_VERIFY(called);
-        QVERIFY(result.has_value());
-        QVERIFY(result->localizedDescription().contains("helper"));
-    }
 };
 
 QTEST_GUILESS_MAIN(HMWisprouteManagerTest)
