@@ -22,51 +22,44 @@ private Q_SLOTS:
     void serverTrust_data()
     {
         QTest::addColumn<QString>("root");
-        // The deployment's static-file host, when the row needs another one.
-        QTest::addColumn<QString>("staticHost");
         QTest::addColumn<bool>("accepted");
-        const QString bed;
-        QTest::newRow("wildcard leaf and RapidSSL CA, by address")
-            << "https://127.0.0.3" << bed << true;
-        QTest::newRow("wildcard leaf and RapidSSL CA, by service domain")
-            << "https://hollowmere.test" << bed << true;
-        QTest::newRow("wildcard leaf from another issuer") << "https://127.0.0.11" << bed << false;
-        QTest::newRow("wildcard leaf sent without its issuer")
-            << "https://127.0.0.12" << bed << false;
-        QTest::newRow("leaf naming one host of the service")
-            << "https://127.0.0.13" << bed << false;
-        QTest::newRow("leaf name in other letter case") << "https://127.0.0.15" << bed << false;
-        QTest::newRow("issuer name in other letter case") << "https://127.0.0.16" << bed << false;
-        QTest::newRow("static host by name, valid certificate for another name")
-            << "https://static.hollowmere-files.test" << bed << true;
-        QTest::newRow("static host's certificate by address")
-            << "https://127.0.0.4" << bed << false;
-        QTest::newRow("certificate valid for the host")
-            << "https://api.hollowmere.test" << bed << true;
-        QTest::newRow("valid certificate, reached by address")
-            << "https://127.0.0.14" << bed << false;
+        // The deployment's static-file host, when the row needs another one than the bed's.
+        QTest::addColumn<QString>("staticHost");
+        const auto row = [](const char *name, const char *root, bool accepted,
+                            const char *staticHost = nullptr) {
+            QTest::newRow(name) << QString(root) << accepted << QString(staticHost);
+        };
+        row("wildcard leaf and RapidSSL CA, by address", "https://127.0.0.3", true);
+        row("wildcard leaf and RapidSSL CA, by service domain", "https://hollowmere.test", true);
+        row("wildcard leaf from another issuer", "https://127.0.0.11", false);
+        row("wildcard leaf sent without its issuer", "https://127.0.0.12", false);
+        row("leaf naming one host of the service", "https://127.0.0.13", false);
+        row("leaf name in other letter case", "https://127.0.0.15", false);
+        row("issuer name in other letter case", "https://127.0.0.16", false);
+        row("static host by name, valid certificate for another name",
+            "https://static.hollowmere-files.test", true);
+        row("static host's certificate by address", "https://127.0.0.4", false);
+        row("certificate valid for the host", "https://api.hollowmere.test", true);
+        row("valid certificate, reached by address", "https://127.0.0.14", false);
         // Forgeries: the names are right, the trust is not.
-        QTest::newRow("right strings under a self-made RapidSSL CA, by address")
-            << "https://127.0.0.17" << bed << false;
-        QTest::newRow("right strings under a self-made RapidSSL CA, by service name")
-            << "https://forged.hollowmere.test" << bed << false;
-        QTest::newRow("right strings under a self-made RapidSSL CA, on the static host")
-            << "https://forged.hollowmere-files.test"
-            << "forged.hollowmere-files.test" << false;
-        QTest::newRow("static host with a self-signed certificate")
-            << "https://self-signed.hollowmere-files.test"
-            << "self-signed.hollowmere-files.test" << false;
-        QTest::newRow("right strings from the trusted issuer, expired")
-            << "https://127.0.0.18" << bed << false;
-        QTest::newRow("valid chain for another host, reached by a service name")
-            << "https://wrong.hollowmere.test" << bed << false;
+        row("right strings under a self-made RapidSSL CA, by address", "https://127.0.0.17", false);
+        row("right strings under a self-made RapidSSL CA, by service name",
+            "https://forged.hollowmere.test", false);
+        row("right strings under a self-made RapidSSL CA, on the static host",
+            "https://forged.hollowmere-files.test", false, "forged.hollowmere-files.test");
+        row("static host with a self-signed certificate",
+            "https://self-signed.hollowmere-files.test", false,
+            "self-signed.hollowmere-files.test");
+        row("right strings from the trusted issuer, expired", "https://127.0.0.18", false);
+        row("valid chain for another host, reached by a service name",
+            "https://wrong.hollowmere.test", false);
     }
 
     void serverTrust()
     {
         QFETCH(QString, root);
-        QFETCH(QString, staticHost);
         QFETCH(bool, accepted);
+        QFETCH(QString, staticHost);
         HMDeploymentValues deployment = m_bed.deployment();
         if (!staticHost.isEmpty()) {
             deployment.setStaticHost(staticHost);

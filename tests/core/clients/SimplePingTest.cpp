@@ -28,6 +28,7 @@ public:
     QByteArray startAddress;
     bool deleteOnFailure = false;
 
+    explicit RecordingDelegate(SimplePing &pinger) { pinger.setDelegate(this); }
     void simplePingDidStartWithAddress(SimplePing *, const QByteArray &address) override
     {
         events << QStringLiteral("start");
@@ -100,9 +101,7 @@ QByteArray ipv4Header(int headerWords, quint8 protocol = 1)
     return header;
 }
 
-// Stops the prober however the test leaves the scope: a failed check must not
-// leave a running prober to be destroyed (a programming error that ends the
-// whole run).
+// A failed check must not leave a running prober to be destroyed: that ends the whole run.
 struct StopAtExit
 {
     SimplePing &pinger;
@@ -127,8 +126,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         m_home = HMTestEnvironment::isolateUserDirectories();
-        // Before anything opens a socket; without root the ICMP cases skip, saying
-        // why.
+        // Before anything opens a socket; without root the ICMP cases skip, saying why.
         HMEchoLab::enterPrivateNetwork();
     }
 
@@ -264,8 +262,7 @@ private Q_SLOTS:
     void sendWithoutSocketFailsAndStillCounts()
     {
         SimplePing pinger(QString(), SimplePing::socketAddress(QHostAddress::LocalHost));
-        RecordingDelegate delegate;
-        pinger.setDelegate(&delegate);
+        RecordingDelegate delegate{pinger};
         pinger.sendPingWithData();
         QCOMPARE(delegate.events, QStringList{QStringLiteral("send failed 0")});
         QVERIFY(delegate.lastError.has_value());
@@ -289,15 +286,33 @@ private Q_SLOTS:
         QCOMPARE(delegate.events.last(), QStringLiteral("send failed 0"));
     }
 
-    void unsupportedAddressFails()
+    void startFailsWithErrno_data()
     {
-        SimplePing pinger(QString(), SimplePing::socketAddress(QHostAddress()));
-        RecordingDelegate delegate;
-        pinger.setDelegate(&delegate);
+        QTest::addColumn<bool>("refused"); // ICMP sockets closed to every group, else no address
+        QTest::addColumn<long>("code");
+        QTest::newRow("unsupported address") << false << long(EPROTONOSUPPORT);
+        QTest::newRow("socket refused") << true << long(EACCES);
+    }
+    void startFailsWithErrno()
+    {
+        QFETCH(bool, refused);
+        QFETCH(long, code);
+        const auto setRange = [](const QByteArray &value) {
+            QFile file(QStringLiteral("/proc/sys/net/ipv4/ping_group_range"));
+            return file.open(QIODevice::WriteOnly) && file.write(value) == value.size();
+        };
+        if (refused) {
+            HM_REQUIRE_PRIVATE_NETWORK();
+            QVERIFY(setRange("1 0"));
+        }
+        SimplePing pinger(QString(), SimplePing::socketAddress(refused ? QHostAddress::LocalHost
+                                                                       : QHostAddress()));
+        RecordingDelegate delegate{pinger};
         pinger.start();
+        QVERIFY(!refused || setRange("0 2147483647"));
         QCOMPARE(delegate.events, QStringList{QStringLiteral("failed")});
         QCOMPARE(delegate.lastError->domain(), SimplePing::kPOSIXErrorDomain);
-        QCOMPARE(delegate.lastError->code(), long(EPROTONOSUPPORT));
+        QCOMPARE(delegate.lastError->code(), code);
         QVERIFY(!pinger.isRunning());
     }
 
@@ -319,9 +334,8 @@ private Q_SLOTS:
         QFETCH(long, code);
         QFETCH(QList<int>, resolverCodes);
         SimplePing *pinger = SimplePing::simplePingWithHostName(host);
-        RecordingDelegate delegate;
+        RecordingDelegate delegate{*pinger};
         delegate.deleteOnFailure = true; // a failing prober may be dropped in its callback
-        pinger->setDelegate(&delegate);
         pinger->start();
         QVERIFY(delegate.events.isEmpty()); // never from inside start()
         QTRY_COMPARE_WITH_TIMEOUT(delegate.events, QStringList{QStringLiteral("failed")}, 15000);
@@ -339,8 +353,7 @@ private Q_SLOTS:
     void stopDuringResolutionReportsNothing()
     {
         SimplePing pinger(QStringLiteral("127.0.0.1"), QByteArray());
-        RecordingDelegate delegate;
-        pinger.setDelegate(&delegate);
+        RecordingDelegate delegate{pinger};
         pinger.start();
         QVERIFY(pinger.isResolving());
         pinger.stop();
@@ -364,8 +377,7 @@ private Q_SLOTS:
         QFETCH(QString, host);
         SimplePing pinger(host, QByteArray());
         StopAtExit guard{pinger};
-        RecordingDelegate delegate;
-        pinger.setDelegate(&delegate);
+        RecordingDelegate delegate{pinger};
         pinger.start();
         QTRY_COMPARE(delegate.events, QStringList{QStringLiteral("start")});
         QCOMPARE(delegate.startAddress, SimplePing::socketAddress(QHostAddress::LocalHost));
@@ -406,8 +418,7 @@ private Q_SLOTS:
 
         SimplePing pinger(host, QByteArray());
         StopAtExit guard{pinger};
-        RecordingDelegate delegate;
-        pinger.setDelegate(&delegate);
+        RecordingDelegate delegate{pinger};
         pinger.start();
         QTRY_COMPARE(delegate.events, QStringList{QStringLiteral("start")});
         pinger.sendPingWithData();
@@ -417,25 +428,6 @@ private Q_SLOTS:
                               QStringLiteral("reply 0")}));
         QCOMPARE(RecordingDelegate::sequenceOf(delegate.packets.at(1)), 1000);
         pinger.stop();
-    }
-
-    void refusedSocketFailsWithErrno()
-    {
-        HM_REQUIRE_PRIVATE_NETWORK();
-        const QString range = QStringLiteral("/proc/sys/net/ipv4/ping_group_range");
-        const auto setRange = [&range](const QByteArray &value) {
-            QFile file(range);
-            return file.open(QIODevice::WriteOnly) && file.write(value) == value.size();
-        };
-        QVERIFY(setRange("1 0"));
-        SimplePing pinger(QString(), SimplePing::socketAddress(QHostAddress::LocalHost));
-        RecordingDelegate delegate;
-        pinger.setDelegate(&delegate);
-        pinger.start();
-        QVERIFY(setRange("0 2147483647"));
-        QCOMPARE(delegate.events, QStringList{QStringLiteral("failed")});
-        QCOMPARE(delegate.lastError->domain(), SimplePing::kPOSIXErrorDomain);
-        QCOMPARE(delegate.lastError->code(), long(EACCES));
     }
 
     void reusedIdentifierIsReplaced()
@@ -452,8 +444,7 @@ private Q_SLOTS:
         local.sin_port = htons(late.identifier());
         const quint16 taken = late.identifier();
         QCOMPARE(::bind(holder, reinterpret_cast<const sockaddr *>(&local), sizeof local), 0);
-        RecordingDelegate lateDelegate;
-        late.setDelegate(&lateDelegate);
+        RecordingDelegate lateDelegate{late};
         late.start();
         ::close(holder);
         QCOMPARE(lateDelegate.events, QStringList{QStringLiteral("start")});

@@ -48,36 +48,25 @@ private Q_SLOTS:
         QTest::addColumn<QString>("password");
         QTest::addColumn<QString>("strength");
         QTest::addColumn<QString>("hint");
-        QTest::newRow("null") << QString() << QString() << QString();
-        QTest::newRow("seven") << "abcdefg"
-                               << "Too short!"
-                               << "Should be at least 8 characters long";
-        QTest::newRow("eight lower") << "abcdefgh"
-                                     << "Cub Strength"
-                                     << "Tip: You can add numbers to make it stronger";
-        QTest::newRow("digits, one case")
-            << "abcdefg1"
-            << "Cub Strength"
-            << "Tip: You can mix lowercase and uppercase characters to make it stronger";
-        QTest::newRow("no symbols") << "abcdefG1"
-                                    << "Wisp Strength"
-                                    << "Tip: You can add symbols to make it even stronger";
-        QTest::newRow("ten, all classes")
-            << "Abcdefg1!x"
-            << "Wisp Strength"
-            << "Tip: You can add more characters for a canyon-strength password!";
-        QTest::newRow("twelve, all classes") << "Abcdefg1!xyz"
-                                             << "Canyon Strength RAWR!"
-                                             << "Tip: You can add more characters for a "
-                                                "canyon-strength password!";
-        QTest::newRow("fourteen, all classes") << "Abcdefg1!xyzuv"
-                                               << "Canyon Strength RAWR!" << QString();
-        QTest::newRow("blank and emoji are symbols")
-            << QString::fromUtf8("Abcdef 1😀") << "Wisp Strength"
-            << "Tip: You can add more characters for a canyon-strength password!";
-        QTest::newRow("fourteen lower") << "abcdefghijklmn"
-                                        << "Wisp Strength"
-                                        << "Tip: You can add numbers to make it stronger";
+        const auto row = [](const char *name, const char *password, const char *strength,
+                            const char *hint) {
+            QTest::newRow(name) << QString(password) << QString(strength) << QString(hint);
+        };
+        const char *canyonTip = "Tip: You can add more characters for a canyon-strength password!";
+        row("null", nullptr, nullptr, nullptr);
+        row("seven", "abcdefg", "Too short!", "Should be at least 8 characters long");
+        row("eight lower", "abcdefgh", "Cub Strength",
+            "Tip: You can add numbers to make it stronger");
+        row("digits, one case", "abcdefg1", "Cub Strength",
+            "Tip: You can mix lowercase and uppercase characters to make it stronger");
+        row("no symbols", "abcdefG1", "Wisp Strength",
+            "Tip: You can add symbols to make it even stronger");
+        row("ten, all classes", "Abcdefg1!x", "Wisp Strength", canyonTip);
+        row("twelve, all classes", "Abcdefg1!xyz", "Canyon Strength RAWR!", canyonTip);
+        row("fourteen, all classes", "Abcdefg1!xyzuv", "Canyon Strength RAWR!", nullptr);
+        row("blank and emoji are symbols", "Abcdef 1😀", "Wisp Strength", canyonTip);
+        row("fourteen lower", "abcdefghijklmn", "Wisp Strength",
+            "Tip: You can add numbers to make it stronger");
     }
     void strengthAndHintCoachThePassword()
     {
@@ -93,16 +82,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("capitalized");
-        QTest::newRow("short first word") << "de la cruz"
-                                          << "De la Cruz";
-        QTest::newRow("rest keeps its case") << "mcDONALD von neumann"
-                                             << "McDONALD Von Neumann";
-        QTest::newRow("double blank kept") << "ann  lee"
-                                           << "Ann  Lee";
-        QTest::newRow("non-ascii") << "élodie ørsted"
-                                   << "Élodie Ørsted";
-        QTest::newRow("empty") << ""
-                               << "";
+        QTest::newRow("short first word") << "de la cruz" << QStringLiteral("De la Cruz");
+        QTest::newRow("rest keeps its case")
+            << "mcDONALD von neumann" << QStringLiteral("McDONALD Von Neumann");
+        QTest::newRow("double blank kept") << "ann  lee" << QStringLiteral("Ann  Lee");
+        QTest::newRow("non-ascii") << "élodie ørsted" << QStringLiteral("Élodie Ørsted");
+        QTest::newRow("empty") << "" << QStringLiteral("");
     }
     void sentenceCapitalizationSparesShortLaterWords()
     {

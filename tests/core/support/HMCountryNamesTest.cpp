@@ -25,21 +25,17 @@ private Q_SLOTS:
         QTest::addColumn<QString>("code");
         QTest::addColumn<QString>("countryName"); // getCountryForCode
         QTest::addColumn<QString>("displayName"); // code_to_country_dict
-        QTest::newRow("misspelling kept") << "BL"
-                                          << "Saint Bartelemey"
-                                          << "Saint Bartelemey";
-        QTest::newRow("inverted form") << "KR"
-                                       << "Korea, Republic of"
-                                       << "Korea, Republic of";
-        QTest::newRow("apostrophe") << "CI"
-                                    << "Cote d'Ivoire"
-                                    << "Cote d'Ivoire";
-        QTest::newRow("regional") << "AP"
-                                  << "Asia/Pacific Region"
-                                  << "Asia/Pacific Region";
-        QTest::newRow("closest") << "Closest" << QString() << "Closest Tunnel";
-        QTest::newRow("lower case") << "us" << QString() << QString();
-        QTest::newRow("unknown") << "XX" << QString() << QString();
+        const auto row = [](const char *name, const char *code, const char *countryName,
+                            const char *displayName) {
+            QTest::newRow(name) << QString(code) << QString(countryName) << QString(displayName);
+        };
+        row("misspelling kept", "BL", "Saint Bartelemey", "Saint Bartelemey");
+        row("inverted form", "KR", "Korea, Republic of", "Korea, Republic of");
+        row("apostrophe", "CI", "Cote d'Ivoire", "Cote d'Ivoire");
+        row("regional", "AP", "Asia/Pacific Region", "Asia/Pacific Region");
+        row("closest", "Closest", nullptr, "Closest Tunnel");
+        row("lower case", "us", nullptr, nullptr);
+        row("unknown", "XX", nullptr, nullptr);
     }
     void lookupsAreExact()
     {

@@ -52,18 +52,13 @@ private Q_SLOTS:
 
     void everyOperationFailsWithAReason()
     {
-        HMMaybeError error;
-        QVERIFY(m_keychain.passwordForService("svc", "ann@example.test", &error).isNull());
-        QVERIFY(error);
-        QVERIFY(!error->localizedDescription().isEmpty());
-
-        error.reset();
-        QVERIFY(!m_keychain.setPassword("pw", "svc", "ann@example.test", &error));
-        QVERIFY(error);
-
-        error.reset();
-        QVERIFY(!m_keychain.deletePassword("svc", "ann@example.test", &error));
-        QVERIFY(error);
+        HMMaybeError read, stored, deleted;
+        QVERIFY(m_keychain.passwordForService("svc", "ann@example.test", &read).isNull());
+        QVERIFY(!m_keychain.setPassword("pw", "svc", "ann@example.test", &stored));
+        QVERIFY(!m_keychain.deletePassword("svc", "ann@example.test", &deleted));
+        for (const HMMaybeError &error : {read, stored, deleted}) {
+            QVERIFY(error && !error->localizedDescription().isEmpty());
+        }
     }
 
     void accountReadsAsSignedOutAndKeepsWorking()
