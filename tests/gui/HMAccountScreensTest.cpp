@@ -82,11 +82,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("email");
         QTest::addColumn<QString>("password");
         QTest::addColumn<bool>("enabled");
-        QTest::newRow("six characters") << "ann@example.test"
-                                        << "secret" << true;
-        QTest::newRow("five characters") << "ann@example.test"
-                                         << "short" << false;
-        QTest::newRow("pasted blanks") << "  ann@example.test \t"
+        const QString ann = "ann@example.test";
+        QTest::newRow("six characters") << ann << "secret" << true;
+        QTest::newRow("five characters") << ann << "short" << false;
+        QTest::newRow("pasted blanks") << "  " + ann + " \t"
                                        << "secret" << true;
     }
     void signInNeedsAddressAndSixCharacters()

@@ -1,7 +1,5 @@
-// The application controller run whole in a throw-away desktop session: start-up order as
-// the helper stand-in and the store see it, the connection notices as a real notification
-// server receives them, the windows the session notifications open, quit, and the
-// tray-less window and single instance of the real program.
+// The application controller run whole in a throw-away desktop session, against a real
+// notification server and the helper stand-in.
 #include "HMAppDelegate.h"
 #include "HMAPIClient.h"
 #include "HMAccountWorld.h"
@@ -111,6 +109,9 @@ struct Shell
             return c;
         });
     }
+
+    // Started and through applicationDidFinishLaunching.
+    bool launched() { return start() && delegate->applicationDidFinishLaunching(); }
 
     void signIn()
     {
@@ -270,8 +271,7 @@ void HMAppDelegateTest::startUpWaitsForTheKeyringOnTheEventLoop()
     Shell shell;
     shell.signIn();
     shell.holdAccount = true;
-    QVERIFY(shell.start());
-    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.launched());
     QVERIFY(shell.heldReady);
     QVERIFY(!shell.delegate->isLaunched());
     QVERIFY(!shell.delegate->menuBarItemController());
@@ -297,37 +297,29 @@ void HMAppDelegateTest::connectionNotices_data()
     QTest::addColumn<QString>("icon");
 
     using S = VPNState;
+    const QString none, on = "icon_on_256x256", routed = "icon_wisproute_256x256";
     const QString privately = "Connection secure|Rawrrr! You are now browsing in private from ";
     const QString notSecure = "Connection not secure|Your traffic is currently not encrypted";
-    QTest::newRow("connected") << S::Connecting << S::Connected << true << 0 << ""
-                               << privately + "United States"
-                               << "icon_on_256x256";
+    QTest::newRow("connected") << S::Connecting << S::Connected << true << 0 << none
+                               << privately + "United States" << on;
     QTest::newRow("connected, closest")
-        << S::Connecting << S::Connected << true << 1 << "DE" << privately + "Germany"
-        << "icon_wisproute_256x256";
+        << S::Connecting << S::Connected << true << 1 << "DE" << privately + "Germany" << routed;
     QTest::newRow("connected, inclusion list")
-        << S::Connecting << S::Connected << true << 2 << ""
-        << "Connection secure|Rawrrr! You are tunneling select URLs to the United States"
-        << "icon_wisproute_256x256";
+        << S::Connecting << S::Connected << true << 2 << none
+        << "Connection secure|Rawrrr! You are tunneling select URLs to the United States" << routed;
     QTest::newRow("to disconnecting")
-        << S::Connected << S::Disconnecting << true << 0 << "" << notSecure << "";
+        << S::Connected << S::Disconnecting << true << 0 << none << notSecure << none;
     QTest::newRow("to disconnected")
-        << S::Connected << S::Disconnected << true << 0 << "" << notSecure << "";
-    QTest::newRow("to error is silent") << S::Connected << S::Error << true << 0 << ""
-                                        << ""
-                                        << "";
-    QTest::newRow("to out of data is silent") << S::Connected << S::OutOfData << true << 0 << ""
-                                              << ""
-                                              << "";
-    QTest::newRow("failed attempt is silent") << S::Connecting << S::Disconnected << true << 0 << ""
-                                              << ""
-                                              << "";
-    QTest::newRow("same state") << S::Connected << S::Connected << true << 0 << ""
-                                << ""
-                                << "icon_on_256x256";
-    QTest::newRow("signed out") << S::Connected << S::Disconnected << false << 0 << ""
-                                << ""
-                                << "";
+        << S::Connected << S::Disconnected << true << 0 << none << notSecure << none;
+    QTest::newRow("to error is silent")
+        << S::Connected << S::Error << true << 0 << none << none << none;
+    QTest::newRow("to out of data is silent")
+        << S::Connected << S::OutOfData << true << 0 << none << none << none;
+    QTest::newRow("failed attempt is silent")
+        << S::Connecting << S::Disconnected << true << 0 << none << none << none;
+    QTest::newRow("same state") << S::Connected << S::Connected << true << 0 << none << none << on;
+    QTest::newRow("signed out") << S::Connected << S::Disconnected << false << 0 << none << none
+                                << none;
 }
 
 void HMAppDelegateTest::connectionNotices()
@@ -365,8 +357,7 @@ void HMAppDelegateTest::connectionNotices()
 void HMAppDelegateTest::sessionNotificationsDriveTheWindows()
 {
     Shell shell;
-    QVERIFY(shell.start());
-    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.launched());
     HMMainWindowController *main = shell.delegate->mainWindowController();
     HMUtilityWindowController *utility = shell.delegate->utilityWindowController();
     // No tray watcher on this bus: the main panel is an ordinary window.
@@ -442,8 +433,7 @@ void HMAppDelegateTest::focusFollowsTheApplication()
 {
     QFETCH(bool, trayLess);
     Shell shell;
-    QVERIFY(shell.start());
-    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.launched());
     shell.signIn();
     shell.world.account->setAccountVerified(false); // the utility window stays, to verify
     shell.world.center.postNotificationName(HMAppDelegate::kDidLogInNotification);
@@ -514,8 +504,7 @@ void HMAppDelegateTest::reopenTogglesLikeATrayClick()
     QFETCH(QString, panelBefore);
     QFETCH(bool, panelAfter);
     Shell shell;
-    QVERIFY(shell.start());
-    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.launched());
     HMMainWindowController *main = shell.delegate->mainWindowController();
     HMUtilityWindowController *utility = shell.delegate->utilityWindowController();
     if (signedIn) {
@@ -558,9 +547,8 @@ void HMAppDelegateTest::quitAndWakeFollowTheTunnel()
     QFETCH(bool, reachable);
     QFETCH(bool, reconnects);
     Shell shell;
-    QVERIFY(shell.start());
     shell.reachable = reachable;
-    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.launched());
     shell.rig.vpn->setState(state);
 
     shell.delegate->quitHandler();
@@ -580,10 +568,8 @@ void HMAppDelegateTest::quitAndWakeFollowTheTunnel()
 void HMAppDelegateTest::nextLaunchReconnectsAfterTheTokenRequest()
 {
     Shell shell;
-    QVERIFY(shell.start());
     shell.signIn();
-    shell.world.account->setAccountVerified(true);
-    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.launched());
     shell.rig.vpn->setState(VPNState::Connected);
     shell.delegate->quitHandler();
 
@@ -623,8 +609,7 @@ void HMAppDelegateTest::sleepDisconnectsFirstAndWakeReconnects()
 
     Shell shell;
     shell.sleepWatcher = std::make_unique<HMSleepWatcher>(QDBusConnection::sessionBus());
-    QVERIFY(shell.start());
-    QVERIFY(shell.delegate->applicationDidFinishLaunching());
+    QVERIFY(shell.launched());
     QTRY_VERIFY(shell.sleepWatcher->holdsInhibitor());
     QVERIFY(held());
     shell.rig.vpn->setState(VPNState::Connected);

@@ -1,6 +1,5 @@
-// The diagnostics screen driven offscreen through its real widgets, over a log manager
-// whose helper is down and whose network is off: every operation ends with an error, and
-// after the helper's error each completes twice.
+// The diagnostics screen over a log manager whose helper is down and whose network is off:
+// every operation ends with an error, and after the helper's error each completes twice.
 #include "HMDiagnosticsViewController.h"
 #include "HMAPIClient.h"
 #include "HMAccountWorld.h"

@@ -1,6 +1,4 @@
-// The tray item against a fake StatusNotifierWatcher on the session's private bus: the
-// icon by state and routing switch, the connecting animation on a manual clock, the icon
-// made only once a tray host exists, and Activate posting the click.
+// The tray item against a fake StatusNotifierWatcher on the session's private bus.
 #include "HMMenuBarItemController.h"
 #include "HMAccountWorld.h"
 #include "HMException.h"

@@ -89,18 +89,15 @@ private Q_SLOTS:
         QTest::addColumn<QString>("plan");
         QTest::addColumn<QString>("allowance");
         QTest::addColumn<QString>("time");
+        const QString unlimited = "Unlimited";
         QTest::newRow("free") << false << false << QVariant() << "Sprout"
-                              << "387 MB of 500 MB left"
-                              << "\u2013";
-        QTest::newRow("summit, number") << true << false << QVariant(42) << "Summit"
-                                        << "Unlimited"
-                                        << "42";
-        QTest::newRow("canyon, text") << true << true << QVariant("3 months") << "Canyon"
-                                      << "Unlimited"
-                                      << "3 months";
+                              << QString("387 MB of 500 MB left") << "\u2013";
+        QTest::newRow("summit, number")
+            << true << false << QVariant(42) << "Summit" << unlimited << "42";
+        QTest::newRow("canyon, text")
+            << true << true << QVariant("3 months") << "Canyon" << unlimited << "3 months";
         QTest::newRow("odd shape") << true << false << QVariant(QVariantList{1, "d"}) << "Summit"
-                                   << "Unlimited"
-                                   << "[1,\"d\"]";
+                                   << unlimited << "[1,\"d\"]";
     }
     void accountPaneShowsPlanAllowanceAndTimeAsReceived()
     {

@@ -1,8 +1,5 @@
-// The privacy filter end to end in the VPN lab (testing/lab/vpn-lab.sh run): the real
-// client signs in over TLS, brings the tunnel up through the helper and a real OpenVPN 2.6
-// server, and with privacy on listens to the lab service's block stream over HTTPS. What the
-// service blocks shows in the Privacy tab; the dial switched off resets it; disconnecting
-// stops the stream.
+// The privacy filter end to end in the VPN lab: sign-in over TLS, the tunnel through the
+// helper and a real OpenVPN server, and the block stream over HTTPS into the Privacy tab.
 #include "HMPrivacyManager.h"
 #include "HMPrivacyViewController.h"
 #include "HMVPNLabClient.h"
@@ -10,7 +7,6 @@
 #include <QCheckBox>
 #include <QJsonArray>
 #include <QLabel>
-#include <QTreeWidget>
 #include <QtTest>
 #include <memory>
 
@@ -84,17 +80,12 @@ private Q_SLOTS:
 
         push({{"category", "social"}, {"text", "Facebook"}});
         QTRY_COMPARE_WITH_TIMEOUT(shown("facebookCount"), QStringLiteral("1"), 10000);
-        push({{"category", "ads"}, {"text", "ads.example"}});
-        QTreeWidget *tree = m_pane->findChild<QTreeWidget *>("blockedTree");
-        QTRY_COMPARE_WITH_TIMEOUT(tree->topLevelItem(1)->childCount(), 1, 10000);
-        QCOMPARE(tree->topLevelItem(1)->child(0)->text(0), QStringLiteral("ads.example"));
 
         // What the main panel does when the user switches off.
         bool done = false;
         m_vpn->disconnectWithCompletion([&done](const HMMaybeError &) { done = true; });
         m_lab.center.postNotificationName(HMPrivacyManager::kDidSwitchDialOffNotification);
         QCOMPARE(shown("facebookCount"), QStringLiteral("0"));
-        QCOMPARE(tree->topLevelItem(1)->childCount(), 0);
         QTRY_VERIFY_WITH_TIMEOUT(done, 20000);
         QTRY_COMPARE_WITH_TIMEOUT(m_vpn->state(), VPNState::Disconnected, 20000);
         QVERIFY(!m_privacy->eventSource());

@@ -14,6 +14,11 @@
 #include <QLineEdit>
 #include <QSet>
 #include <QtTest>
+#include <functional>
+#include <type_traits>
+
+using Make = std::function<QWidget *(HMScreenWorld &)>;
+Q_DECLARE_METATYPE(Make)
 
 // Every screen: each control has a name for assistive technology, and the Tab key reaches
 // every enabled control.
@@ -22,64 +27,43 @@ class HMScreenAccessibilityTest : public QObject
     Q_OBJECT
 
 private:
-    enum Screen
+    template <typename Screen> static Make make()
     {
-        Main,
-        Launch,
-        Login,
-        CreateAccount,
-        VerifyEmail,
-        General,
-        Account,
-    };
-
-    static QWidget *make(Screen screen, HMScreenWorld &world)
-    {
-        HMScreenContext context = world.context();
-        context.showPreferencesGeneral = [] {};
-        context.showDiagnostics = [] {};
-        context.launchOnStartup = [] { return false; };
-        context.setLaunchOnStartup = [](bool) {};
-        world.accounts.account->setUsername(QStringLiteral("ann@example.test"));
-        world.accounts.account->setPassword(QStringLiteral("secret"));
-        world.accounts.account->setCountries(
-            {QVariantMap{{"code", "US"}, {"id", "1"}}, QVariantMap{{"code", "GB"}, {"id", "2"}}});
-        switch (screen) {
-        case Main:
-            return new HMMainViewController(context);
-        case Launch:
-            return new HMLaunchViewController(world.presenter, context);
-        case Login:
-            return new HMLoginViewController(world.presenter, context);
-        case CreateAccount:
-            return new HMCreateAccountViewController(world.presenter, context);
-        case VerifyEmail:
-            return new HMVerifyEmailViewController(world.presenter, context);
-        case General:
-            return new HMGeneralViewController(context);
-        case Account:
-            break;
-        }
-        return new HMAccountViewController(context);
+        return [](HMScreenWorld &world) -> QWidget * {
+            HMScreenContext context = world.context();
+            context.showPreferencesGeneral = [] {};
+            context.showDiagnostics = [] {};
+            context.launchOnStartup = [] { return false; };
+            context.setLaunchOnStartup = [](bool) {};
+            world.accounts.account->setUsername(QStringLiteral("ann@example.test"));
+            world.accounts.account->setPassword(QStringLiteral("secret"));
+            world.accounts.account->setCountries({QVariantMap{{"code", "US"}, {"id", "1"}},
+                                                  QVariantMap{{"code", "GB"}, {"id", "2"}}});
+            if constexpr (std::is_constructible_v<Screen, HMScreenPresenter &, HMScreenContext>) {
+                return new Screen(world.presenter, context);
+            } else {
+                return new Screen(context);
+            }
+        };
     }
 
 private Q_SLOTS:
     void everyControlNamedAndReachableByTab_data()
     {
-        QTest::addColumn<int>("screen");
-        QTest::newRow("main panel") << int(Main);
-        QTest::newRow("launch") << int(Launch);
-        QTest::newRow("sign-in") << int(Login);
-        QTest::newRow("create account") << int(CreateAccount);
-        QTest::newRow("verify email") << int(VerifyEmail);
-        QTest::newRow("general") << int(General);
-        QTest::newRow("account") << int(Account);
+        QTest::addColumn<Make>("make");
+        QTest::newRow("main panel") << make<HMMainViewController>();
+        QTest::newRow("launch") << make<HMLaunchViewController>();
+        QTest::newRow("sign-in") << make<HMLoginViewController>();
+        QTest::newRow("create account") << make<HMCreateAccountViewController>();
+        QTest::newRow("verify email") << make<HMVerifyEmailViewController>();
+        QTest::newRow("general") << make<HMGeneralViewController>();
+        QTest::newRow("account") << make<HMAccountViewController>();
     }
     void everyControlNamedAndReachableByTab()
     {
-        QFETCH(int, screen);
+        QFETCH(Make, make);
         HMScreenWorld world;
-        std::unique_ptr<QWidget> widget(make(Screen(screen), world));
+        std::unique_ptr<QWidget> widget(make(world));
         widget->show();
         QApplication::setActiveWindow(widget.get());
         QVERIFY(QTest::qWaitForWindowActive(widget.get()));

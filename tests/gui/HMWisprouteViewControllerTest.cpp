@@ -1,7 +1,4 @@
-// The selective-routing pane driven through its real widgets: typing and Return or the add
-// buttons, the remove button and the Delete key, editing a row in place, the mode choice
-// (with the proxy restarted once while connected), the choice shown for the stored mode,
-// and the notices that replace the editor without the plan or the helper's support.
+// The selective-routing pane driven through its real widgets.
 #include "HMWisprouteViewController.h"
 #include "HMPreferenceStore.h"
 #include "HMTestEnvironment.h"
@@ -169,12 +166,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("notice");
         QTest::addColumn<QString>("button");
         QTest::addColumn<QString>("opens");
-        QTest::newRow("paid plan missing") << false << true << "paidNotice"
-                                           << "paidInfoButton"
-                                           << "info";
+        QTest::newRow("paid plan missing")
+            << false << true << "paidNotice" << QString("paidInfoButton") << "info";
         QTest::newRow("proxy unsupported") << true << false << "unsupportedNotice"
-                                           << "infoUnsupportedButton"
-                                           << "unsupported";
+                                           << QString("infoUnsupportedButton") << "unsupported";
     }
 
     void noticesReplaceTheEditor()

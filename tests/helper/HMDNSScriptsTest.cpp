@@ -1,10 +1,7 @@
-// The tunnel's up and down scripts, run the way OpenVPN runs them, against an /etc of their
-// own: each case gets a private mount namespace whose /etc is a copy-on-write overlay, so
-// /etc/resolv.conf can be a file, a link or missing without the machine's own changing.
-// The systemd-resolved branch runs against a real systemd-resolved started for the case in
-// namespaces of its own (network, mount, process) with a private system bus: the package is
-// unpacked by scripts/setup.sh, never installed, since installing it takes the machine's
-// /etc/resolv.conf over.
+// The tunnel's up and down scripts, run as OpenVPN runs them, each case in a private mount
+// namespace whose /etc is a copy-on-write overlay. The systemd-resolved case runs a real
+// systemd-resolved (unpacked by scripts/setup.sh, never installed: installing it takes the
+// machine's /etc/resolv.conf over) in namespaces of its own with a private system bus.
 #include "HMTestEnvironment.h"
 
 #include <QProcess>

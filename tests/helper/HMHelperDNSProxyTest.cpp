@@ -1,7 +1,5 @@
-// The helper's DNS-proxy requests against the real hmwispd and the real wisproute, in a
-// namespace of the test's own: a stand-in OpenVPN (hm-test-fake-openvpn) holds the
-// management port, a tun device and OpenVPN's log lines make the tunnel, and a veth pair is
-// the physical link. The proxy really runs, really routes and is really stopped.
+// The helper's DNS-proxy requests against the real hmwispd and wisproute in a namespace of
+// the test's own, a stand-in OpenVPN (hm-test-fake-openvpn) and a tun device making the tunnel.
 #include "HMHelperInstance.h"
 #include "HMTestEnvironment.h"
 #include "HMTestNamespace.h"
@@ -162,16 +160,16 @@ private Q_SLOTS:
 
     void portCheckNeedsATrustedProxy()
     {
-        QCOMPARE(status(m_helper.call(HMHelperInstance::request("checkDNSPortOpen"))),
-                 QString("ok"));
+        const auto check = [this] {
+            return status(m_helper.call(HMHelperInstance::request("checkDNSPortOpen")));
+        };
+        QCOMPARE(check(), QString("ok"));
         const QString proxy = m_helper.path("bin/wisproute");
         QCOMPARE(::chmod(QFile::encodeName(proxy).constData(), 0775), 0);
-        const QString writable =
-            status(m_helper.call(HMHelperInstance::request("checkDNSPortOpen")));
+        const QString writable = check();
         QCOMPARE(::chmod(QFile::encodeName(proxy).constData(), 0755), 0);
         QVERIFY(QFile::rename(proxy, proxy + ".away"));
-        const QString missing =
-            status(m_helper.call(HMHelperInstance::request("checkDNSPortOpen")));
+        const QString missing = check();
         QVERIFY(QFile::rename(proxy + ".away", proxy));
         QVERIFY2(writable.startsWith("error") && writable.contains("DNS proxy"),
                  qPrintable(writable));
@@ -185,22 +183,22 @@ private Q_SLOTS:
         QTest::addColumn<QString>("reason");
         const QString list = m_files + "/domains.txt";
         const QStringList good = proxyConfig(2, list);
+        const auto with = [&good](const QString &from, const QString &to) {
+            return QStringList(good).replaceInStrings(from, to);
+        };
         QTest::newRow("no tunnel up") << good << false << "no tunnel is up";
-        QTest::newRow("another device") << QStringList(good).replaceInStrings("tun0", "phys")
-                                        << true << "-tap phys is not the tunnel";
-        QTest::newRow("another server") << QStringList(good).replaceInStrings(kServer, "192.0.2.9")
-                                        << true << "is not the server OpenVPN is connected to";
-        QTest::newRow("another log") << QStringList(good).replaceInStrings("dns.log", "x.log")
-                                     << true << "log must be /var/log/hmwispd/dns.log";
-        QTest::newRow("another resource directory")
-            << QStringList(good).replaceInStrings(m_helper.resourceDir(), "/tmp") << true
-            << "not the helper's resource directory";
+        QTest::newRow("another device")
+            << with("tun0", "phys") << true << "-tap phys is not the tunnel";
+        QTest::newRow("another server")
+            << with(kServer, "192.0.2.9") << true << "is not the server OpenVPN is connected to";
+        QTest::newRow("another log")
+            << with("dns.log", "x.log") << true << "log must be /var/log/hmwispd/dns.log";
+        QTest::newRow("another resource directory") << with(m_helper.resourceDir(), "/tmp") << true
+                                                    << "not the helper's resource directory";
         QTest::newRow("server by name")
-            << QStringList(good).replaceInStrings(kServer, "vpn.example") << true
-            << "-server must be an IPv4 address";
+            << with(kServer, "vpn.example") << true << "-server must be an IPv4 address";
         QTest::newRow("device name with a path")
-            << QStringList(good).replaceInStrings("tun0", "../x") << true
-            << "-tap must be a network device name";
+            << with("tun0", "../x") << true << "-tap must be a network device name";
         QTest::newRow("extra entry")
             << good + QStringList{"-listen", "0.0.0.0:53"} << true << "unexpected entry '-listen'";
         QTest::newRow("off with a mode") << QStringList{"-f", "nothing"} + good.mid(2) << true

@@ -178,25 +178,25 @@ QCborMap HMHelperInstance::request(const QString &action, const QCborMap &params
     return request;
 }
 
+// A start request as the application sends it: the programs it names, and `key`'s list.
+static QCborMap startRequest(const HMHelperInstance &helper, const QString &action,
+                             const QString &key, const QStringList &list)
+{
+    const QCborMap daemonConfig{{QStringLiteral("openVPNPath"), helper.applicationOpenVPNLink()},
+                                {QStringLiteral("dnsProxyPath"), helper.path("app/wisproute")}};
+    return HMHelperInstance::request(action, {{QStringLiteral("daemonConfig"), daemonConfig},
+                                              {key, QCborArray::fromStringList(list)}});
+}
+
 QCborMap HMHelperInstance::startVPNRequest(const QStringList &arguments) const
 {
-    const QCborMap daemonConfig{
-        {QStringLiteral("openVPNPath"), applicationOpenVPNLink()},
-        {QStringLiteral("dnsProxyPath"), path(QStringLiteral("app/wisproute"))}};
-    return request(QStringLiteral("startVPN"),
-                   {{QStringLiteral("daemonConfig"), daemonConfig},
-                    {QStringLiteral("vpnConfig"), QCborArray::fromStringList(arguments)}});
+    return startRequest(*this, QStringLiteral("startVPN"), QStringLiteral("vpnConfig"), arguments);
 }
 
 QCborMap HMHelperInstance::startDNSProxyRequest(const QStringList &proxyConfig) const
 {
-    const QCborMap daemonConfig{
-        {QStringLiteral("openVPNPath"), applicationOpenVPNLink()},
-        {QStringLiteral("dnsProxyPath"), path(QStringLiteral("app/wisproute"))}};
-    QCborMap message =
-        request(QStringLiteral("startDNSProxy"),
-                {{QStringLiteral("daemonConfig"), daemonConfig},
-                 {QStringLiteral("proxyConfig"), QCborArray::fromStringList(proxyConfig)}});
+    QCborMap message = startRequest(*this, QStringLiteral("startDNSProxy"),
+                                    QStringLiteral("proxyConfig"), proxyConfig);
     message.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
     return message;
 }

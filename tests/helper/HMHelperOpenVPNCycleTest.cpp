@@ -1,8 +1,6 @@
-// One real cycle through the helper: an OpenVPN 2.6 server in one network namespace (the
-// lab of testing/lab/vpn-lab.sh), the helper and the client OpenVPN it starts in another.
-// The test plays the application's part on the management interface, so the tunnel really
-// comes up, the up script really sets the namespace's name servers, and stopVPN really ends
-// it all and puts them back.
+// One real cycle through the helper in the VPN lab (testing/lab/vpn-lab.sh): the test plays
+// the application's part on the management interface, so the tunnel and its name servers
+// really come and go.
 #include "HMDeflatedLog.h"
 #include "HMHelperInstance.h"
 #include "HMPathTrust.h"
@@ -12,6 +10,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QLocalSocket>
 #include <QProcess>
 #include <QtTest>
 
@@ -71,82 +70,60 @@ private:
     QString m_name;
 };
 
+// A raw connection to a Unix socket (usable in a forked child), or -1.
+int connectTo(const QString &path)
+{
+    sockaddr_un address{};
+    const QByteArray name = QFile::encodeName(path);
+    if (static_cast<size_t>(name.size()) >= sizeof(address.sun_path)) {
+        return -1;
+    }
+    address.sun_family = AF_UNIX;
+    ::memcpy(address.sun_path, name.constData(), static_cast<size_t>(name.size()));
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 // The application's side of OpenVPN's management interface, as blocking line I/O.
 class Management
 {
 public:
-    ~Management()
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-
     bool connect(const QString &path)
     {
-        m_fd = connectTo(path);
-        return m_fd >= 0;
-    }
-
-    static int connectTo(const QString &path)
-    {
-        sockaddr_un address{};
-        const QByteArray name = QFile::encodeName(path);
-        if (static_cast<size_t>(name.size()) >= sizeof(address.sun_path)) {
-            return -1;
-        }
-        address.sun_family = AF_UNIX;
-        ::memcpy(address.sun_path, name.constData(), static_cast<size_t>(name.size()));
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0 &&
-            ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
-            ::close(fd);
-            return -1;
-        }
-        return fd;
+        m_socket.connectToServer(path);
+        return m_socket.waitForConnected(5000);
     }
 
     bool send(const QByteArray &line)
     {
-        const QByteArray data = line + '\n';
-        return ::send(m_fd, data.constData(), static_cast<size_t>(data.size()), MSG_NOSIGNAL) ==
-               data.size();
+        return m_socket.write(line + '\n') == line.size() + 1 && m_socket.waitForBytesWritten(5000);
     }
 
     // Reads until a line contains `text`; every line read is kept in transcript.
     bool waitFor(const QByteArray &text, int timeoutMs)
     {
         const QDeadlineTimer deadline(timeoutMs);
-        for (;;) {
-            const int newline = m_buffer.indexOf('\n');
-            if (newline >= 0) {
-                const QByteArray line = m_buffer.left(newline).trimmed();
-                m_buffer.remove(0, newline + 1);
-                transcript << QString::fromUtf8(line);
-                if (line.contains(text)) {
+        while (m_socket.canReadLine() ||
+               (!deadline.hasExpired() &&
+                m_socket.waitForReadyRead(static_cast<int>(deadline.remainingTime())))) {
+            while (m_socket.canReadLine()) {
+                transcript << QString::fromUtf8(m_socket.readLine().trimmed());
+                if (transcript.last().contains(QString::fromUtf8(text))) {
                     return true;
                 }
-                continue;
             }
-            pollfd watch{m_fd, POLLIN, 0};
-            if (deadline.hasExpired() ||
-                ::poll(&watch, 1, static_cast<int>(deadline.remainingTime())) <= 0) {
-                return false;
-            }
-            char chunk[4096];
-            const ssize_t n = ::read(m_fd, chunk, sizeof(chunk));
-            if (n <= 0) {
-                return false;
-            }
-            m_buffer.append(chunk, n);
         }
+        return false;
     }
 
     QStringList transcript;
 
 private:
-    int m_fd = -1;
-    QByteArray m_buffer;
+    QLocalSocket m_socket;
 };
 
 // What another local user gets from the management socket: "refused" (cannot connect),
@@ -160,7 +137,7 @@ QString foreignAttempt(const QString &path, uid_t uid, gid_t group)
             ::setuid(uid) != 0) {
             ::_exit(9);
         }
-        const int fd = Management::connectTo(path);
+        const int fd = connectTo(path);
         if (fd < 0) {
             ::_exit(errno == EACCES ? 1 : 8);
         }
@@ -173,18 +150,16 @@ QString foreignAttempt(const QString &path, uid_t uid, gid_t group)
     }
     int status = 0;
     ::waitpid(child, &status, 0);
-    switch (WIFEXITED(status) ? WEXITSTATUS(status) : -1) {
-    case 1:
-        return QStringLiteral("refused");
-    case 2:
-        return QStringLiteral("closed");
-    case 3:
-        return QStringLiteral("served");
-    case 4:
-        return QStringLiteral("held");
-    default:
-        return QStringLiteral("probe failed (%1)").arg(status);
-    }
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    static const QStringList answers = {"refused", "closed", "served", "held"};
+    return code >= 1 && code <= 4 ? answers.at(code - 1)
+                                  : QStringLiteral("probe failed (%1)").arg(status);
+}
+
+// The reply's status, with the error after it when there is one.
+QString outcome(const QCborMap &reply)
+{
+    return reply.value("status").toString() + reply.value("error").toString();
 }
 
 QString readFile(const QString &path)
@@ -233,9 +208,7 @@ private:
     // free for its owner.
     void bringUp(const QCborMap &request, int *pid, bool probeForeign = false)
     {
-        const QCborMap reply = m_helper.call(request);
-        QVERIFY2(reply.value("status").toString() == "ok",
-                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
+        QCOMPARE(outcome(m_helper.call(request)), QString("ok"));
         *pid = readFile(m_helper.runDir() + "/openvpn.pid").trimmed().toInt();
         QVERIFY(*pid > 1);
         const QString socket = m_helper.managementSocket(::getuid());
@@ -259,6 +232,12 @@ private:
         QVERIFY(management.send("password \"Auth\" " + m_lab.facts.value("LAB_PASSWORD").toUtf8()));
         QVERIFY2(management.waitFor(",CONNECTED,SUCCESS,", 30000),
                  qPrintable(management.transcript.join('\n')));
+    }
+
+    void stopAndCheckGone(int pid)
+    {
+        QCOMPARE(outcome(m_helper.call(HMHelperInstance::request("stopVPN"))), QString("ok"));
+        QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
     }
 
 private Q_SLOTS:
@@ -324,7 +303,7 @@ private Q_SLOTS:
         // The up script keeps what it replaced in the helper's run directory.
         QVERIFY(QFile::exists(m_helper.runDir() + "/resolv.conf.tun0"));
 
-        QCborMap reply = m_helper.call(HMHelperInstance::request("getLogs"));
+        const QCborMap reply = m_helper.call(HMHelperInstance::request("getLogs"));
         QCOMPARE(reply.value("status").toString(), QString("ok"));
         const auto text = [&reply](const char *key) {
             const auto log =
@@ -338,10 +317,7 @@ private Q_SLOTS:
         QVERIFY(text("daemonLog")
                     .contains(QString("OpenVPN (pid %1) listens on its management port").arg(pid)));
 
-        reply = m_helper.call(HMHelperInstance::request("stopVPN"));
-        QVERIFY2(reply.value("status").toString() == "ok",
-                 qPrintable(reply.value("status").toString() + reply.value("error").toString()));
-        QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
+        stopAndCheckGone(pid);
         QCOMPARE(openVPNProcessesOf(m_helper), QStringList());
         QVERIFY(!linkExists(ns, "tun0"));
         QCOMPARE(readFile(resolvConf), originalResolvConf);
@@ -373,9 +349,7 @@ private Q_SLOTS:
         const QString copy = readFile(m_helper.runDir() + "/openvpn-client.conf");
         QVERIFY(!copy.contains("# ca.crt") && copy.contains("<key>\n-----BEGIN "));
         QVERIFY(linkExists(m_lab.facts.value("LAB_CLIENT_NAMESPACE"), "tun0"));
-        const QCborMap reply = m_helper.call(HMHelperInstance::request("stopVPN"));
-        QCOMPARE(reply.value("status").toString(), QString("ok"));
-        QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
+        stopAndCheckGone(pid);
     }
 };
 

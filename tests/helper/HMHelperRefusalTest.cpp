@@ -79,8 +79,8 @@ QString errorText(const QCborMap &reply)
 // One request from a process running as uid (its own group, plus `groups`, none when
 // empty). The process starts first and connects only once `beforeConnecting` has run, so a
 // change to the group database lands after its credentials were fixed.
-QCborMap callAs(HMHelperInstance &helper, uid_t uid, const QString &groups,
-                const QByteArray &request = "checkDNSPortOpen",
+QCborMap callAs(HMHelperInstance &helper, uid_t uid, const QCborMap &request,
+                const QString &groups = QString(),
                 const std::function<void()> &beforeConnecting = {})
 {
     QProcess probe;
@@ -90,7 +90,8 @@ QCborMap callAs(HMHelperInstance &helper, uid_t uid, const QString &groups,
          groups.isEmpty() ? QStringLiteral("--clear-groups") : QStringLiteral("--groups=") + groups,
          QStringLiteral("/bin/sh"), QStringLiteral("-c"),
          QStringLiteral("read go && exec \"$0\" \"$@\""), helper.path(QStringLiteral("bin/probe")),
-         helper.socketPath(), QString::fromUtf8(request)});
+         helper.socketPath(),
+         QString::fromUtf8(QJsonDocument(request.toJsonObject()).toJson(QJsonDocument::Compact))});
     probe.waitForStarted();
     if (beforeConnecting) {
         beforeConnecting();
@@ -104,11 +105,6 @@ QCborMap callAs(HMHelperInstance &helper, uid_t uid, const QString &groups,
                ? QCborMap::fromJsonObject(reply.object())
                : QCborMap{{QStringLiteral("status"),
                            QString("no reply: " + output + probe.readAllStandardError())}};
-}
-
-QByteArray json(const QCborMap &request)
-{
-    return QJsonDocument(request.toJsonObject()).toJson(QJsonDocument::Compact);
 }
 
 } // namespace
@@ -292,6 +288,8 @@ private Q_SLOTS:
         QTest::newRow("payload not a dictionary")
             << sendRaw(framed(QCborValue(QCborArray{QStringLiteral("stopVPN")}).toCbor()))
             << "payload is not a dictionary";
+        QTest::newRow("action not a text")
+            << send(QCborMap{{QStringLiteral("action"), 5}}) << "request has no text 'action'";
         QTest::newRow("unknown action") << send(HMHelperInstance::request("removeEverything"))
                                         << "unknown action 'removeEverything'";
         QCborMap otherDaemon = HMHelperInstance::request("stopDNSProxy");
@@ -338,9 +336,9 @@ private Q_SLOTS:
         QFETCH(QString, reason);
         const QString gid = QString::number(::getgrnam(qPrintable(kTestGroup))->gr_gid);
         bool changed = true;
-        const QCborMap reply =
-            callAs(m_helper, kNobody, carried ? gid : QString(), "checkDNSPortOpen",
-                   [&] { changed = !listed || setMember("nobody", true); });
+        const QCborMap reply = callAs(
+            m_helper, kNobody, HMHelperInstance::request("checkDNSPortOpen"),
+            carried ? gid : QString(), [&] { changed = !listed || setMember("nobody", true); });
         if (listed) {
             setMember(QStringLiteral("nobody"), false);
         }
@@ -362,22 +360,23 @@ private Q_SLOTS:
             setMember(QStringLiteral("nobody"), false);
             setMember(QStringLiteral("daemon"), false);
         });
+        const auto as = [this](uid_t uid, const QCborMap &request) {
+            return status(callAs(m_helper, uid, request));
+        };
         m_helper.setFakeOpenVPNMode("serve");
         const QCborMap start = m_helper.startVPNRequest(m_helper.applicationArguments(false, {}));
-        QCOMPARE(status(callAs(m_helper, kNobody, QString(), json(start))), QString("ok"));
+        const QCborMap stop = HMHelperInstance::request("stopVPN");
+        QCOMPARE(as(kNobody, start), QString("ok"));
         const int pid = openVPNPid();
         QVERIFY(pid > 1);
 
-        QCborMap proxy = HMHelperInstance::request("stopDNSProxy");
-        proxy.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
-        QCborMap startProxy = proxy;
-        startProxy.insert(QStringLiteral("action"), QStringLiteral("startDNSProxy"));
-        const QList<QCborMap> foreign = {start, HMHelperInstance::request("stopVPN"),
-                                         HMHelperInstance::request("getLogs"), proxy,
-                                         HMHelperInstance::request("suicide")};
+        QCborMap stopProxy = HMHelperInstance::request("stopDNSProxy");
+        stopProxy.insert(QStringLiteral("daemon"), QStringLiteral("dns"));
+        QList<QCborMap> foreign = {start, stop, stopProxy, m_helper.startDNSProxyRequest({})};
+        foreign << HMHelperInstance::request("getLogs") << HMHelperInstance::request("suicide");
         for (const QCborMap &request : foreign) {
             const QString action = request.value(QStringLiteral("action")).toString();
-            const QCborMap reply = callAs(m_helper, kDaemon, QString(), json(request));
+            const QCborMap reply = callAs(m_helper, kDaemon, request);
             QCOMPARE(status(reply), QString("error"));
             QVERIFY2(errorText(reply).contains("the running tunnel belongs to uid 65534; only "
                                                "that user or root may use " +
@@ -387,16 +386,12 @@ private Q_SLOTS:
             QCOMPARE(openVPNPid(), pid);
             QVERIFY(m_helper.isRunning());
         }
-        QCOMPARE(status(callAs(m_helper, kNobody, QString(),
-                               json(HMHelperInstance::request("getLogs")))),
-                 QString("ok"));
-        QCOMPARE(status(m_helper.call(HMHelperInstance::request("stopVPN"))), QString("ok"));
+        QCOMPARE(as(kNobody, HMHelperInstance::request("getLogs")), QString("ok"));
+        QCOMPARE(status(m_helper.call(stop)), QString("ok"));
         QVERIFY(!QFile::exists(QString("/proc/%1").arg(pid)));
 
-        QCOMPARE(status(callAs(m_helper, kDaemon, QString(), json(start))), QString("ok"));
-        QCOMPARE(status(callAs(m_helper, kDaemon, QString(),
-                               json(HMHelperInstance::request("stopVPN")))),
-                 QString("ok"));
+        QCOMPARE(as(kDaemon, start), QString("ok"));
+        QCOMPARE(as(kDaemon, stop), QString("ok"));
     }
 
     void acceptedRequestRunsOnlyTheTrustedOpenVPN()

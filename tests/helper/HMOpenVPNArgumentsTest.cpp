@@ -27,6 +27,26 @@ int indexOf(const QStringList &list, const QString &word)
     return static_cast<int>(list.indexOf(word));
 }
 
+// The word at index (counted from the end when negative) replaced by value.
+Mutation setAt(int index, const QString &value)
+{
+    return [index, value](QStringList &l) { l[index < 0 ? l.size() + index : index] = value; };
+}
+
+Mutation setAfter(const QString &option, const QString &value)
+{
+    return [option, value](QStringList &l) { l[indexOf(l, option) + 1] = value; };
+}
+
+// The application's list with its body replaced by `body` (a configuration file, say) and,
+// unless dropped, its last server kept.
+Mutation withBody(const QStringList &body, bool keepServer = true)
+{
+    return [body, keepServer](QStringList &l) {
+        l = l.mid(0, 7) + body + (keepServer ? l.mid(l.size() - 4) : QStringList());
+    };
+}
+
 } // namespace
 
 class HMOpenVPNArgumentsTest : public QObject
@@ -57,20 +77,16 @@ private Q_SLOTS:
         const int selective = static_cast<int>(HMOpenVPNArguments::Body::SelectiveRouting);
         const int full = static_cast<int>(HMOpenVPNArguments::Body::FullTunnel);
         const int config = static_cast<int>(HMOpenVPNArguments::Body::ConfigFile);
-        QTest::newRow("full tunnel, two servers")
-            << false << Mutation([](QStringList &) {}) << full << 2;
-        QTest::newRow("selective routing")
-            << true << Mutation([](QStringList &) {}) << selective << 2;
+        const Mutation none = [](QStringList &) {};
+        QTest::newRow("full tunnel, two servers") << false << none << full << 2;
+        QTest::newRow("selective routing") << true << none << selective << 2;
         QTest::newRow("no servers")
             << false << Mutation([](QStringList &l) { l = l.mid(0, l.size() - 8); }) << full << 0;
         QTest::newRow("--cd through a trailing slash")
             << false << Mutation([](QStringList &l) { l[1] += QLatin1Char('/'); }) << full << 2;
-        QTest::newRow("configuration file") << false << Mutation([](QStringList &l) {
-            l = l.mid(0, 7) + QStringList{"--config", "/home/u/my.ovpn"} + l.mid(l.size() - 4);
-        }) << config << 1;
-        QTest::newRow("IPv6 server")
-            << false << Mutation([](QStringList &l) { l[l.size() - 3] = "2001:db8::1"; }) << full
-            << 2;
+        QTest::newRow("configuration file")
+            << false << withBody({"--config", "/home/u/my.ovpn"}) << config << 1;
+        QTest::newRow("IPv6 server") << false << setAt(-3, "2001:db8::1") << full << 2;
     }
 
     void acceptedShapes()
@@ -93,15 +109,10 @@ private Q_SLOTS:
         QTest::addColumn<Mutation>("mutate");
         QTest::addColumn<QString>("reason");
 
-        const auto at = [](const QString &word) {
-            return [word](QStringList &l) { return indexOf(l, word); };
-        };
-        QTest::newRow("--cd elsewhere") << Mutation([](QStringList &l) { l[1] = "/tmp"; })
-                                        << "--cd must name the helper's resource directory";
-        QTest::newRow("--cd relative")
-            << Mutation([](QStringList &l) { l[1] = "."; }) << "--cd must name";
-        QTest::newRow("management on another port")
-            << Mutation([](QStringList &l) { l[4] = "5679"; }) << "'5679'";
+        QTest::newRow("--cd elsewhere")
+            << setAt(1, "/tmp") << "--cd must name the helper's resource directory";
+        QTest::newRow("--cd relative") << setAt(1, ".") << "--cd must name";
+        QTest::newRow("management on another port") << setAt(4, "5679") << "'5679'";
         QTest::newRow("management hold missing")
             << Mutation([](QStringList &l) { l.removeAt(5); })
             << "'--management-query-passwords' is out of place";
@@ -110,49 +121,32 @@ private Q_SLOTS:
             l.insert(indexOf(l, "--verb"), "/tmp/evil.so");
         }) << "option '--plugin' is not allowed";
         QTest::newRow("--plugin after the servers") << Mutation([](QStringList &l) {
-            l << "--plugin"
-              << "/tmp/evil.so"
-              << "x"
-              << "y";
+            l += {"--plugin", "/tmp/evil.so", "x", "y"};
         }) << "option '--plugin' is not allowed";
         QTest::newRow("unknown option")
             << Mutation([](QStringList &l) { l.insert(9, "--frobnicate"); })
             << "option '--frobnicate' is not allowed";
         QTest::newRow("foreign up script")
-            << Mutation([at](QStringList &l) { l[at("--up")(l) + 1] = "/tmp/evil.sh"; })
+            << setAfter("--up", "/tmp/evil.sh")
             << "only the shipped up/down scripts may run; refused --up '/tmp/evil.sh'";
         QTest::newRow("shipped up script with a command appended")
-            << Mutation([at](QStringList &l) { l[at("--up")(l) + 1] = kUp + "; id"; })
-            << "only the shipped up/down scripts";
+            << setAfter("--up", kUp + "; id") << "only the shipped up/down scripts";
         QTest::newRow("foreign down script")
-            << Mutation([at](QStringList &l) { l[at("--down")(l) + 1] = "evil.sh"; })
-            << "refused --down 'evil.sh'";
-        QTest::newRow("log elsewhere")
-            << Mutation([at](QStringList &l) { l[at("--log")(l) + 1] = "/etc/cron.d/x"; })
-            << "OpenVPN's log must be /var/log/hmwispd/vpn.log";
-        QTest::newRow("script security raised")
-            << Mutation([at](QStringList &l) { l[at("--script-security")(l) + 1] = "4"; }) << "'4'";
+            << setAfter("--down", "evil.sh") << "refused --down 'evil.sh'";
+        QTest::newRow("log elsewhere") << setAfter("--log", "/etc/cron.d/x")
+                                       << "OpenVPN's log must be /var/log/hmwispd/vpn.log";
+        QTest::newRow("script security raised") << setAfter("--script-security", "4") << "'4'";
         QTest::newRow("body cut short")
             << Mutation([](QStringList &l) { l = l.mid(0, indexOf(l, "--verb")); })
             << "argument list ends";
-        QTest::newRow("server port 0")
-            << Mutation([](QStringList &l) { l[l.size() - 2] = "0"; }) << "port '0' is not a port";
-        QTest::newRow("server port 65536")
-            << Mutation([](QStringList &l) { l[l.size() - 2] = "65536"; }) << "port '65536'";
-        QTest::newRow("server port with letters")
-            << Mutation([](QStringList &l) { l[l.size() - 2] = "443x"; }) << "port '443x'";
-        QTest::newRow("option-looking host")
-            << Mutation([](QStringList &l) { l[l.size() - 3] = "--up"; })
-            << "host '--up' is not a host";
-        QTest::newRow("host with a dash first")
-            << Mutation([](QStringList &l) { l[l.size() - 3] = "-x.example"; })
-            << "host '-x.example'";
-        QTest::newRow("host with a path")
-            << Mutation([](QStringList &l) { l[l.size() - 3] = "a/b"; }) << "host 'a/b'";
-        QTest::newRow("host with a blank")
-            << Mutation([](QStringList &l) { l[l.size() - 3] = "a b"; }) << "host 'a b'";
-        QTest::newRow("other protocol")
-            << Mutation([](QStringList &l) { l[l.size() - 1] = "udp6"; }) << "protocol 'udp6'";
+        QTest::newRow("server port 0") << setAt(-2, "0") << "port '0' is not a port";
+        QTest::newRow("server port 65536") << setAt(-2, "65536") << "port '65536'";
+        QTest::newRow("server port with letters") << setAt(-2, "443x") << "port '443x'";
+        QTest::newRow("option-looking host") << setAt(-3, "--up") << "host '--up' is not a host";
+        QTest::newRow("host with a dash first") << setAt(-3, "-x.example") << "host '-x.example'";
+        QTest::newRow("host with a path") << setAt(-3, "a/b") << "host 'a/b'";
+        QTest::newRow("host with a blank") << setAt(-3, "a b") << "host 'a b'";
+        QTest::newRow("other protocol") << setAt(-1, "udp6") << "protocol 'udp6'";
         QTest::newRow("too many servers") << Mutation([](QStringList &l) {
             for (int i = 0; i < HMOpenVPNArguments::kMaxRemotes; ++i) {
                 l += QStringList{"--remote", "h.example", "1194", "udp"};
@@ -160,12 +154,12 @@ private Q_SLOTS:
         }) << "more than 64";
         QTest::newRow("incomplete server") << Mutation([](QStringList &l) { l.removeLast(); })
                                            << "--remote needs a host, a port and a protocol";
-        QTest::newRow("relative configuration file") << Mutation([](QStringList &l) {
-            l = l.mid(0, 7) + QStringList{"--config", "my.ovpn"};
-        }) << "--config must be followed by an absolute file path";
-        QTest::newRow("configuration file plus options") << Mutation([](QStringList &l) {
-            l = l.mid(0, 7) + QStringList{"--config", "/home/u/my.ovpn", "--up", "x"};
-        }) << "option '--up' is not allowed";
+        QTest::newRow("relative configuration file")
+            << withBody({"--config", "my.ovpn"}, false)
+            << "--config must be followed by an absolute file path";
+        QTest::newRow("configuration file plus options")
+            << withBody({"--config", "/home/u/my.ovpn", "--up", "x"}, false)
+            << "option '--up' is not allowed";
     }
 
     void refusedLists()
@@ -221,8 +215,7 @@ private Q_SLOTS:
     void builtListUsesTheSanitisedCopy()
     {
         QStringList requested = applicationList(m_resources.path(), false);
-        requested = requested.mid(0, 7) + QStringList{"--config", "/home/u/my.ovpn"} +
-                    requested.mid(requested.size() - 4);
+        withBody({"--config", "/home/u/my.ovpn"})(requested);
         QString error;
         const auto launch = HMOpenVPNArguments::parse(requested, m_resources.path(), &error);
         QVERIFY2(launch, qPrintable(error));
