@@ -12,6 +12,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTest>
 #include <csignal>
 
@@ -22,9 +23,7 @@ constexpr int kConnected = 2; // the control interface's State
 QString routes()
 {
     QProcess ip;
-    ip.start(HMTestEnvironment::findProgram(QStringLiteral("ip")),
-             {QStringLiteral("-4"), QStringLiteral("route"), QStringLiteral("show"),
-              QStringLiteral("table"), QStringLiteral("all")});
+    ip.start(HMTestEnvironment::findProgram("ip"), {"-4", "route", "show", "table", "all"});
     ip.waitForFinished(5000);
     return QString::fromUtf8(ip.readAllStandardOutput());
 }
@@ -32,28 +31,18 @@ QString routes()
 // The helper's log lines from `from` on.
 QStringList helperLog(qsizetype from = 0)
 {
-    QFile log(HMVPNLabClient::lab("LAB_HELPER_LOGS") + QStringLiteral("/daemon.log"));
+    QFile log(HMVPNLabClient::lab("LAB_HELPER_LOGS") + "/daemon.log");
     if (!log.open(QIODevice::ReadOnly)) {
         return {};
     }
-    return QString::fromUtf8(log.readAll()).split(QLatin1Char('\n')).mid(from);
-}
-
-qsizetype firstLine(const QStringList &lines, const QString &fragment)
-{
-    for (qsizetype i = 0; i < lines.size(); ++i) {
-        if (lines.at(i).contains(fragment)) {
-            return i;
-        }
-    }
-    return -1;
+    return QString::fromUtf8(log.readAll()).split('\n').mid(from);
 }
 
 bool asksForToken(const QJsonValue &request)
 {
     const QString value =
-        request.toObject().value(QStringLiteral("params")).toObject().value("getToken").toString();
-    return value == QLatin1String("true") || value == QLatin1String("1");
+        request.toObject().value("params").toObject().value("getToken").toString();
+    return value == "true" || value == "1";
 }
 
 } // namespace
@@ -69,8 +58,7 @@ private:
 
     bool connectAndWait()
     {
-        return HMLabApplication::ctl({QStringLiteral("connect"), QStringLiteral("--wait")}).exit ==
-                   0 &&
+        return HMLabApplication::ctl({"connect", "--wait"}).exit == 0 &&
                HMVPNLabClient::trackedOpenVPN() > 0;
     }
 
@@ -95,14 +83,13 @@ private Q_SLOTS:
         const QString fail = HMVPNLabClient::failReason();
         QVERIFY2(fail.isEmpty(), qPrintable(fail));
         const QString control = HMVPNLabClient::lab("LAB_SERVICE_CONTROL");
-        m_service.attach(control.section(QLatin1Char(':'), 0, 0),
-                         control.section(QLatin1Char(':'), 1).toInt());
+        m_service.attach(control.section(':', 0, 0), control.section(':', 1).toInt());
         m_routesBefore = routes();
 
         QString why;
         QVERIFY2(m_app.start(&why), qPrintable(why));
         const HMLabApplication::Result login =
-            HMLabApplication::ctl({QStringLiteral("login"), HMVPNLabClient::lab("LAB_USER")},
+            HMLabApplication::ctl({"login", HMVPNLabClient::lab("LAB_USER")},
                                   HMVPNLabClient::lab("LAB_PASSWORD").toUtf8() + '\n');
         QVERIFY2(login.exit == 0, qPrintable(login.err));
     }
@@ -110,7 +97,7 @@ private Q_SLOTS:
     void cleanup()
     {
         if (m_app.isRunning()) {
-            HMLabApplication::ctl({QStringLiteral("disconnect"), QStringLiteral("--wait")});
+            HMLabApplication::ctl({"disconnect", "--wait"});
         }
         QTRY_VERIFY_WITH_TIMEOUT(HMVPNLabClient::openVPNProcesses().isEmpty(), 10000);
         QTRY_VERIFY_WITH_TIMEOUT(HMVPNLabClient::tunDevices().isEmpty(), 10000);
@@ -135,11 +122,11 @@ private Q_SLOTS:
         m_service.clearRequests();
         const qsizetype logStart = helperLog().size() - 1;
         restart(true);
-        const QJsonArray signIns = m_service.requestsTo(QStringLiteral("/core/register"));
+        const QJsonArray signIns = m_service.requestsTo("/core/register");
         QVERIFY2(signIns.size() >= 2, "no start-up token request and renewal");
         QVERIFY2(!asksForToken(signIns.first()), "the start-up request asked for a VPN token");
         QVERIFY(asksForToken(signIns.last()));
-        QCOMPARE(helperLog(logStart).filter(QStringLiteral("started OpenVPN")).size(), 1);
+        QCOMPARE(helperLog(logStart).filter("started OpenVPN").size(), 1);
     }
 
     void killedRunLeavesAnOrphanTheNextStartStops()
@@ -156,7 +143,7 @@ private Q_SLOTS:
         // What a quit while Connected leaves, so that the next start wants to reconnect.
         {
             HMPreferenceStore store(HMPreferenceStore::defaultFilePath());
-            store.setValue(QStringLiteral("shouldReconnect"), true);
+            store.setValue("shouldReconnect", true);
             store.sync();
         }
         const qsizetype logStart = helperLog().size() - 1;
@@ -168,10 +155,11 @@ private Q_SLOTS:
         // The orphan was stopped on its own, before the reconnect asked for a new OpenVPN
         // (which would otherwise have replaced it).
         const QStringList log = helperLog(logStart);
-        const qsizetype stopped =
-            firstLine(log, QStringLiteral("stopped OpenVPN (pid %1)").arg(orphan));
-        const qsizetype started = firstLine(log, QStringLiteral("startVPN from"));
-        QVERIFY2(stopped >= 0 && started > stopped, qPrintable(log.join(QLatin1Char('\n'))));
+        // (indexOf takes whole lines: hence the ".*" around.)
+        const qsizetype stopped = log.indexOf(
+            QRegularExpression(QString(".*stopped OpenVPN \\(pid %1\\).*").arg(orphan)));
+        const qsizetype started = log.indexOf(QRegularExpression(".*startVPN from.*"));
+        QVERIFY2(stopped >= 0 && started > stopped, qPrintable(log.join('\n')));
     }
 };
 

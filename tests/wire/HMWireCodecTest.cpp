@@ -79,63 +79,67 @@ private Q_SLOTS:
         }
     }
 
-    void nestingLimitIsTheCallersChoice()
+    void acceptsPayloadsWithinTheLimits_data()
     {
-        HMWireMaybeError error;
-        QVERIFY(decode_dictionary(nestedArrays(kHMWireMaxNesting - 1), &error).has_value());
-        QVERIFY2(!error, qPrintable(error ? error->description : QString()));
-        const QByteArray payload = QByteArray::fromHex("a16161a1616281a0"); // {"a": {"b": [{}]}}
-        QVERIFY(decode_dictionary(payload, &error, 4).has_value());
-        QVERIFY(!decode_dictionary(payload, &error, 3).has_value());
-        QCOMPARE(error->code, long(HMWire::PayloadTooDeep));
+        QTest::addColumn<QByteArray>("payload");
+        QTest::addColumn<int>("maxNesting");
+        QTest::newRow("indefinite-length map") // {_ "action": "stopVPN"}
+            << QByteArray::fromHex("bf66616374696f6e6773746f7056504eff") << kHMWireMaxNesting;
+        QTest::newRow("deepest allowed")
+            << nestedArrays(kHMWireMaxNesting - 1) << kHMWireMaxNesting;
+        QTest::newRow("caller's own limit, reached") // {"a": {"b": [{}]}}
+            << QByteArray::fromHex("a16161a1616281a0") << 4;
     }
-
-    void acceptsIndefiniteLengthContainers()
+    void acceptsPayloadsWithinTheLimits()
     {
-        // {_ "action": "stopVPN"} with a break byte instead of a count.
+        QFETCH(QByteArray, payload);
+        QFETCH(int, maxNesting);
         HMWireMaybeError error;
-        const auto map =
-            decode_dictionary(QByteArray::fromHex("bf66616374696f6e6773746f7056504eff"), &error);
-        QVERIFY(map.has_value());
-        QCOMPARE(map->value(QStringLiteral("action")).toString(), QStringLiteral("stopVPN"));
+        const std::optional<QCborMap> map = decode_dictionary(payload, &error, maxNesting);
+        QVERIFY2(!error, qPrintable(error ? error->description : QString()));
+        QCOMPARE(map.value_or(QCborMap()), QCborValue::fromCbor(payload).toMap());
+        QVERIFY(decode_variant_dictionary(payload, &error, maxNesting).has_value());
     }
 
     void rejectsBadPayloads_data()
     {
         QTest::addColumn<QByteArray>("payload");
+        QTest::addColumn<int>("maxNesting");
         QTest::addColumn<long>("code");
-        QTest::newRow("empty") << QByteArray() << long(HMWire::PayloadMalformed);
-        QTest::newRow("array") << QByteArray::fromHex("8101") << long(HMWire::PayloadNotMap);
-        QTest::newRow("integer key")
-            << QByteArray::fromHex("a10101") << long(HMWire::PayloadNotMap);
-        QTest::newRow("nested integer key")
-            << QByteArray::fromHex("a16170a10101") << long(HMWire::PayloadNotMap);
-        QTest::newRow("tagged value")
-            << QByteArray::fromHex("a16161c11a5f5e1000") << long(HMWire::PayloadNotMap);
-        QTest::newRow("map cut short")
-            << QByteArray::fromHex("a2616101") << long(HMWire::PayloadMalformed);
-        QTest::newRow("text cut short")
-            << QByteArray::fromHex("a1616166616263") << long(HMWire::PayloadMalformed);
-        QTest::newRow("bytes after the map")
-            << QByteArray::fromHex("a1616101ff") << long(HMWire::PayloadMalformed);
-        QTest::newRow("invalid UTF-8 value")
-            << QByteArray::fromHex("a1616162c328") << long(HMWire::PayloadMalformed);
-        QTest::newRow("one level too deep")
-            << nestedArrays(kHMWireMaxNesting) << long(HMWire::PayloadTooDeep);
+        const auto row = [](const char *name, const QByteArray &payload, long code,
+                            int maxNesting = kHMWireMaxNesting) {
+            QTest::newRow(name) << payload << maxNesting << code;
+        };
+        const auto hex = [](const char *text) { return QByteArray::fromHex(text); };
+        row("empty", QByteArray(), HMWire::PayloadMalformed);
+        row("array", hex("8101"), HMWire::PayloadNotMap);
+        row("integer key", hex("a10101"), HMWire::PayloadNotMap);
+        row("nested integer key", hex("a16170a10101"), HMWire::PayloadNotMap);
+        row("tagged value", hex("a16161c11a5f5e1000"), HMWire::PayloadNotMap);
+        row("map cut short", hex("a2616101"), HMWire::PayloadMalformed);
+        row("text cut short", hex("a1616166616263"), HMWire::PayloadMalformed);
+        row("bytes after the map", hex("a1616101ff"), HMWire::PayloadMalformed);
+        row("invalid UTF-8 value", hex("a1616162c328"), HMWire::PayloadMalformed);
+        row("one level too deep", nestedArrays(kHMWireMaxNesting), HMWire::PayloadTooDeep);
+        row("deeper than the caller's limit", hex("a16161a1616281a0"), HMWire::PayloadTooDeep, 3);
         // Far beyond any stack: must be refused by counting, not by crashing.
-        QTest::newRow("a megabyte of nesting")
-            << nestedArrays(1024 * 1024) << long(HMWire::PayloadTooDeep);
+        row("a megabyte of nesting", nestedArrays(1024 * 1024), HMWire::PayloadTooDeep);
     }
     void rejectsBadPayloads()
     {
         QFETCH(QByteArray, payload);
+        QFETCH(int, maxNesting);
         QFETCH(long, code);
         HMWireMaybeError error;
-        QVERIFY(!decode_dictionary(payload, &error).has_value());
+        QVERIFY(!decode_dictionary(payload, &error, maxNesting).has_value());
         QVERIFY(error.has_value());
         QCOMPARE(error->domain, QStringLiteral("wire"));
         QCOMPARE(error->code, code);
         QVERIFY(!error->description.isEmpty());
+        // The application's reader of replies refuses the same.
+        HMWireMaybeError variantError;
+        QVERIFY(!decode_variant_dictionary(payload, &variantError, maxNesting).has_value());
+        QCOMPARE(variantError.value_or(HMWireError()).code, code);
     }
 };
 
