@@ -57,12 +57,12 @@ QString findProgram(const QString &name)
 
 QString sourceDir()
 {
-    return qEnvironmentVariable("HM_SOURCE_DIR");
+    return qEnvironmentVariable("HM_SOURCE_DIR", QStringLiteral(HM_DEFAULT_SOURCE_DIR));
 }
 
 QString buildDir()
 {
-    return qEnvironmentVariable("HM_BUILD_DIR");
+    return qEnvironmentVariable("HM_BUILD_DIR", QStringLiteral(HM_DEFAULT_BUILD_DIR));
 }
 
 bool writeFile(const QString &path, const QByteArray &content)
