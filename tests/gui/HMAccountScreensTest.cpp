@@ -100,11 +100,13 @@ private Q_SLOTS:
     }
 
     // A slow service: the button shows progress, a second press sends nothing more, a
-    // refusal shows the service's own text and nothing is announced.
+    // refusal shows the service's own text (or, without one, still says something) and
+    // nothing is announced.
     void signInSendsOnceAndShowsRefusal()
     {
         putAccount(QStringLiteral("ann@example.test"), true);
-        m_bed.service.addFault(QJsonObject{{"path", "/core/register"}, {"delayMs", 700}});
+        m_bed.service.addFault(
+            QJsonObject{{"path", "/core/register"}, {"delayMs", 700}, {"times", 1}});
         HMLoginViewController login(presenter(), context());
         login.findChild<QLineEdit *>("emailField")->setText(QStringLiteral("ann@example.test"));
         auto *password = login.findChild<QLineEdit *>("passwordField");
@@ -122,6 +124,12 @@ private Q_SLOTS:
         QCOMPARE(signIn->text(), QStringLiteral("Sign In"));
         QCOMPARE(m_didLogIn, 0);
         QVERIFY(presenter().presented.isEmpty());
+
+        m_bed.service.addFault(QJsonObject{
+            {"path", "/core/register"}, {"body", "{\"status\":\"fail\"}"}, {"times", 1}});
+        QTest::mouseClick(signIn, Qt::LeftButton);
+        QTRY_VERIFY(label(login, "errorLabel").startsWith("The Hollowmere service refused"));
+        QCOMPARE(m_didLogIn, 0);
     }
 
     void signInAnnouncesAndMovesOnByVerification_data()

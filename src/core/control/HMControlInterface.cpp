@@ -257,19 +257,15 @@ HMControlInterface::Completion HMControlInterface::replyLater()
     const QDBusMessage call = message();
     QDBusConnection bus = connection();
     return [call, bus](const HMMaybeError &error) mutable {
-        bus.send(error ? call.createErrorReply(errorName(QStringLiteral("Failed")),
-                                               error->localizedDescription().isEmpty()
-                                                   ? error->description()
-                                                   : error->localizedDescription())
-                       : call.createReply());
+        bus.send(
+            error ? call.createErrorReply(errorName(QStringLiteral("Failed")), error->displayText())
+                  : call.createReply());
     };
 }
 
 void HMControlInterface::setLastError(const HMMaybeError &error)
 {
-    m_lastError = error ? (error->localizedDescription().isEmpty() ? error->description()
-                                                                   : error->localizedDescription())
-                        : QString();
+    m_lastError = error ? error->displayText() : QString();
     refresh();
 }
 

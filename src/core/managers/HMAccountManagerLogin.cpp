@@ -26,6 +26,17 @@ QString textField(const QVariantMap &reply, const char *key)
     return value.typeId() == QMetaType::QString ? value.toString() : QString();
 }
 
+// The service's own refusal: its text is the description, as callers expect, and where the
+// service gave none a reason stands in for the screens to show.
+HMError refusal(const QString &text)
+{
+    return HMError::errorWithCode(
+        0, text,
+        text.isEmpty() ? QStringLiteral("The Hollowmere service refused the request without "
+                                        "giving a reason. Please try again later.")
+                       : QString());
+}
+
 bool boolField(const QVariantMap &reply, const char *key)
 {
     return pref_bool_value(reply.value(QLatin1String(key)));
@@ -153,7 +164,7 @@ void HMAccountManager::signIn(const QString &username, const QString &password, 
                                         QLatin1String("ok") &&
                                     !message.contains(QLatin1String("has not been confirmed"))) {
                                     if (completion) {
-                                        completion(HMError::errorWithDescription(message));
+                                        completion(refusal(message));
                                     }
                                     return;
                                 }
@@ -274,8 +285,7 @@ void HMAccountManager::addAccountWithUsername(const QString &username, const QSt
                 loginWithUsername(username, password, false, completion);
                 return;
             }
-            const HMError failure =
-                error ? *error : HMError::errorWithDescription(textField(reply, "details"));
+            const HMError failure = error ? *error : refusal(textField(reply, "details"));
             HMLogError(error ? error->description() : failure.localizedDescription());
             if (completion) {
                 completion(failure);
@@ -402,7 +412,7 @@ void HMAccountManager::updateTwitterID(const QString &twitterID, Completion comp
                 reply.value(QStringLiteral("status")).toString() == QLatin1String("pass")) {
                 setTwitterID(twitterID);
             } else if (!error) {
-                failure = HMError::errorWithDescription(textField(reply, "details"));
+                failure = refusal(textField(reply, "details"));
             }
             if (failure) {
                 HMLogError(failure->description());

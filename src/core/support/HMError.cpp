@@ -42,6 +42,14 @@ QString HMError::description() const
     return QStringLiteral("%1 [%2](%3)").arg(m_description, m_domain, QString::number(m_code));
 }
 
+QString HMError::displayText() const
+{
+    if (!m_description.isEmpty()) {
+        return m_description;
+    }
+    return m_reason.isEmpty() ? description().trimmed() : m_reason;
+}
+
 void HMError::setUserInfoValue(const QString &key, const QVariant &value)
 {
     m_extraInfo.insert(key, value);

@@ -41,6 +41,9 @@ public:
     QVariant userInfoValue(const QString &key) const { return userInfo().value(key); }
     // "%@ [%@](%ld)": what every log line that prints an error shows.
     QString description() const;
+    // What a screen or the command line shows: the description, else the failure reason,
+    // else the printed form, so that a failure never reads as an empty message.
+    QString displayText() const;
 
     bool operator==(const HMError &other) const;
 

@@ -157,7 +157,7 @@ void HMCreateAccountViewController::didPressNext()
             self->m_busy = false;
             HMTheme::setButtonBusy(self->m_ui->nextButton, false, QString());
             if (error) {
-                self->m_ui->errorLabel->setText(error->localizedDescription());
+                self->m_ui->errorLabel->setText(error->displayText());
                 return;
             }
             HMLoginViewController::continueAfterSignIn(self->m_presenter, self->m_context);

@@ -87,7 +87,7 @@ void HMDiagnosticsViewController::finishActivity(const HMMaybeError &error)
     m_ui->activityBar->setVisible(false);
     enableEverything();
     if (error) {
-        m_ui->errorLabel->setText(error->localizedDescription());
+        m_ui->errorLabel->setText(error->displayText());
         QAccessibleEvent event(m_ui->errorLabel, QAccessible::NameChanged);
         QAccessible::updateAccessibility(&event);
     }

@@ -80,7 +80,7 @@ void HMLoginViewController::didPressSignIn()
             self->m_ui->passwordField->setEnabled(true);
             self->updateSignInButton();
             if (error) {
-                self->m_ui->errorLabel->setText(error->localizedDescription());
+                self->m_ui->errorLabel->setText(error->displayText());
                 self->m_ui->passwordField->setFocus();
                 return;
             }

@@ -60,7 +60,7 @@ void HMVerifyEmailViewController::didPressCheckAgain()
         HMTheme::setButtonBusy(self->m_ui->checkAgainButton, false, QString());
         self->setBusy(false);
         if (error) {
-            self->m_ui->errorLabel->setText(error->localizedDescription());
+            self->m_ui->errorLabel->setText(error->displayText());
             return;
         }
         self->m_presenter.closeWindow();
@@ -84,7 +84,7 @@ void HMVerifyEmailViewController::didPressResend()
         HMTheme::setButtonBusy(self->m_ui->resendButton, false, QString());
         self->setBusy(false);
         if (error) {
-            self->m_ui->errorLabel->setText(error->localizedDescription());
+            self->m_ui->errorLabel->setText(error->displayText());
             return;
         }
         // Good news in the error line, so in the quiet colour; the next error restores red.

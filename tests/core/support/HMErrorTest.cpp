@@ -29,6 +29,29 @@ private Q_SLOTS:
         QCOMPARE(error.localizedDescription(), description);
     }
 
+    void displayTextIsNeverEmpty_data()
+    {
+        QTest::addColumn<QString>("description");
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("description first") << "Refused"
+                                           << "Why"
+                                           << "Refused";
+        QTest::newRow("reason without a description") << ""
+                                                      << "Why"
+                                                      << "Why";
+        QTest::newRow("neither") << ""
+                                 << ""
+                                 << "[hmwisp](4)";
+    }
+    void displayTextIsNeverEmpty()
+    {
+        QFETCH(QString, description);
+        QFETCH(QString, reason);
+        QFETCH(QString, shown);
+        QCOMPARE(HMError::errorWithCode(4, description, reason).displayText(), shown);
+    }
+
     void shortcutsUseAppDomainAndCodeZero()
     {
         const HMError error = HMError::errorWithDescription("Must be logged in");
