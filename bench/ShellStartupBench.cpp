@@ -9,6 +9,10 @@
 //   tests/support/with-desktop-session.sh tests/support/with-secret-service.sh
 //       build/bench/hm-bench-shell [IDLE_SECONDS]      (one command line)
 //
+// With HM_BENCH_SMAPS_DIR set, each measured state's /proc/PID/smaps is saved there
+// (reference, signed-out, signed-in, panel-closed .smaps): where the memory sits, library by
+// library, when a figure moves.
+//
 // The application runs as hm-shell-testapp, which differs from `hollowmere` only in taking
 // the helper as installed, and never connects. It starts twice: signed out, where it shows
 // the launch screen and has no tray item; then signed in (the password goes to the session's
@@ -66,6 +70,20 @@ long smapsField(qint64 pid, const char *field)
     return long(HMProcFile::fieldKiB(QStringLiteral("/proc/%1/smaps_rollup").arg(pid), field));
 }
 
+void saveSmaps(qint64 pid, const QString &state)
+{
+    const QString folder = qEnvironmentVariable("HM_BENCH_SMAPS_DIR");
+    if (folder.isEmpty()) {
+        return;
+    }
+    QFile smaps(QStringLiteral("/proc/%1/smaps").arg(pid));
+    QFile saved(QDir(folder).filePath(state + QStringLiteral(".smaps")));
+    if (!smaps.open(QIODevice::ReadOnly) || !saved.open(QIODevice::WriteOnly) ||
+        saved.write(smaps.readAll()) < 0) {
+        std::fprintf(stderr, "cannot save the memory map of %s\n", qPrintable(state));
+    }
+}
+
 // Context switches of each live thread. A thread that ends takes its count with it, so
 // windows are compared thread by thread.
 QHash<QString, long> contextSwitches(qint64 pid)
@@ -118,8 +136,8 @@ bool clickItem(const QString &item)
     return true;
 }
 
-Figures measure(const QString &program, const QStringList &arguments, ItemWatch &watch,
-                int idleSeconds, bool hasItem, bool openPanel)
+Figures measure(const QString &state, const QString &program, const QStringList &arguments,
+                ItemWatch &watch, int idleSeconds, bool hasItem, bool openPanel)
 {
     Figures figures;
     QProcess process;
@@ -149,6 +167,7 @@ Figures measure(const QString &program, const QStringList &arguments, ItemWatch 
     waitMs(35000);
     figures.rssKiB = smapsField(process.processId(), "Rss:");
     figures.pssKiB = smapsField(process.processId(), "Pss:");
+    saveSmaps(process.processId(), state);
     const QHash<QString, long> before = contextSwitches(process.processId());
     waitMs(idleSeconds * 1000);
     const QHash<QString, long> after = contextSwitches(process.processId());
@@ -161,6 +180,7 @@ Figures measure(const QString &program, const QStringList &arguments, ItemWatch 
             waitMs(10000);
             figures.panelClosedRssKiB = smapsField(process.processId(), "Rss:");
             figures.panelClosedPssKiB = smapsField(process.processId(), "Pss:");
+            saveSmaps(process.processId(), QStringLiteral("panel-closed"));
         }
     }
     ::kill(pid_t(process.processId()), SIGTERM);
@@ -189,11 +209,11 @@ int main(int argc, char **argv)
                 QStringLiteral("StatusNotifierItemRegistered"), &watch, SLOT(registered(QString)));
     waitMs(500);
 
-    const Figures minimal =
-        measure(QStringLiteral(HM_BENCH_MINIMAL), {}, watch, idleSeconds, true, false);
+    const Figures minimal = measure(QStringLiteral("reference"), QStringLiteral(HM_BENCH_MINIMAL),
+                                    {}, watch, idleSeconds, true, false);
     const QStringList appArguments{QStringLiteral("/nonexistent/helper.socket")};
-    const Figures signedOut =
-        measure(QStringLiteral(HM_BENCH_SHELL), appArguments, watch, idleSeconds, false, false);
+    const Figures signedOut = measure(QStringLiteral("signed-out"), QStringLiteral(HM_BENCH_SHELL),
+                                      appArguments, watch, idleSeconds, false, false);
 
     // Signed in and verified, never connected.
     {
@@ -211,8 +231,8 @@ int main(int argc, char **argv)
             return 1;
         }
     }
-    const Figures signedIn =
-        measure(QStringLiteral(HM_BENCH_SHELL), appArguments, watch, idleSeconds, true, true);
+    const Figures signedIn = measure(QStringLiteral("signed-in"), QStringLiteral(HM_BENCH_SHELL),
+                                     appArguments, watch, idleSeconds, true, true);
     watcher.kill();
     watcher.waitForFinished();
 

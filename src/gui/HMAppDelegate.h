@@ -77,6 +77,9 @@ public:
 
     static Collaborators production();
 
+    // Process-wide settings that must be in place before the QApplication is made.
+    static void prepareProcess();
+
     // The collaborators are asked for once logging is set up, so that nothing they do at
     // construction escapes the log.
     explicit HMAppDelegate(std::function<Collaborators()> collaborators, QObject *parent = nullptr);

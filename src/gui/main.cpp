@@ -8,6 +8,7 @@
 
 int main(int argc, char **argv)
 {
+    HMAppDelegate::prepareProcess();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Hollowmere"));
     QApplication::setOrganizationDomain(QStringLiteral("hollowmere.com"));

@@ -185,6 +185,7 @@ private Q_SLOTS:
     void nextLaunchReconnectsAfterTheTokenRequest();
     void sleepDisconnectsFirstAndWakeReconnects();
     void trayLessProgramIsSingleAndQuitsOnSignal();
+    void regularExpressionsLeaveNoWritableCode();
 
 private:
     std::unique_ptr<QTemporaryDir> m_home;
@@ -193,6 +194,8 @@ private:
 
 void HMAppDelegateTest::initTestCase()
 {
+    // As main() does, before anything in this process has matched a pattern.
+    HMAppDelegate::prepareProcess();
     if (qEnvironmentVariableIsEmpty("HM_DESKTOP_SESSION")) {
         QSKIP("needs a throw-away desktop session: run through with-desktop-session.sh");
     }
@@ -669,6 +672,18 @@ void HMAppDelegateTest::trayLessProgramIsSingleAndQuitsOnSignal()
     const QString logs = readLogs(home.filePath("STATE"));
     QVERIFY(logs.contains("Raised by a second launch"));
     QVERIFY(logs.contains("Quitting..."));
+}
+
+void HMAppDelegateTest::regularExpressionsLeaveNoWritableCode()
+{
+    const QRegularExpression pattern("^[0-9a-f]{8}\\.[0-9]$");
+    for (int i = 0; i < 20; ++i) {
+        QVERIFY(pattern.match(QString("%1.0").arg(0x5f0a3c1d + i, 8, 16)).hasMatch());
+    }
+    const QByteArray maps = HMTestEnvironment::readFile("/proc/self/maps");
+    for (const QByteArray &line : maps.split('\n')) {
+        QVERIFY2(line.split(' ').value(1) != "rwxp", line.constData());
+    }
 }
 
 QTEST_MAIN(HMAppDelegateTest)

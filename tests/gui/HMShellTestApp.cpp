@@ -11,6 +11,7 @@
 
 int main(int argc, char **argv)
 {
+    HMAppDelegate::prepareProcess();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Hollowmere"));
     QApplication::setApplicationVersion(app_version());
