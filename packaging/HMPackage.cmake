@@ -21,7 +21,9 @@ set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "https://www.hollowmere.com/")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "openvpn (>= 2.6), pkexec, polkitd, dbus-user-session | dbus-x11, adduser, libqt6svg6")
+# libssl3 for libcrypto.so.3, which the keyring session loads at run time (shlibdeps cannot
+# see it).
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "openvpn (>= 2.6), pkexec, polkitd, dbus-user-session | dbus-x11, adduser, libqt6svg6, libssl3")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "qt6-wayland, gnome-keyring | keepassxc")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "gnome-shell-extension-appindicator")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA

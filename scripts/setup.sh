@@ -7,7 +7,7 @@ packages=(
   # build
   build-essential cmake ninja-build pkg-config clang-format ccache
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev libgl-dev
-  libgcrypt20-dev libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
+  libspdlog-dev libfmt-dev libminizip-dev zlib1g-dev libsystemd-dev
   libssl-dev libcpp-httplib-dev
   # the DNS proxy: DNS messages, capabilities
   libldns-dev libcap-dev

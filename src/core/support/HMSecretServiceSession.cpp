@@ -1,5 +1,6 @@
 #include "HMSecretServiceSession.h"
 
+#include "HMLibCrypto.h"
 #include "HMSecretServiceKeychain.h"
 
 #include <QDBusConnection>
@@ -7,7 +8,6 @@
 #include <QDBusMetaType>
 #include <QDBusVariant>
 #include <cstring>
-#include <gcrypt.h>
 #include <mutex>
 #include <utility>
 
@@ -56,94 +56,99 @@ void wipe(QByteArray &bytes)
     bytes.clear();
 }
 
-// libgcrypt wants one initialisation per process; another library may have done it.
-bool cryptoReady()
+// Owns one big number, wiped when released.
+class Number
 {
-    static std::once_flag once;
-    static bool ready = false;
-    std::call_once(once, [] {
-        if (!gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P)) {
-            if (!gcry_check_version(GCRYPT_VERSION)) {
-                return;
-            }
-            // Locked memory needs a privilege a desktop user lacks; our buffers are wiped.
-            gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
-            gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
-        }
-        ready = true;
-    });
-    return ready;
-}
+public:
+    Number(const HMLibCrypto &c, const QByteArray &bytes)
+        : m_c(c), m_value(c.BN_bin2bn(reinterpret_cast<const unsigned char *>(bytes.constData()),
+                                      int(bytes.size()), nullptr))
+    {}
+    ~Number() { m_c.BN_clear_free(m_value); }
+    Number(const Number &) = delete;
+    Number &operator=(const Number &) = delete;
 
-// Owns one big number: released once, however it was made.
-struct Mpi
-{
-    gcry_mpi_t value = nullptr;
-    explicit Mpi(gcry_mpi_t v = nullptr) : value(v) {}
-    Mpi(Mpi &&other) noexcept : value(std::exchange(other.value, nullptr)) {}
-    Mpi(const Mpi &) = delete;
-    Mpi &operator=(const Mpi &) = delete;
-    Mpi &operator=(Mpi &&) = delete;
-    ~Mpi() { gcry_mpi_release(value); }
-    static Mpi scan(const QByteArray &bytes)
+    BIGNUM *get() const { return m_value; }
+    // The value as exactly `width` big-endian bytes, leading zeros kept; empty if wider.
+    QByteArray bytes(int width) const
     {
-        Mpi mpi;
-        if (gcry_mpi_scan(&mpi.value, GCRYMPI_FMT_USG, bytes.constData(), size_t(bytes.size()),
-                          nullptr) != 0) {
-            mpi.value = nullptr;
+        QByteArray out(width, '\0');
+        if (m_c.BN_bn2binpad(m_value, reinterpret_cast<unsigned char *>(out.data()), width) !=
+            width) {
+            wipe(out);
         }
-        return mpi;
-    }
-    QByteArray bytes(int padTo = 0) const
-    {
-        size_t length = 0;
-        gcry_mpi_print(GCRYMPI_FMT_USG, nullptr, 0, &length, value);
-        QByteArray out(std::max<qsizetype>(qsizetype(length), padTo), '\0');
-        gcry_mpi_print(GCRYMPI_FMT_USG,
-                       reinterpret_cast<unsigned char *>(out.data()) +
-                           (out.size() - qsizetype(length)),
-                       length, &length, value);
         return out;
     }
+
+private:
+    const HMLibCrypto &m_c;
+    BIGNUM *m_value;
 };
 
-Mpi groupPrime()
+const QByteArray &groupPrime()
 {
-    return Mpi::scan(QByteArray::fromRawData(reinterpret_cast<const char *>(kPrime), kPrimeBytes));
+    static const QByteArray prime =
+        QByteArray::fromRawData(reinterpret_cast<const char *>(kPrime), kPrimeBytes);
+    return prime;
 }
 
-QByteArray hmacSha256(const QByteArray &key, const QByteArray &message)
+// base^exponent mod the group's prime, in constant time in the secret exponent; empty when
+// the arithmetic fails.
+QByteArray power(const HMLibCrypto &c, const Number &base, const Number &exponent)
 {
-    gcry_md_hd_t md = nullptr;
-    if (gcry_md_open(&md, GCRY_MD_SHA256, GCRY_MD_FLAG_HMAC) != 0) {
+    const Number prime(c, groupPrime());
+    const Number result(c, QByteArray(1, '\0'));
+    if (!prime.get() || !result.get() || !base.get() || !exponent.get()) {
         return {};
     }
-    QByteArray out;
-    if (gcry_md_setkey(md, key.constData(), size_t(key.size())) == 0) {
-        gcry_md_write(md, message.constData(), size_t(message.size()));
-        out = QByteArray(reinterpret_cast<const char *>(gcry_md_read(md, GCRY_MD_SHA256)), 32);
+    c.BN_set_flags(exponent.get(), BN_FLG_CONSTTIME);
+    BN_CTX *context = c.BN_CTX_new();
+    const bool ok =
+        context && c.BN_mod_exp(result.get(), base.get(), exponent.get(), prime.get(), context);
+    c.BN_CTX_free(context);
+    return ok ? result.bytes(kPrimeBytes) : QByteArray();
+}
+
+QByteArray hmacSha256(const HMLibCrypto &c, const QByteArray &key, const QByteArray &message)
+{
+    QByteArray out(32, '\0');
+    unsigned int length = 0;
+    if (!c.HMAC(c.EVP_sha256(), key.constData(), int(key.size()),
+                reinterpret_cast<const unsigned char *>(message.constData()),
+                size_t(message.size()), reinterpret_cast<unsigned char *>(out.data()), &length) ||
+        length != 32) {
+        wipe(out);
     }
-    gcry_md_close(md);
     return out;
 }
 
-QByteArray aes(const QByteArray &key, const QByteArray &iv, const QByteArray &data, bool encrypt)
+// AES-128-CBC over whole blocks: the padding is checked by the caller, which must not
+// tell a bad pad from a bad key any differently.
+QByteArray aes(const HMLibCrypto &c, const QByteArray &key, const QByteArray &iv,
+               const QByteArray &data, bool encrypt)
 {
-    gcry_cipher_hd_t cipher = nullptr;
-    if (gcry_cipher_open(&cipher, GCRY_CIPHER_AES128, GCRY_CIPHER_MODE_CBC, 0) != 0) {
-        return {};
-    }
-    QByteArray out(data.size(), '\0');
-    const bool ok = gcry_cipher_setkey(cipher, key.constData(), size_t(key.size())) == 0 &&
-                    gcry_cipher_setiv(cipher, iv.constData(), size_t(iv.size())) == 0 &&
-                    (encrypt ? gcry_cipher_encrypt(cipher, out.data(), size_t(out.size()),
-                                                   data.constData(), size_t(data.size()))
-                             : gcry_cipher_decrypt(cipher, out.data(), size_t(out.size()),
-                                                   data.constData(), size_t(data.size()))) == 0;
-    gcry_cipher_close(cipher);
-    if (!ok) {
+    EVP_CIPHER_CTX *cipher = c.EVP_CIPHER_CTX_new();
+    QByteArray out(data.size() + kBlock, '\0');
+    int written = 0;
+    int tail = 0;
+    const bool ok =
+        cipher &&
+        c.EVP_CipherInit_ex(cipher, c.EVP_aes_128_cbc(), nullptr,
+                            reinterpret_cast<const unsigned char *>(key.constData()),
+                            reinterpret_cast<const unsigned char *>(iv.constData()),
+                            encrypt ? 1 : 0) == 1 &&
+        c.EVP_CIPHER_CTX_set_padding(cipher, 0) == 1 &&
+        c.EVP_CipherUpdate(cipher, reinterpret_cast<unsigned char *>(out.data()), &written,
+                           reinterpret_cast<const unsigned char *>(data.constData()),
+                           int(data.size())) == 1 &&
+        c.EVP_CipherFinal_ex(cipher, reinterpret_cast<unsigned char *>(out.data()) + written,
+                             &tail) == 1;
+    c.EVP_CIPHER_CTX_free(cipher);
+    if (!ok || written + tail != data.size()) {
         wipe(out);
+        return out;
     }
+    out.truncate(data.size());
     return out;
 }
 
@@ -167,31 +172,35 @@ HMMaybeError sessionError(const QString &reason)
 QByteArray HMSecretServiceSession::agreedKey(const QByteArray &privateExponent,
                                              const QByteArray &peerPublic)
 {
-    if (!cryptoReady()) {
+    const HMLibCrypto *c = HMLibCrypto::instance();
+    if (!c) {
         return {};
     }
-    const Mpi prime = groupPrime();
-    const Mpi exponent = Mpi::scan(privateExponent);
-    const Mpi peer = Mpi::scan(peerPublic);
-    if (!prime.value || !exponent.value || !peer.value) {
+    const Number prime(*c, groupPrime());
+    QByteArray upperBytes = groupPrime();
+    upperBytes.back() = char(upperBytes.back() - 1); // the prime ends in 0xFF
+    const Number upper(*c, upperBytes);
+    const Number one(*c, QByteArray(1, '\1'));
+    const Number exponent(*c, privateExponent);
+    const Number peer(*c, peerPublic);
+    if (!prime.get() || !upper.get() || !one.get() || !exponent.get() || !peer.get()) {
         return {};
     }
     // 1 < y < p - 1: the values that would pin the shared secret to 1 or -1 are refused.
-    const Mpi upper(gcry_mpi_new(0));
-    gcry_mpi_sub_ui(upper.value, prime.value, 1);
-    if (gcry_mpi_cmp_ui(peer.value, 1) <= 0 || gcry_mpi_cmp(peer.value, upper.value) >= 0) {
+    if (c->BN_cmp(peer.get(), one.get()) <= 0 || c->BN_cmp(peer.get(), upper.get()) >= 0) {
         return {};
     }
-    const Mpi shared(gcry_mpi_snew(1024));
-    gcry_mpi_powm(shared.value, peer.value, exponent.value, prime.value);
     // The secret is the full width of the prime, leading zeros kept, as the services take it.
-    QByteArray material = shared.bytes(kPrimeBytes);
+    QByteArray material = power(*c, peer, exponent);
+    if (material.isEmpty()) {
+        return {};
+    }
     // HKDF-SHA256 with no salt and no info: extract, then the first block of expand.
-    QByteArray pseudoRandom = hmacSha256(QByteArray(32, '\0'), material);
-    QByteArray key = hmacSha256(pseudoRandom, QByteArray(1, '\x01')).left(kKeyBytes);
+    QByteArray pseudoRandom = hmacSha256(*c, QByteArray(32, '\0'), material);
+    QByteArray key = hmacSha256(*c, pseudoRandom, QByteArray(1, '\x01')).left(kKeyBytes);
     wipe(material);
     wipe(pseudoRandom);
-    return key;
+    return key.size() == kKeyBytes ? key : QByteArray();
 }
 
 std::unique_ptr<HMSecretServiceSession> HMSecretServiceSession::open(HMMaybeError *error)
@@ -207,18 +216,18 @@ std::unique_ptr<HMSecretServiceSession> HMSecretServiceSession::open(HMMaybeErro
     }
 
     QByteArray exponent(kPrimeBytes, '\0');
-    if (cryptoReady()) {
+    const HMLibCrypto *c = HMLibCrypto::instance();
+    QByteArray ours;
+    if (c && c->RAND_priv_bytes(reinterpret_cast<unsigned char *>(exponent.data()),
+                                int(exponent.size())) == 1) {
         // Below 2^1023, so below the prime; zero is all but impossible and refused anyway.
-        gcry_randomize(exponent.data(), size_t(exponent.size()), GCRY_STRONG_RANDOM);
         exponent[0] = char(exponent[0] & 0x7F);
-        const Mpi prime = groupPrime();
-        const Mpi secret = Mpi::scan(exponent);
-        const Mpi generator(gcry_mpi_set_ui(nullptr, 2));
-        const Mpi ours(gcry_mpi_new(1024));
-        gcry_mpi_powm(ours.value, generator.value, secret.value, prime.value);
+        ours = power(*c, Number(*c, QByteArray(1, '\2')), Number(*c, exponent));
+    }
+    if (!ours.isEmpty()) {
         const QDBusMessage reply =
             serviceCall(QStringLiteral("OpenSession"),
-                        {kEncryptedAlgorithm, QVariant::fromValue(QDBusVariant(ours.bytes()))});
+                        {kEncryptedAlgorithm, QVariant::fromValue(QDBusVariant(ours))});
         if (reply.type() == QDBusMessage::ReplyMessage && reply.arguments().size() == 2) {
             const QByteArray theirs =
                 reply.arguments().at(0).value<QDBusVariant>().variant().toByteArray();
@@ -242,6 +251,7 @@ std::unique_ptr<HMSecretServiceSession> HMSecretServiceSession::open(HMMaybeErro
             return nullptr;
         }
     }
+    wipe(exponent);
     const QDBusMessage reply =
         serviceCall(QStringLiteral("OpenSession"),
                     {QStringLiteral("plain"), QVariant::fromValue(QDBusVariant(QString()))});
@@ -281,12 +291,18 @@ HMServiceSecret HMSecretServiceSession::encode(const QByteArray &plain) const
     if (!isEncrypted()) {
         return secret;
     }
+    const HMLibCrypto *c = HMLibCrypto::instance();
     secret.parameters = QByteArray(kBlock, '\0');
-    gcry_create_nonce(secret.parameters.data(), kBlock);
+    if (!c ||
+        c->RAND_bytes(reinterpret_cast<unsigned char *>(secret.parameters.data()), kBlock) != 1) {
+        // Never sent in the clear: an empty value is refused by the service.
+        secret.value.clear();
+        return secret;
+    }
     QByteArray padded = plain;
     const int pad = kBlock - int(plain.size() % kBlock);
     padded.append(QByteArray(pad, char(pad)));
-    secret.value = aes(m_key, secret.parameters, padded, true);
+    secret.value = aes(*c, m_key, secret.parameters, padded, true);
     wipe(padded);
     return secret;
 }
@@ -303,7 +319,11 @@ std::optional<QByteArray> HMSecretServiceSession::decode(const HMServiceSecret &
         secret.value.size() % kBlock != 0) {
         return std::nullopt;
     }
-    QByteArray plain = aes(m_key, secret.parameters, secret.value, false);
+    const HMLibCrypto *c = HMLibCrypto::instance();
+    if (!c) {
+        return std::nullopt;
+    }
+    QByteArray plain = aes(*c, m_key, secret.parameters, secret.value, false);
     const int pad = plain.isEmpty() ? 0 : int(static_cast<unsigned char>(plain.back()));
     bool padded = pad >= 1 && pad <= kBlock;
     for (int i = 1; padded && i <= pad; ++i) {

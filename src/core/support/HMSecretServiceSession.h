@@ -4,7 +4,7 @@
 // the 1024-bit IETF group, HKDF-SHA256 to a 128-bit key, and AES-CBC with PKCS#7 padding
 // for each secret, so a bus monitor or a logged bus dump never holds a password in the
 // clear. A service that does not offer that algorithm is met with "plain", as the protocol
-// allows. The arithmetic is libgcrypt's, which every systemd-linked process maps already.
+// allows. The arithmetic is the system libcrypto's, loaded when the first session opens.
 //
 // Used by HMSecretServiceKeychain on whichever thread makes the call; the session closes
 // when the object goes.
