@@ -8,6 +8,7 @@
 
 #include <QDBusConnection>
 #include <QDBusVariant>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
@@ -96,6 +97,12 @@ private Q_SLOTS:
         const QString path = QStringLiteral("/org/freedesktop/secrets/prompt/p1");
         QThread serving; // the played service answers on a thread of its own
         serving.start();
+        // A check that fails returns early: the thread must still end before it is destroyed.
+        const auto stopServing = qScopeGuard([&serving] {
+            QDBusConnection::disconnectFromBus("played-secret-service");
+            serving.quit();
+            serving.wait();
+        });
         auto *prompt = new WaitingPrompt;
         prompt->moveToThread(&serving);
         QObject::connect(&serving, &QThread::finished, prompt, &QObject::deleteLater);
@@ -119,14 +126,12 @@ private Q_SLOTS:
             return HMSecretServicePrompt::run(QDBusObjectPath(path), std::chrono::seconds(30),
                                               &error);
         });
+        // Runs before the future's destructor, which would wait out the 30 s otherwise.
+        const auto letGo = qScopeGuard([] { HMSecretServicePrompt::dismissAll(); });
         QTRY_VERIFY(prompt->started);
         HMSecretServicePrompt::dismissAll();
         QTRY_VERIFY(waiting.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
         QVERIFY(!waiting.get());
-
-        QDBusConnection::disconnectFromBus("played-secret-service");
-        serving.quit();
-        serving.wait();
     }
 };
 
