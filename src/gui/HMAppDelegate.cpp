@@ -39,6 +39,7 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <syslog.h>
 
 const QString HMAppDelegate::kDidLogInNotification = QStringLiteral("HMDidLogInNotification");
@@ -84,9 +85,15 @@ void HMAppDelegate::prepareProcess()
     // mapping in a process that parses the network's answers, and its compiler stays
     // resident (0.3 MiB) although no pattern here runs often enough to gain from it. A
     // user's own setting wins.
-    if (!qEnvironmentVariableIsSet("QT_ENABLE_REGEXP_JIT")) {
-        qputenv("QT_ENABLE_REGEXP_JIT", "0");
+    if (qEnvironmentVariableIsSet("QT_ENABLE_REGEXP_JIT")) {
+        return;
     }
+    qputenv("QT_ENABLE_REGEXP_JIT", "0");
+    // Qt reads the setting once, when it compiles its first pattern: one is compiled here,
+    // and the setting taken out again so that the programs we open (the browser, the file
+    // manager) do not inherit it.
+    static_cast<void>(QRegularExpression(QStringLiteral("x")).isValid());
+    qunsetenv("QT_ENABLE_REGEXP_JIT");
 }
 
 HMAppDelegate::Collaborators HMAppDelegate::production()
