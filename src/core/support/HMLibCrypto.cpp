@@ -1,5 +1,8 @@
 #include "HMLibCrypto.h"
 
+#include "HMLog.h"
+
+#include <QString>
 #include <dlfcn.h>
 #include <optional>
 
@@ -16,6 +19,8 @@ std::optional<HMLibCrypto> load()
     // Never closed: the TLS stack shares it, and unloading it would gain nothing.
     void *library = dlopen("libcrypto.so.3", RTLD_NOW | RTLD_LOCAL);
     if (!library) {
+        HMLogError(
+            QStringLiteral("Cannot load libcrypto: %1").arg(QString::fromLocal8Bit(dlerror())));
         return std::nullopt;
     }
     HMLibCrypto c;
@@ -37,7 +42,12 @@ std::optional<HMLibCrypto> load()
         resolve(library, "EVP_CipherInit_ex", c.EVP_CipherInit_ex) &&
         resolve(library, "EVP_CipherUpdate", c.EVP_CipherUpdate) &&
         resolve(library, "EVP_CipherFinal_ex", c.EVP_CipherFinal_ex);
-    return complete ? std::optional<HMLibCrypto>(c) : std::nullopt;
+    if (!complete) {
+        HMLogError(QStringLiteral("libcrypto lacks a function the keyring needs: %1")
+                       .arg(QString::fromLocal8Bit(dlerror())));
+        return std::nullopt;
+    }
+    return c;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "HMSecretServiceSession.h"
 
 #include "HMLibCrypto.h"
+#include "HMLog.h"
 #include "HMSecretServiceKeychain.h"
 
 #include <QDBusConnection>
@@ -252,6 +253,10 @@ std::unique_ptr<HMSecretServiceSession> HMSecretServiceSession::open(HMMaybeErro
         }
     }
     wipe(exponent);
+    // The protocol allows it, but a bus monitor would then see the password.
+    HMLogError(QStringLiteral("The keyring session is not encrypted: %1")
+                   .arg(ours.isEmpty() ? QStringLiteral("no cryptography available")
+                                       : QStringLiteral("the service does not offer it")));
     const QDBusMessage reply =
         serviceCall(QStringLiteral("OpenSession"),
                     {QStringLiteral("plain"), QVariant::fromValue(QDBusVariant(QString()))});
