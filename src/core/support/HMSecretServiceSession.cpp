@@ -177,14 +177,13 @@ QByteArray HMSecretServiceSession::agreedKey(const QByteArray &privateExponent,
     if (!c) {
         return {};
     }
-    const Number prime(*c, groupPrime());
     QByteArray upperBytes = groupPrime();
     upperBytes.back() = char(upperBytes.back() - 1); // the prime ends in 0xFF
     const Number upper(*c, upperBytes);
     const Number one(*c, QByteArray(1, '\1'));
     const Number exponent(*c, privateExponent);
     const Number peer(*c, peerPublic);
-    if (!prime.get() || !upper.get() || !one.get() || !exponent.get() || !peer.get()) {
+    if (!upper.get() || !one.get() || !exponent.get() || !peer.get()) {
         return {};
     }
     // 1 < y < p - 1: the values that would pin the shared secret to 1 or -1 are refused.
